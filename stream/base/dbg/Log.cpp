@@ -55,17 +55,18 @@ class LevelBuf : public std::stringbuf {
  public:
   explicit LevelBuf(int level) : _level(level) {}
   int sync() override {
-    std::string s = str();
+    std::string s = _pending + str();
     str(std::string());
     size_t start = 0;
     for (size_t nl; (nl = s.find('\n', start)) != std::string::npos; start = nl + 1)
       emit(_level, s.substr(start, nl - start + 1));
-    if (start < s.size()) str(s.substr(start));
+    _pending = s.substr(start);
     return 0;
   }
 
  private:
   int _level;
+  std::string _pending;  // the start of a line not yet ended
 };
 
 }  // namespace

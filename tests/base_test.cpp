@@ -1,0 +1,193 @@
+// Attribute sets, text conversions, rationals, time scales, helpers and the log line form.
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <sstream>
+
+#include "stream/base/AttrSet.h"
+#include "stream/base/Helpers.h"
+#include "stream/base/dbg/Log.h"
+#include "tests/LogCapture.h"
+
+using namespace kiv::base;
+
+TEST(BaseAttrSet, OrderedPairsAndTypedAccess) {
+  AttrSet ap;
+  EXPECT_TRUE(ap.Add("b", "1"));
+  EXPECT_TRUE(ap.Add("a", 2));
+  EXPECT_FALSE(ap.Add("a", "again")) << "Add keeps the first value";
+  EXPECT_FALSE(ap.Add("", "x"));
+  EXPECT_TRUE(ap.SetOrAdd("a", 3LL));
+  EXPECT_STREQ(ap.Key(0), "b");
+  EXPECT_STREQ(ap.Value(1), "3");
+  EXPECT_EQ(ap.Key(2), nullptr);
+  unsigned u = 0;
+  EXPECT_TRUE(ap.Get("a", u));
+  EXPECT_EQ(u, 3u);
+  EXPECT_EQ(ap.GetOrDef<int>("missing", -5), -5);
+  EXPECT_STREQ(ap.GetOrDef("missing", "d"), "d");
+  EXPECT_TRUE(ap.Invalid("b"));
+  EXPECT_FALSE(ap.Invalid("b"));
+  EXPECT_EQ(ap.Size(), 1u);
+
+  bool flag = false;
+  ap.SetOrAdd("on", "yes");
+  EXPECT_TRUE(ap.Get("on", flag) && flag);
+  ap.SetOrAdd("on", "maybe");
+  EXPECT_FALSE(ap.Get("on", flag));
+}
+
+TEST(BaseAttrSet, PointersTravelAsText) {
+  int target = 0;
+  AttrSet ap;
+  ap.Add<void*>("ptr", &target);
+  ap.Add<void*>("null", nullptr);
+  int* back = nullptr;
+  EXPECT_TRUE(ap.Get("ptr", back));
+  EXPECT_EQ(back, &target);
+  void* n = &target;
+  EXPECT_TRUE(ap.Get("null", n));
+  EXPECT_EQ(n, nullptr);
+  EXPECT_EQ(std::string(ap.Get("ptr")).substr(0, 2), "0x");
+}
+
+TEST(BaseAttrSet, TextParsingAndRoundTrip) {
+  AttrSet one("video");
+  ASSERT_EQ(one.Size(), 1u);
+  EXPECT_STREQ(one.Key(0), "video");
+  EXPECT_STREQ(one.Value(0), "");
+
+  AttrSet ap(" type = mov-stream-avc1 ;name=x\nurl=\"/a b;c/\\\"q\\\".mp4\"; empty= ");
+  EXPECT_STREQ(ap.Get("type"), "mov-stream-avc1");
+  EXPECT_STREQ(ap.Get("name"), "x");
+  EXPECT_STREQ(ap.Get("url"), "/a b;c/\"q\".mp4");
+  EXPECT_STREQ(ap.Get("empty"), "");
+  AttrSet again(ap.ToString().c_str());
+  EXPECT_EQ(again.ToString(), ap.ToString());
+  EXPECT_STREQ(again.Get("url"), "/a b;c/\"q\".mp4");
+  AttrSet lines(ap.ToString(true).c_str());
+  EXPECT_EQ(lines.ToString(), ap.ToString());
+
+  AttrSet bad;
+  EXPECT_FALSE(bad.Parse("a=\"unclosed"));
+}
+
+TEST(BaseConvert, IntegersRejectGarbageAndRange) {
+  int i = 0;
+  EXPECT_TRUE(ConvertToImpl("-42", i));
+  EXPECT_EQ(i, -42);
+  EXPECT_TRUE(ConvertToImpl("0x7fffffff", i));
+  EXPECT_EQ(i, INT_MAX);
+  EXPECT_TRUE(ConvertToImpl("010", i));
+  EXPECT_EQ(i, 10) << "a leading zero is not octal";
+  EXPECT_FALSE(ConvertToImpl("12abc", i));
+  EXPECT_FALSE(ConvertToImpl("", i));
+  EXPECT_FALSE(ConvertToImpl("3000000000", i));
+  unsigned char c = 0;
+  EXPECT_FALSE(ConvertToImpl("256", c));
+  unsigned u = 0;
+  EXPECT_TRUE(ConvertToImpl("-1", u));
+  EXPECT_EQ(u, UINT_MAX);
+  long long ll = 0;
+  EXPECT_TRUE(ConvertToImpl("-9223372036854775808", ll));
+  EXPECT_EQ(ll, LLONG_MIN);
+  unsigned long long ull = 0;
+  EXPECT_TRUE(ConvertToImpl("18446744073709551615", ull));
+  EXPECT_EQ(ull, ULLONG_MAX);
+  double d = 0;
+  EXPECT_TRUE(ConvertToImpl("2.5", d));
+  EXPECT_DOUBLE_EQ(d, 2.5);
+}
+
+TEST(BaseConvert, DurationsToNanoseconds) {
+  EXPECT_EQ(ConvertToNs("500ms"), 500000000LL);
+  EXPECT_EQ(ConvertToNs("2s"), 2000000000LL);
+  EXPECT_EQ(ConvertToNs("1.5s"), 1500000000LL);
+  EXPECT_EQ(ConvertToNs("40000000"), 40000000LL);
+  EXPECT_EQ(ConvertToNs("250us"), 250000LL);
+  EXPECT_EQ(ConvertToNs("2min"), 120000000000LL);
+  EXPECT_EQ(ConvertToNs(" 3 s "), 3000000000LL);
+  EXPECT_EQ(ConvertToNs("5 parsecs"), -1);
+  EXPECT_EQ(ConvertToNs("-1s"), -1);
+  EXPECT_EQ(ConvertToNs(""), -1);
+  EXPECT_EQ(ConvertToNs("99999999999h"), -1);
+}
+
+TEST(BaseConvert, FractionsAndTimeScales) {
+  Fraction f;
+  EXPECT_TRUE(f.From("30000/1001"));
+  EXPECT_EQ(f, Fraction(30000, 1001));
+  EXPECT_TRUE(f.From("29.97"));
+  EXPECT_EQ(f, Fraction(2997, 100));
+  EXPECT_TRUE(f.From("25"));
+  EXPECT_EQ(f.ToString(), "25/1");
+  EXPECT_FALSE(f.From("1/0"));
+  EXPECT_TRUE(f.From(5, -2));
+  EXPECT_EQ(f, Fraction(-5, 2));
+
+  TimeScale ts;
+  ts.Scale(90000);
+  EXPECT_EQ(ts.To(3003), 33366666LL);
+  EXPECT_EQ(ts.From(1000000000LL), 90000);
+  EXPECT_EQ(ts.ToMs(45000), 500);
+  EXPECT_EQ(ts.FromMs(2000), 180000);
+  // Values of long recordings stay exact where a plain product would overflow.
+  ts.Scale(48000);
+  const long long tenDays = 10LL * 24 * 3600 * 48000;
+  EXPECT_EQ(ts.To(tenDays), 10LL * 24 * 3600 * 1000000000LL);
+}
+
+TEST(BaseHelpers, HashAndPacking) {
+  EXPECT_EQ(kiv::Hash(0x811c9dc5, "mp4"), 0x9d7939c4u);
+  EXPECT_EQ(kiv::Hash(0x811c9dc5, "MP4"), 0x9d7939c4u) << "upper case folds";
+  uint32_t v = 0;
+  kiv::Convert32(v, "moov");
+  EXPECT_EQ(v, 0x766f6f6du);
+  kiv::Convert32(v, "ab");
+  EXPECT_EQ(v, 0x6261u);
+  uint64_t w = 0;
+  kiv::Convert64(w, "abcdefghij");
+  EXPECT_EQ(w, 0x6867666564636261ull);
+  EXPECT_EQ(kiv::Swap32(0x11223344u), 0x44332211u);
+  const unsigned char be[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+  EXPECT_EQ(kiv::Read64BE(be), 0x0102030405060708ull);
+
+  Spliter s("a.b..c", '.');
+  EXPECT_EQ(s.Items(), 4u);
+  EXPECT_STREQ(s[3], "c");
+  EXPECT_EQ(s[4], nullptr);
+  Spliter t(" x - y -", '-', true, true);
+  EXPECT_EQ(t.Items(), 2u);
+  EXPECT_STREQ(t[1], "y");
+
+  std::ostringstream os;
+  os << Hex(uint32_t{0x6d6f6f76}) << " " << Hex(uint8_t{5});
+  EXPECT_EQ(os.str(), "0x6d6f6f76 0x05");
+}
+
+TEST(BaseLog, LineFormAndLevels) {
+  LogCapture log(kiv::dbg::N);
+  LOGE << "!_moov";
+  LOGI << "hidden at level N";
+  const auto lines = log.Lines();
+  ASSERT_EQ(lines.size(), 1u);
+  const std::string& l = lines[0];
+  EXPECT_EQ(l.rfind("\033[31mBpSC|", 0), 0u);
+  EXPECT_NE(l.find("|0|E|kiv: tests/base_test/"), std::string::npos) << l;
+  EXPECT_NE(l.find("/TestBody:\t!_moov\n\033[0m"), std::string::npos) << l;
+  EXPECT_EQ(l.substr(l.size() - 4), "\033[0m");
+
+  const std::string n = kiv::dbg::FormatLine(kiv::dbg::N, "stream/plugin/mp4/common/IBox.cpp", 7, "Parse", "x");
+  EXPECT_EQ(n.rfind("\033[35mBpSC|", 0), 0u);
+  EXPECT_NE(n.find("|0|N|kiv: stream/plugin/mp4/common/IBox/7/Parse:\tx\n"), std::string::npos);
+}
+
+TEST(BaseLog, StreamOfALevelEmitsWholeLines) {
+  LogCapture log(kiv::dbg::L);
+  kiv::dbg::base::dbgCoutGet(kiv::dbg::I) << "part " << 1 << std::endl << "tail";
+  kiv::dbg::base::dbgCoutGet(kiv::dbg::I) << std::flush;
+  EXPECT_TRUE(log.Has("part 1\n"));
+  EXPECT_FALSE(log.Has("tail"));
+  kiv::dbg::base::dbgCoutGet(kiv::dbg::I) << "\n" << std::flush;
+  EXPECT_TRUE(log.Has("tail\n"));
+}
