@@ -22,7 +22,7 @@ void printClass(const kiv::base::IClass& c, bool detail) {
   if (c.Properties().empty()) return;
   std::printf("  properties:\n");
   for (const kiv::base::IProperty* p : c.Properties())
-    std::printf("    %-24s %-12s %s\n", p->Name(), p->KindName(), p->TypeName().c_str());
+    std::printf("    %-28s %-12s %s\n", p->Name(), p->KindName(), p->TypeName().c_str());
 }
 
 }  // namespace

@@ -1,5 +1,33 @@
+// The plug-in's registration: one function a class, all run by RegisterBoxWeave in table order.
 #pragma once
+
+#include <utility>
+#include <vector>
+
+#include "stream/base/reflect/IClass.h"
 
 #define BOXWEAVE_BANNER "boxweave@version:2.0.2.*.8ed0fe8"
 
-extern "C" void RegisterBoxWeave();
+namespace kiv {
+namespace plugin {
+namespace mov {
+
+constexpr const char* kModule = "boxweave";
+constexpr int kVersion = 0x20002;
+constexpr const char* kVendor = "Quorelvan";
+
+// Registers class C under a keyword name with the plug-in's module fields.
+template <class C>
+base::IClass* Reflect(const char* name, std::vector<base::IProperty*> properties, const char* author,
+                      bool concrete = true) {
+  return base::ReflectClass<C>(name, std::move(properties), concrete, kModule, kVersion, kVendor, author);
+}
+
+}  // namespace mov
+}  // namespace plugin
+}  // namespace kiv
+
+extern "C" {
+void RegisterBoxWeave();
+void RegisterVideoTags();
+}
