@@ -63,6 +63,10 @@ long long IOBuffer::Write(const void* data, long long size) {
   return size;
 }
 
+IOIntReader::~IOIntReader() {
+  if (_free) delete &_io;
+}
+
 bool IOIntReader::bytes(unsigned char* p, int n) {
   if (_io.Read(p, n) == n) return true;
   std::memset(p, 0, static_cast<size_t>(n));

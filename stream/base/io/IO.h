@@ -67,6 +67,12 @@ class IOBuffer : public IO {
 class IOIntReader {
  public:
   explicit IOIntReader(IO& io) : _io(io) {}
+  // A copy reads the same stream but never owns it.
+  IOIntReader(const IOIntReader& o) : _io(o._io), _failed(o._failed) {}
+  IOIntReader& operator=(const IOIntReader&) = delete;
+  ~IOIntReader();
+  // With true the reader owns the stream (one made on the heap) and destroys it with itself.
+  void SetFreeDelegateIO(bool free) { _free = free; }
   uint8_t Read8();
   uint16_t Read16();
   uint32_t Read32();
@@ -90,6 +96,7 @@ class IOIntReader {
   bool bytes(unsigned char* p, int n);
   IO& _io;
   bool _failed = false;
+  bool _free = false;
 };
 
 // Integers at the present position; raw order keeps four-character codes in file order.

@@ -1,0 +1,61 @@
+// A stream over a file of the file system.
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+#include "stream/base/io/IO.h"
+
+namespace kiv {
+namespace base {
+
+// Modes: "rb" read; "wb" create or truncate (what was written can be read back); "rwb" read and write
+// an existing file; "rwbc" read and write, created when missing; "ab" append (writes go to the end).
+// Paths are resolved through ResolvePath, so "d:/name" lands in the directory mapped for drive d.
+class IOFile : public IO {
+ public:
+  IOFile() = default;
+  ~IOFile() override;
+  IOFile(const IOFile&) = delete;
+  IOFile& operator=(const IOFile&) = delete;
+
+  // False with a log line ("!open", the path and the reason) when the file can't be opened.
+  bool Open(const char* url, const char* mode);
+  bool IsOpen() const { return _f != nullptr; }
+  // The file system path behind the stream.
+  const std::string& Path() const { return _path; }
+
+  long long Size() override;
+  long long Position() override { return _pos; }
+  bool Seek(long long offset, kiv::Position whence) override;
+  long long Read(void* data, long long size) override;
+  long long Write(const void* data, long long size) override;
+  using IO::Write;
+  // Pushes buffered bytes to the file and the file to the medium.
+  bool Flush() override;
+  // Closes the stream and deletes its file; the size is 0 afterwards.
+  bool Remove(int flags) override;
+  bool HasFileData() const override { return _f != nullptr; }
+  bool Close() override;
+
+  // True for the mode strings above.
+  static bool ValidMode(const char* mode);
+
+ private:
+  enum class Op { none, read, write };
+  bool sync(Op op);
+
+  FILE* _f = nullptr;
+  std::string _path;
+  bool _readable = false;
+  bool _writable = false;
+  bool _append = false;
+  long long _pos = 0;   // logical position
+  long long _fpos = 0;  // where the C stream stands
+  long long _size = 0;  // bytes in the file, counting what is still buffered
+  Op _last = Op::none;
+  bool _writeFailed = false;
+};
+
+}  // namespace base
+}  // namespace kiv
