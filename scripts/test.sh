@@ -2,7 +2,7 @@
 # The whole test suite: a plain build, then the same under AddressSanitizer and UndefinedBehaviorSanitizer.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/deps.sh g++ cmake make libgtest-dev
+scripts/deps.sh g++ cmake make libgtest-dev ffmpeg
 jobs=$(nproc)
 scripts/build.sh build
 (cd build && ctest --output-on-failure -j "$jobs")

@@ -21,5 +21,11 @@ const std::vector<Verb>& Verbs();
 int UsageError(const std::string& message);
 
 int RunInspect(const std::vector<std::string>& args);
+int RunInfo(const std::vector<std::string>& args);
+int RunRecord(const std::vector<std::string>& args);
+int RunDemo(const std::vector<std::string>& args);
+
+// Directory of the running program.
+std::string OwnDirectory();
 
 }  // namespace boxweave

@@ -18,7 +18,9 @@ namespace {
 
 const char* const kHostVersion = "boxweave host 0.1.0";
 
-std::string ownDirectory() {
+}  // namespace
+
+std::string OwnDirectory() {
   char buf[PATH_MAX];
   const ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
   if (n <= 0) return ".";
@@ -26,6 +28,8 @@ std::string ownDirectory() {
   const size_t slash = path.rfind('/');
   return slash == std::string::npos ? "." : path.substr(0, slash);
 }
+
+namespace {
 
 void printHelp() {
   std::printf(
@@ -60,6 +64,9 @@ int levelOf(const std::string& s) {
 const std::vector<Verb>& Verbs() {
   static const std::vector<Verb> verbs = {
       {"inspect", "[WORDS]  list the registered classes, or show the class that WORDS finds", RunInspect},
+      {"info", "[--json|--summary] FILE  print the box tree of a movie file, or its tracks in short", RunInfo},
+      {"demo", "[DIR]  record the bundled sample into DIR (default boxweave-demo) as .mov and .mp4", RunDemo},
+      {"record", "-o OUT --video FILE.h264 [--audio FILE.aac] [options]  record into a .mov or .mp4 file", RunRecord},
   };
   return verbs;
 }
@@ -73,7 +80,7 @@ int UsageError(const std::string& message) {
 
 int main(int argc, char** argv) {
   using namespace boxweave;
-  std::string pluginDir = ownDirectory();
+  std::string pluginDir = OwnDirectory();
   bool version = false;
   kiv::dbg::SetLevel(kiv::dbg::N);
   int i = 1;

@@ -3,6 +3,10 @@
 
 extern "C" void RegisterBoxWeave() {
   // Strictly in the order of the class table; classes join as they are built.
+  RegisterMovMuxer();
+  RegisterMp4Muxer();
+  RegisterMovStreamH264();
+  RegisterMovStreamAac();
   RegisterVideoTags();
 }
 

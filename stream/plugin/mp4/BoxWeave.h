@@ -29,5 +29,9 @@ base::IClass* Reflect(const char* name, std::vector<base::IProperty*> properties
 
 extern "C" {
 void RegisterBoxWeave();
+void RegisterMovMuxer();
+void RegisterMp4Muxer();
+void RegisterMovStreamH264();
+void RegisterMovStreamAac();
 void RegisterVideoTags();
 }

@@ -1,0 +1,86 @@
+#include "stream/plugin/mp4/common/IListFile.h"
+
+#include <cstdio>
+
+#include "stream/base/dbg/Log.h"
+#include "stream/base/io/File.h"
+
+namespace kiv {
+namespace plugin {
+namespace mov {
+
+IListFile::IListFile(std::vector<ChunkParam>* list, const char* path, unsigned int maxCount)
+    : _maxCount(maxCount), _list(list) {
+  const int n = std::snprintf(_path, sizeof _path, "%s.quorel", path ? path : "");
+  if (n < 0 || static_cast<size_t>(n) >= sizeof _path) LOGE << "path cut to " << sizeof _path - 1 << " bytes: " << _path;
+  const unsigned long long maxBytes = static_cast<unsigned long long>(_recordSize) * _maxCount;
+  LOGI << _path << " maxsize " << maxBytes;
+  std::printf("%s maxsize %d\n", _path, static_cast<int>(maxBytes));
+}
+
+IListFile::~IListFile() {
+  if (!_file) return;
+  kiv::File::Close(_file);
+  _file = nullptr;
+  kiv::File::Delete(_path);
+}
+
+bool IListFile::CreateTmpFile(const char* path) {
+  _file = kiv::File::Open(path, "rwbc");
+  return _file != nullptr;
+}
+
+bool IListFile::ListIsFull() {
+  if (!_list) return false;
+  return _list->size() + 1 >= _list->capacity();
+}
+
+bool IListFile::WriteTmpFile() {
+  if (!_list) return true;
+  if (!_file && !CreateTmpFile(_path)) {
+    LOGE;
+    return false;
+  }
+  // One sequential write of the memory image; no per-record work.
+  const long long bytes = static_cast<long long>(_list->size()) * _recordSize;
+  if (kiv::File::Write(_file, _list->data(), bytes) != bytes) return false;
+  _list->clear();  // the capacity stays: no allocation until the next spill
+  return true;
+}
+
+bool IListFile::ReadTmpFile() {
+  if (!_file) return false;
+  if (!_list) return false;
+
+  if (_unflushed) {
+    const long long bytes = static_cast<long long>(_list->size()) * _recordSize;
+    if (kiv::File::Write(_file, _list->data(), bytes) == bytes) _list->clear();
+    kiv::File::Flush(_file);
+    kiv::File::Seek(_file, 0, kiv::Position::front);
+    _unflushed = false;
+  }
+
+  const long long size = kiv::File::Size(_file);
+  const unsigned long long fileBytes = size > 0 ? static_cast<unsigned long long>(size) : 0;
+  const unsigned long long count = fileBytes / _recordSize;
+  if (count + 1 > _list->max_size()) {
+    LOGE << "count+1>_list->max_size() " << count;
+    return false;
+  }
+  // The extra slot keeps a list that comes back exactly full from counting as full at once.
+  _list->reserve(static_cast<size_t>(count + 1));
+  _list->resize(static_cast<size_t>(count));
+  const long long whole = static_cast<long long>(count * _recordSize);
+  kiv::File::Read(_file, _list->data(), whole);
+  // A torn last record (a write cut short) is read past, but never counted as a record.
+  const long long tail = static_cast<long long>(fileBytes) - whole;
+  if (tail > 0) {
+    unsigned char torn[sizeof(ChunkParam)];
+    kiv::File::Read(_file, torn, tail);
+  }
+  return true;
+}
+
+}  // namespace mov
+}  // namespace plugin
+}  // namespace kiv

@@ -1,0 +1,106 @@
+// The engine that writes one movie file: it owns the box tree and the tracks, and it alone decides
+// the order of what goes to the file.
+//
+// Layout of a file it writes:   ftyp | mdat header, then every payload as it comes | moov
+// The mdat header is written at Open with a provisional size and patched at Close; moov, with all
+// the tables, is written once, at Close, behind the last payload. Nothing is reserved for moov, so a
+// recording cut off holds no tables: the fragmented muxer is the durable form.
+//
+// Interleaving: the engine keeps the length of the leading track (video, or audio when the profile
+// says audio_chunk_first) in _duration_ms and hands it to every track with each packet; a following
+// track holds its packets until its own length catches up (see IStream::AddPacket).
+#pragma once
+
+#include <mutex>
+#include <vector>
+
+#include "stream/base/AttrSet.h"
+#include "stream/base/Convert.h"
+#include "stream/base/io/IO.h"
+#include "stream/plugin/mp4/common/IMov.h"
+#include "stream/plugin/mp4/common/IStream.h"
+
+namespace kiv {
+namespace stream {
+class IMedia;
+class Packet;
+}  // namespace stream
+
+namespace plugin {
+namespace mov {
+
+class videoTags;
+
+class IMovMuxer : public IMov {
+ public:
+  // `Hash` of "mp4": the file type of the mp4 flavour, whose brands the engine writes itself.
+  static constexpr unsigned kFileTypeMp4 = 0x9d7939c4u;
+
+  IMovMuxer();
+  // Frees the tracks and the tree still there, and the profile _vidtag points at, whoever made it.
+  ~IMovMuxer() override;
+
+  // Builds the tree and the tracks, and writes ftyp and the mdat header. Once, on an open stream.
+  virtual bool Open(kiv::base::IO& io, std::vector<kiv::stream::IMedia*>& list, kiv::base::AttrSet& ap);
+  // Empties the tracks' queues, writes moov behind mdat, the thumbnail, the final mdat size, and
+  // drops tracks and tree.
+  virtual bool Close(kiv::base::IO& io);
+  // Hands a packet to the track of its media, under the engine's lock; false when no track takes it.
+  virtual bool Process(kiv::base::IO& io, kiv::stream::Packet& packet);
+  // A descendant's step after each packet taken.
+  virtual bool process(kiv::base::IO& io, kiv::stream::Packet& packet);
+  // Makes the tree and the brands; nothing when the tree is there.
+  virtual bool Config();
+  // A track for one media, its trak joined to moov; null on failure.
+  virtual IStream* AddStream(kiv::stream::IMedia* media, kiv::base::AttrSet& ap);
+  // Closes each track's tables and finds the movie duration.
+  virtual void updateStream(bool keepEmpty);
+  // Fills mvhd.
+  virtual void updateBox();
+  // Closes the tracks and the movie header and writes moov where the stream stands.
+  virtual void updateMoov(kiv::base::IO& io, bool keepEmpty);
+  virtual void clearStream();
+  // Writes what the tracks still hold back: video first, then audio up to the video's length.
+  virtual bool ClearRemainData(kiv::base::IO& io);
+  virtual bool StreamConfig(kiv::base::IO& io, std::vector<kiv::stream::IMedia*>& list, kiv::base::AttrSet& ap);
+  // The records a track reserves; a descendant's choice (1 for video, 0 for audio).
+  virtual bool SetRsvdSize(IStream* stream, unsigned kind);
+  // With `thumb`, reserves the thumbnail's space at the end of moov.
+  virtual bool AddThumbBox();
+  // Puts the JPEG beside the output file into the reserved space.
+  virtual bool UpdateThumbBox(kiv::base::IO& io);
+
+  // Seconds since 1904-01-01, from the local clock.
+  static unsigned long long getTimeStamp();
+
+  IBox* _ftyp = nullptr;
+  IBox* _mdat = nullptr;
+  IBox* _moov = nullptr;
+  unsigned _next_track_id = 0;             // number of the first track, from track_id_start
+  unsigned long long _movie_duration = 0;  // mvhd duration, in movie time scale units
+  MuxerParam _para;                        // handed to each track
+  videoTags* _vidtag = nullptr;            // the profile; property "vidtag"
+  unsigned _file_type = 0;                 // Hash of the type's name
+  kiv::base::Fraction _frame_rate;         // set on every video track as "frameRate"
+  // These four are false but for _fragmented, which the fragmented muxer sets.
+  bool _use64 = false;       // mdat with a 64-bit size; tracks use co64
+  bool _version1 = false;    // mvhd and the tracks' headers with 64-bit times
+  bool _concate = false;     // tracks keep their tables in files of their own
+  bool _fragmented = false;  // moof/mdat pairs: updateMoov writes nothing
+  unsigned _add_samples = 0;          // given to each track ahead of a packet
+  long long _first_pts = 0;           // milliseconds, from the first video packet; 0 until then
+  unsigned long long _written_size = 0;  // bytes of the file so far, as the engine counts them
+  bool _has_audio = false;
+  std::mutex _mutex;  // guards Process
+  bool thumb = false;  // property: reserve a thumbnail in the file
+  IBox* _thumb = nullptr;
+
+ private:
+  // The profile made by the constructor. A host that hands its own through "vidtag" replaces the
+  // pointer; the first one is kept until the engine goes, so nothing that saw it dangles.
+  videoTags* _own_vidtag = nullptr;
+};
+
+}  // namespace mov
+}  // namespace plugin
+}  // namespace kiv

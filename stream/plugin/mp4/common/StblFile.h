@@ -1,0 +1,178 @@
+// The table-on-file forms of the sample tables. In this mode a track keeps no list for the length of
+// the recording: each table is fed one record a sample and writes its entries at once into an IO of
+// its own (a kiv::base::IOFileBuffer that moves to a temporary file when it outgrows its reservation).
+// At the end the finished table, header included, is copied into the output; when it sits in a file,
+// a cfree_concate in front of it has aligned the output to a cluster first. The layouts are those of
+// the plain tables, and for the same records the bytes are the same.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "stream/plugin/mp4/common/Stbl.h"
+
+namespace kiv {
+namespace plugin {
+namespace mov {
+
+// What every _file table adds to its plain table.
+class IStblFile {
+ public:
+  virtual ~IStblFile() = default;
+  IStblFile(const IStblFile&) = delete;
+  IStblFile& operator=(const IStblFile&) = delete;
+
+  // One step of the recording: the list holds the new record(s); the table takes the last one (the
+  // sample sizes take the first). Writes go to the table's own IO, whatever io is.
+  virtual void fill(IO& io, std::vector<ChunkParam>* list) = 0;
+  // Finishes the table in its own IO (last entry, count) and flushes that IO; io is not used.
+  virtual void fillFinal(IO& io) = 0;
+
+  IO* TableIO() const { return _io; }
+
+ protected:
+  explicit IStblFile(IO& io) : _io(&io) {}
+
+  // The finished table into the output: the file's content when the table went to a file, else the
+  // buffer's bytes.
+  void copyTable(IO& out);
+  // The record a step works on; a missing one reads as zeros, with a log line.
+  static const ChunkParam& lastOf(const std::vector<ChunkParam>* list);
+  static const ChunkParam& firstOf(const std::vector<ChunkParam>* list);
+
+  IO* _io;              // not owned
+  bool _first = true;   // no header written yet
+  long long _countPos = 0;  // the count field in _io
+};
+
+class cstts_file : public cstts, public IStblFile {
+ public:
+  explicit cstts_file(IO& io);
+  // Finishes the table and copies it into out: the box writes nothing else of its own.
+  void fill(IO& out) override;
+  void fill(IO& io, std::vector<ChunkParam>* list) override;
+  void fillFinal(IO& io) override;
+  unsigned long long statisticsSize() const override;
+
+  uint32_t _last = 0;     // delta of the open run
+  uint32_t _run = 0;      // samples of the open run
+  uint32_t _current = 0;  // delta of the record being added
+
+ private:
+  void begin();
+};
+
+// "stts" whose records count one sample each (video with several frames a chunk).
+class cxstts_file : public cstts_file {
+ public:
+  explicit cxstts_file(IO& io);
+};
+
+class cctts_file : public cctts, public IStblFile {
+ public:
+  explicit cctts_file(IO& io);
+  void fill(IO& out) override;
+  void fill(IO& io, std::vector<ChunkParam>* list) override;
+  void fillFinal(IO& io) override;
+  unsigned long long statisticsSize() const override;
+
+  uint32_t _acc = 0;   // durations of the open group of three
+  uint32_t _seen = 0;  // records so far
+
+ private:
+  void begin();
+};
+
+class cstsc_file : public cstsc, public IStblFile {
+ public:
+  explicit cstsc_file(IO& io);
+  void fill(IO& out) override;
+  void fill(IO& io, std::vector<ChunkParam>* list) override;
+  void fillFinal(IO& io) override;
+  unsigned long long statisticsSize() const override;
+
+  uint32_t _chunk = 1;
+  unsigned long long _idx = 0;
+  unsigned long long _end = 0;
+  uint32_t _lastCount = 0;
+  uint8_t _lastDesc = 0;
+
+ private:
+  void begin();
+};
+
+class cstsz_file : public cstsz, public IStblFile {
+ public:
+  explicit cstsz_file(IO& io);
+  void fill(IO& out) override;
+  void fill(IO& io, std::vector<ChunkParam>* list) override;
+  void fillFinal(IO& io) override;
+  unsigned long long statisticsSize() const override;
+
+  uint32_t _firstSize = 0;  // with a uniform size: the first record's sample frames
+
+ private:
+  void begin(const std::vector<ChunkParam>* list);
+};
+
+class cstco_file : public cstco, public IStblFile {
+ public:
+  explicit cstco_file(IO& io);
+  void fill(IO& out) override;
+  void fill(IO& io, std::vector<ChunkParam>* list) override;
+  void fillFinal(IO& io) override;
+  unsigned long long statisticsSize() const override;
+  // "io" (an IO pointer standing at the box's start) and "shift_offset": adds the shift to the
+  // offsets of the table written there.
+  bool fromAttrSet(const AttrSet& ap) override;
+
+  uint32_t _real = 0;  // offsets written
+
+ private:
+  void begin();
+};
+
+class cco64_file : public cco64, public IStblFile {
+ public:
+  explicit cco64_file(IO& io);
+  void fill(IO& out) override;
+  void fill(IO& io, std::vector<ChunkParam>* list) override;
+  void fillFinal(IO& io) override;
+  unsigned long long statisticsSize() const override;
+  bool fromAttrSet(const AttrSet& ap) override;
+
+  uint32_t _real = 0;
+
+ private:
+  void begin();
+};
+
+class cstss_file : public cstss, public IStblFile {
+ public:
+  explicit cstss_file(IO& io);
+  void fill(IO& out) override;
+  void fill(IO& io, std::vector<ChunkParam>* list) override;
+  void fillFinal(IO& io) override;
+  unsigned long long statisticsSize() const override;
+
+  uint32_t _index = 0;  // 1-based number of the last record
+
+ private:
+  void begin();
+};
+
+class csdtp_file : public csdtp, public IStblFile {
+ public:
+  explicit csdtp_file(IO& io);
+  void fill(IO& out) override;
+  void fill(IO& io, std::vector<ChunkParam>* list) override;
+  void fillFinal(IO& io) override;
+  unsigned long long statisticsSize() const override;
+
+ private:
+  void begin();
+};
+
+}  // namespace mov
+}  // namespace plugin
+}  // namespace kiv

@@ -1,0 +1,554 @@
+#include "stream/plugin/mp4/common/StreamAac.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "stream/base/dbg/Log.h"
+#include "stream/base/io/IOFileBuffer.h"
+#include "stream/core/IMedia.h"
+#include "stream/core/Packet.h"
+#include "stream/plugin/mp4/BoxWeave.h"
+#include "stream/plugin/mp4/VideoTag.h"
+#include "stream/plugin/mp4/common/Box.h"
+#include "stream/plugin/mp4/common/Stbl.h"
+#include "stream/plugin/mp4/common/StblFile.h"
+#include "stream/plugin/mp4/common/Stsd.h"
+
+namespace kiv {
+namespace plugin {
+namespace mov {
+
+using kiv::base::IOFileBuffer;
+
+namespace {
+
+void releasePacket(Packet*& p) { kiv::base::Release(p); }
+
+constexpr unsigned kRates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000, 7350};
+constexpr unsigned kChannels[] = {0, 1, 2, 3, 4, 5, 6, 8};
+
+// The upper word of a version-2 entry's rate (a big-endian double whose lower word is 0).
+uint32_t rateHighWord(unsigned rate) {
+  switch (rate) {
+    case 48000: return 0x40E77000u;
+    case 44100: return 0x40E58880u;
+    case 24000: return 0x40D77000u;
+    case 22050: return 0x40D58880u;
+    case 12000: return 0x40C77000u;
+    default: return 0x40C58880u;  // 11025
+  }
+}
+
+template <class T>
+void addTableFile(IBox* stbl, IOFileBuffer* buffer, IStblFile*& box, IOFileBuffer*& owned) {
+  T* t = new T(*buffer);
+  stbl->Add(t);
+  box = t;
+  owned = buffer;
+}
+
+}  // namespace
+
+StreamAac::StreamAac() : IStream("mp4a") {}
+
+StreamAac::~StreamAac() {
+  delete _fifo;
+  _fifo = nullptr;
+  delete _sttsBuf;
+  delete _stscBuf;
+  delete _stszBuf;
+  delete _stcoBuf;
+  delete _co64Buf;
+}
+
+// ---------------------------------------------------------------- the trak tree
+
+bool StreamAac::muxConfig(kiv::base::Object* tagsObject) {
+  if (!tagsObject) return false;
+  auto* tags = dynamic_cast<videoTags*>(tagsObject);
+  if (!tags) {
+    LOGE << "!tags";
+    return false;
+  }
+  int rate = 0, chn = 0, width = 0, depth = 0, bitrate = 0;
+  if (!_media || !_media->Get("rate", rate)) {
+    LOGI << "!_media->Get(\"rate\", rate)";
+    return false;
+  }
+  if (!_media->Get("channel", chn)) {
+    LOGI << "!_media->Get(\"channel\", chn)";
+    return false;
+  }
+  if (!_media->Get("width", width)) {
+    LOGI << "!_media->Get(\"width\", width)";
+    return false;
+  }
+  if (!_media->Get("depth", depth)) {
+    LOGI << "!_media->Get(\"depth\", depth)";
+    return false;
+  }
+  if (!_media->Get("bitrate", bitrate)) {
+    LOGI << "!_media->Get(\"bitrate\", bitrate)";
+    return false;
+  }
+
+  const MuxerParam& para = param();
+  const unsigned char version = _version1 ? 1 : 0;
+
+  auto* trak = new ctrak();
+  _trak = trak;
+  auto* tkhd = new ctkhd(version);
+  trak->Add(tkhd);
+  if (tags->audio_has_edts) {
+    auto* edts = new cedts();
+    trak->Add(edts);
+    edts->Add(new celst(version));
+  }
+  auto* mdia = new cmdia();
+  trak->Add(mdia);
+  auto* mdhd = new cmdhd(version);
+  mdhd->_language = tags->audio_track_lang_id;
+  mdia->Add(mdhd);
+  auto* hdlr = new chdlr();
+  mdia->Add(hdlr);
+  auto* minf = new cminf();
+  mdia->Add(minf);
+  minf->Add(new csmhd());
+  if (tags->audio_handler_minf_present) {
+    auto* dhlr = new chdlr();
+    dhlr->_component_type = FCC("dhlr");
+    dhlr->_component_subtype = tags->datareftype;
+    dhlr->ComponentName(tags->audhandlerrefcomname, tags->audhandlerrefcomnamelen);
+    minf->Add(dhlr);
+  }
+  auto* dinf = new cdinf();
+  minf->Add(dinf);
+
+  // Printed ahead of the computation, so it shows the reservation the track had before.
+  if (Debug()) LOGL << "Audio rsvdSize: " << _rsvdSize;
+  if (para.rsvdSeconds > 0 && !_concate)
+    _rsvdSize = static_cast<unsigned>(static_cast<long long>(rate) * para.rsvdSeconds / 1024);
+
+  auto* stbl = new cstbl(_rsvdSize);
+  minf->Add(stbl);
+  auto* dref = new cdref();
+  dinf->Add(dref);
+  auto* alis = new calis(tags->datareftype);
+  dref->Add(alis);
+  auto* stsd = new cstsd();
+  stbl->Add(stsd);
+
+  // Reservations for the planned number of frames, rate * planSeconds / 1024, truncated once.
+  const long long frames64 = static_cast<long long>(rate) * _planSeconds;
+  auto reserve = [&](long long k) -> long long { return (k * frames64) >> 10; };
+  const unsigned aspc = tags->audiosampleperchunk;
+  if (!_concate) {
+    stbl->Add(new cxstts());
+    stbl->Add(new cstsc());
+    stbl->Add(new cstsz());
+    if (_use64)
+      stbl->Add(new cco64());
+    else
+      stbl->Add(new cstco());
+  } else {
+    addTableFile<cxstts_file>(stbl, newTableBuffer(stbl, "stts", tags, para.fixedRate ? 32 : reserve(8)), _stts,
+                              _sttsBuf);
+    addTableFile<cstsc_file>(stbl, newTableBuffer(stbl, "stsc", tags, aspc <= 1 ? 32 : reserve(12) / aspc), _stsc,
+                             _stscBuf);
+    addTableFile<cstsz_file>(stbl, newTableBuffer(stbl, "stsz", tags, reserve(4)), _stsz, _stszBuf);
+    if (_use64)
+      addTableFile<cco64_file>(stbl, newTableBuffer(stbl, "co64", tags, reserve(8)), _co64, _co64Buf);
+    else
+      addTableFile<cstco_file>(stbl, newTableBuffer(stbl, "stco", tags, reserve(4)), _stco, _stcoBuf);
+  }
+  auto* mp4a = new cmp4a();
+  stsd->Add(mp4a);
+
+  // ---- the fields
+  _chunkList = stbl->ChunkList();
+  _scale.Scale(rate);
+  tkhd->Flags(tags->tkhd_flags);
+  tkhd->_track_id = static_cast<unsigned>(_trackId);
+  tkhd->_volume = 256;
+  mdhd->_timescale = static_cast<unsigned>(rate);
+  hdlr->_component_type = tags->audio_handler_type;
+  hdlr->_component_subtype = FCC("soun");
+  hdlr->_component_manufacturer = tags->manufacturer;
+  hdlr->ComponentName(tags->audhandercomname, tags->audhandercomnamelen);
+  alis->Flags(1);
+
+  auto* esds = new cesds();
+  esds->_sample_rate = static_cast<uint32_t>(rate);
+  esds->_has_es_id = 1;
+  esds->_es_id = tags->audio_ES_ID;
+  esds->_priority = static_cast<uint8_t>(tags->audio_streamPrority);
+  esds->_buffer_size = tags->audio_bufferSizeDB;
+  esds->_fcc = FCC("mp4a");
+  esds->getType_indication();
+  esds->_extra = _media->Extra();
+  esds->_extra_size = static_cast<uint32_t>(_media->ExtraSize());
+  esds->_max_bitrate = static_cast<uint32_t>(bitrate);
+  esds->_avg_bitrate = static_cast<uint32_t>(bitrate);
+
+  const bool quickTime = tags->file_type == kQuickTimeType;
+  LOGI << "file type: " << kiv::base::Hex(tags->file_type);
+  if (chn < 3 || !quickTime) {
+    // A plain sound entry with "esds" right under it.
+    mp4a->Add(esds);
+    mp4a->_channels = static_cast<uint16_t>(chn);
+    mp4a->_sample_size = static_cast<uint16_t>(depth);
+    mp4a->_compression_id = quickTime ? 0xFFFE : tags->audio_compression_id;
+    mp4a->_packet_size = 0;
+    mp4a->_sample_rate = static_cast<uint16_t>(rate);
+    mp4a->_sample_rate_fraction = 0;
+  } else {
+    // QuickTime with more than two channels: a version-2 entry, "esds" inside "wave".
+    auto* wave = new cwave();
+    mp4a->Add(wave);
+    auto* frma = new cfrma();
+    frma->_format = FCC("mp4a");
+    wave->Add(frma);
+    wave->Add(new cmp4asub());
+    wave->Add(esds);
+    auto* chan = new cchan();
+    chan->_channels = static_cast<uint16_t>(chn);
+    wave->Add(chan);
+    mp4a->_version = 2;
+    mp4a->_channels = 3;
+    mp4a->_sample_size = 16;
+    mp4a->_compression_id = 0xFFFE;
+    mp4a->_packet_size = 0;
+    mp4a->_sample_rate = 1;
+    mp4a->_sample_rate_fraction = 0;
+    mp4a->_word_a = 72;
+    mp4a->_word_b = rateHighWord(static_cast<unsigned>(rate));
+    mp4a->_word_c = 0;
+    mp4a->_word_d = static_cast<uint32_t>(chn);
+    mp4a->_bits_per_channel = 16;
+    mp4a->_format_flags = 12;
+    mp4a->_bytes_per_audio_packet = 2u * static_cast<unsigned>(chn);
+    mp4a->_frames_per_audio_packet = 0;
+  }
+
+  _media->Get("adtslen", _adtslen);
+  _media->Get("frmSampNum", _frmSampNum);
+
+  _spc = tags->audiosampleperchunk;
+  if (_spc < 2) return true;
+  _groupFrames = static_cast<int>(_frmSampNum ? _spc / _frmSampNum + 1 : 1);
+  _chunkExcess = static_cast<uint32_t>(_groupFrames) * _frmSampNum - _spc;
+  const int capacity = 2 * _groupFrames;
+  delete _fifo;
+  _fifo = new PacketFifo(capacity, releasePacket);
+  if (_fragmented) allocScratch(static_cast<unsigned>(capacity));
+  _chunkLeads = tags->audio_chunk_first;
+  _chunkMs = rate ? 1000ull * _spc / static_cast<unsigned>(rate) : 0;
+  return true;
+}
+
+void StreamAac::ConcateModeUpdate() { concateFill({_stts, _stsc, _stsz, _co64, _stco}); }
+
+// ---------------------------------------------------------------- samples
+
+int StreamAac::MuxOffset(const Packet&) { return static_cast<int>(_adtslen); }
+
+int StreamAac::AddChunk(const Packet& packet, unsigned long long offset, int) {
+  if (packet.Size() < 0) return 0;
+  // Audio time comes from the sample count, not from the packets' time stamps.
+  ChunkParam r;
+  r.offset = offset;
+  r.size = static_cast<uint32_t>(packet.Size());
+  r.duration = static_cast<uint16_t>(_frmSampNum);
+  r.count = static_cast<uint32_t>(_groupFrames);
+  r.packetSpan = static_cast<uint16_t>(_scale.FromMs(packet.clock / 1000000));
+  r.descIndex = 1;
+  r.flags = 0;
+  if (_chunkList)
+    _chunkList->push_back(r);
+  else
+    LOGE << "!_chunkList";
+  ++_entryCount;
+  _sampleTotal += _frmSampNum;
+  _duration = _scale.ToMs(static_cast<long long>(_sampleTotal));
+  return packet.Size();
+}
+
+long long StreamAac::writeGroup(IO& io, unsigned n) {
+  long long sum = 0;
+  for (unsigned i = 0; i < n; ++i) {
+    Packet* p = nullptr;
+    if (!_fifo->pop(p) || !p) break;
+    AddChunk(*p, 0, 0);
+    if (p->Size() > 0) {
+      const long long w = io.Write(p->Data(), p->Size());
+      if (w > 0) sum += w;
+    }
+    if (i + 1 < n) ConcateModeUpdate();
+    kiv::base::Release(p);
+  }
+  return sum;
+}
+
+long long StreamAac::AddData(IO& io, Packet& packet, unsigned long long leader) {
+  const long long pos = io.Position();
+  if (!_fifo) {
+    AddChunk(packet, static_cast<unsigned long long>(pos), 0);
+    long long written = 0;
+    if (packet.Size() > 0) written = io.Write(packet.Data(), packet.Size());
+    ConcateModeUpdate();
+    return written;
+  }
+
+  packet.Hold();
+  Packet* held = &packet;
+  if (!_fifo->push(held)) {
+    LOGE << "!_fifo->push(pkt) " << _fifo->Size() << "/" << _fifo->Max();
+    kiv::base::Release(held);
+    return 0;
+  }
+  if (_fragmented) {
+    pushScratch(static_cast<unsigned>(packet.Size()), _frmSampNum);
+  } else if (_chunkLeads == 0 && !mdatHasContent()) {
+    return 0;  // a following track writes nothing before the leader has
+  }
+  if (_fifo->Size() < _groupFrames) return 0;
+  if (_chunkLeads == 0 && static_cast<unsigned long long>(_duration) + _chunkMs / 2 > leader) return 0;
+
+  const unsigned group = static_cast<unsigned>(_groupFrames);
+  if (_fragmented) {
+    createmoof(io, false, group, static_cast<unsigned>(_firstPts), false);
+    const unsigned rest = _sizeCount > group ? _sizeCount - group : 0;
+    if (rest) std::memmove(_sizeList, _sizeList + group, rest * sizeof(unsigned));
+    for (unsigned i = 0; i < rest; ++i) _ptsList[i] = _frmSampNum;
+    _sizeCount = rest;
+    _ptsCount = rest;
+  }
+
+  const long long sum = writeGroup(io, group);
+
+  // The next chunk: whole frames, but on the long run _spc samples a chunk. Records made so far are
+  // the samples written; the list itself may have spilled or been handed to the tables.
+  ++_chunkCount;
+  _chunkExcess = _spc * _chunkCount - _frmSampNum * _entryCount;
+  _groupFrames = static_cast<int>(_frmSampNum ? (_spc + _chunkExcess) / _frmSampNum + 1 : 1);
+
+  if (_chunkList && !_chunkList->empty()) _chunkList->back().offset = static_cast<unsigned long long>(pos);
+  ConcateModeUpdate();
+  return sum;
+}
+
+bool StreamAac::CleanFifoData(IO& io, unsigned long long videoDuration) {
+  if (!_fifo) return true;
+  unsigned long long frmcnt = 0;
+  if (videoDuration == 0) {
+    // No video: everything goes out.
+    frmcnt = static_cast<unsigned long long>(_fifo->Size());
+  } else {
+    // Audio behind the end of the video stays out of the file.
+    if (static_cast<long long>(videoDuration) < _duration) return true;
+    int rate = 0;
+    if (!_media || !_media->Get("rate", rate)) {
+      LOGI << "!_media->Get(\"rate\", rate)";
+      return false;
+    }
+    frmcnt = _frmSampNum ? (videoDuration - static_cast<unsigned long long>(_duration)) *
+                               static_cast<unsigned long long>(rate) / 1000 / _frmSampNum
+                         : 0;
+    LOGI << "rate=" << rate;
+    LOGI << "_duration=" << _duration;
+    LOGI << "videodur=" << videoDuration;
+    LOGI << "frmcnt=" << frmcnt;
+    LOGI << "_frmSampNum=" << _frmSampNum;
+    frmcnt = std::min<unsigned long long>(frmcnt, static_cast<unsigned long long>(_fifo->Size()));
+    LOGI << "_fifo->Size()=" << _fifo->Size();
+  }
+  while (frmcnt) {
+    unsigned long long n = static_cast<unsigned>(_groupFrames);
+    if (n > frmcnt) {
+      n = frmcnt;
+      _groupFrames = static_cast<int>(frmcnt);
+    }
+    if (n == 0) break;
+    const long long pos = io.Position();
+    if (_fragmented) {
+      createmoof(io, false, static_cast<unsigned>(_groupFrames), static_cast<unsigned>(_firstPts), true);
+      _sizeCount = 0;
+      _ptsCount = 0;
+    }
+    const long long sum = writeGroup(io, static_cast<unsigned>(n));
+    if (_chunkList && !_chunkList->empty()) _chunkList->back().offset = static_cast<unsigned long long>(pos);
+    growMdat(sum);
+    frmcnt -= n;
+    ConcateModeUpdate();
+  }
+  return true;
+}
+
+// ---------------------------------------------------------------- ADTS
+
+void StreamAac::AdtsHeader(unsigned rate, unsigned channels, unsigned char out[7]) {
+  unsigned ri = 13;
+  for (unsigned i = 0; i < sizeof kRates / sizeof kRates[0]; ++i)
+    if (kRates[i] == rate) {
+      ri = i;
+      break;
+    }
+  unsigned ci = 8;
+  for (unsigned i = 0; i < sizeof kChannels / sizeof kChannels[0]; ++i)
+    if (kChannels[i] == channels) {
+      ci = i;
+      break;
+    }
+  out[0] = 0xFF;
+  out[1] = 0xF1;  // MPEG-4, layer 0, no CRC
+  out[2] = static_cast<unsigned char>(0x40 | (ri << 2) | (ci >> 2));  // AAC LC
+  out[3] = static_cast<unsigned char>((ci << 6) & 0xFF);
+  out[4] = 0x00;
+  out[5] = 0x1F;  // buffer fullness 0x7FF
+  out[6] = 0xFC;  // and one raw data block
+}
+
+void StreamAac::AdtsLength(unsigned char adts[7], unsigned length) {
+  adts[3] = static_cast<unsigned char>((adts[3] & 0xFC) | ((length >> 11) & 3));
+  adts[4] = static_cast<unsigned char>((length >> 3) & 0xFF);
+  adts[5] = static_cast<unsigned char>((adts[5] & 0x1F) | ((length & 7) << 5));
+}
+
+bool StreamAac::CreateAdts() {
+  IMedia* media = _media;
+  if (!media) {
+    LOGE << "!media";
+    return false;
+  }
+  if (!media->Get("channel", _ch)) {
+    LOGE << "!media->Get(\"channel\", _ch)";
+    return false;
+  }
+  if (!media->Get("rate", _rate)) {
+    LOGE << "!media->Get(\"rate\", _rate)";
+    return false;
+  }
+  AdtsHeader(_rate, _ch, _adts);
+  _adtslen = 7;
+  return true;
+}
+
+bool StreamAac::AdtsUpdate(unsigned int frameSize) {
+  AdtsLength(_adts, frameSize + _adtslen);
+  return true;
+}
+
+// ---------------------------------------------------------------- demuxing
+
+bool StreamAac::setExtraData(IMedia* media) {
+  auto* esds = _trak ? dynamic_cast<cesds*>(_trak->Find("esds")) : nullptr;
+  if (!esds) {
+    LOGE << "!esds";
+    return false;
+  }
+  if (!media || !media->Extra(esds->_extra, esds->_extra ? static_cast<int>(esds->_extra_size) : 0)) {
+    LOGE << "!_media->Extra(esds->_extraBuf,esds->_extraLen)";
+    return false;
+  }
+  return true;
+}
+
+bool StreamAac::demuxConfig(kiv::base::Object*) {
+  if (_demuxSide && _media) _media->Release();
+  _media = IMedia::New("aac");
+  if (!_media) {
+    LOGE << "!_media";
+    return false;
+  }
+  _demuxSide = true;
+  auto* esds = _trak ? dynamic_cast<cesds*>(_trak->Find("esds")) : nullptr;
+  if (!esds) {
+    LOGE << "!esds";
+    return false;
+  }
+  if (!_media->Set("bitrate", static_cast<int>(esds->_avg_bitrate))) {
+    LOGE << "!_media->Set(\"bitrate\", (int)esds->_bitrate_avg)";
+    return false;
+  }
+  if (!setExtraData(_media)) return false;
+
+  auto* mp4a = dynamic_cast<cmp4a*>(_trak->Find("mp4a"));
+  if (!mp4a) {
+    LOGE << "!mp4a";
+    return false;
+  }
+  if (!_media->Set("rate", static_cast<int>(mp4a->_sample_rate))) {
+    LOGE << "!_media->Set(\"rate\", (int)mp4a->_rate0)";
+    return false;
+  }
+  if (!_media->Set("channel", static_cast<int>(mp4a->_channels))) {
+    LOGE << "!_media->Set(\"channel\",(int)mp4a->_channels)";
+    return false;
+  }
+  if (!_media->Set("depth", static_cast<int>(mp4a->_sample_size))) {
+    LOGE << "!_media->Set(\"depth\",(int)mp4a->_depth)";
+    return false;
+  }
+  if (!_media->Set("width", static_cast<int>(mp4a->_sample_size + 7) / 8)) {
+    LOGE << "!_media->Set(\"width\", (int)(mp4a->_depth+7)/8)";
+    return false;
+  }
+  if (!_media->Set("frmSampNum", static_cast<int>(_frmSampNum))) {
+    LOGE << "!_media->Set(\"frmSampNum\", (int)_frmSampNum)";
+    return false;
+  }
+  if (!_trak->Find("stts")) {
+    LOGE << "!stts";
+    return false;
+  }
+  _ch = mp4a->_channels;
+  _rate = mp4a->_sample_rate;
+  _adtslen = 0;
+  if (CreateAdts()) _adtslen = 7;
+  if (!_media->Set("adtslen", static_cast<long long>(_adtslen))) {
+    LOGE << "!_media->Set(\"adtslen\",_adtslen)";
+    return false;
+  }
+  if (!_media->Set("hasadts", _adtslen != 0)) {
+    LOGE << "!_media->Set(\"hasadts\",(bool)_adtslen)";
+    return false;
+  }
+  return true;
+}
+
+Packet* StreamAac::demuxUpdatePacket(IO&, Packet* packet) {
+  if (!packet) {
+    LOGE << "!pkt" << "," << "IStream GetPacket null!";
+    return packet;
+  }
+  if (packet == reinterpret_cast<Packet*>(intptr_t(-1))) {
+    LOGE << "(pkt == (Packet*)-1)" << "," << "IStream GetPacket failed!";
+    return packet;
+  }
+  const unsigned char* d = packet->Data();
+  if (d && packet->Size() >= 2 && d[0] == 0xFF && (d[1] >> 4) == 0xF) {
+    _adtslen = 7;  // the frame carries its header already
+  } else if (_adtslen >= static_cast<unsigned>(packet->Offset())) {
+    _adtslen = 0;  // no room in front of the payload
+    return packet;
+  } else if (_adtslen) {
+    AdtsUpdate(static_cast<unsigned>(packet->Size()));
+    const unsigned n = std::min<unsigned>(_adtslen, sizeof _adts);
+    if (n < _adtslen) LOGE << "adtslen " << _adtslen << " > " << sizeof _adts;
+    packet->Prepend(_adts, static_cast<int>(n));
+  }
+  packet->CheckKey();
+  if (_media) {
+    if (!_media->Set("adtslen", static_cast<long long>(_adtslen))) LOGE << "!_media->Set(\"adtslen\",_adtslen)";
+    if (!_media->Set("hasadts", _adtslen != 0)) LOGE << "!_media->Set(\"hasadts\",(bool)_adtslen)";
+  }
+  return packet;
+}
+
+}  // namespace mov
+}  // namespace plugin
+}  // namespace kiv
+
+extern "C" void RegisterMovStreamAac() {
+  kiv::plugin::mov::Reflect<kiv::plugin::mov::StreamAac>("MovStreamAac-mov-stream-mp4a-aac", {}, "quor");
+}

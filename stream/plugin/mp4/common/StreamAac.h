@@ -1,0 +1,77 @@
+// The AAC track. Muxing: cuts the ADTS header off every frame, counts time in samples (the time
+// stamps of the packets play no part), groups frames into chunks of a size given in samples, and at
+// the end writes only as much buffered audio as the video lasts. Demuxing: rebuilds a media from
+// "esds" and "mp4a" and puts an ADTS header in front of every frame.
+#pragma once
+
+#include <cstdint>
+
+#include "stream/core/Fifo.h"
+#include "stream/plugin/mp4/common/IStream.h"
+
+namespace kiv {
+namespace plugin {
+namespace mov {
+
+class StreamAac : public IStream {
+ public:
+  using PacketFifo = kiv::stream::Fifo<Packet*, void (*)(Packet*&)>;
+  // The file type of the QuickTime flavour (hash of "mov"), which picks the entry form.
+  static constexpr uint32_t kQuickTimeType = 0xd19e5c79u;
+
+  StreamAac();
+  ~StreamAac() override;
+
+  // ---- IStream
+  bool muxConfig(kiv::base::Object* tags) override;
+  bool CleanFifoData(IO& io, unsigned long long videoDuration) override;
+  int AddChunk(const Packet& packet, unsigned long long offset, int flag) override;
+  long long AddData(IO& io, Packet& packet, unsigned long long leader) override;
+  // The ADTS header that a packet carries ("adtslen") is not written.
+  int MuxOffset(const Packet& packet) override;
+  bool demuxConfig(kiv::base::Object* param) override;
+  Packet* demuxUpdatePacket(IO& io, Packet* packet) override;
+
+  // Extra data of a demuxed media: the decoder configuration of "esds".
+  virtual bool setExtraData(IMedia* media);
+
+  void ConcateModeUpdate();
+  // Puts the frame length (frameSize plus the header) into the header.
+  bool AdtsUpdate(unsigned int frameSize);
+  // The 7-byte header from the media's "rate" and "channel"; the frame length stays 0.
+  bool CreateAdts();
+
+  // Shared with the fragment demuxer: the header for a rate and a channel count, and its length field.
+  static void AdtsHeader(unsigned rate, unsigned channels, unsigned char out[7]);
+  static void AdtsLength(unsigned char adts[7], unsigned length);
+
+  unsigned _rate = 0;
+  unsigned _ch = 1;
+  unsigned _adtslen = 0;
+  unsigned char _adts[7] = {};
+  unsigned _frmSampNum = 1024;
+  PacketFifo* _fifo = nullptr;
+  unsigned _spc = 0;          // samples a chunk
+  uint32_t _chunkExcess = 0;  // planned minus written samples, modulo 2^32
+  unsigned _chunkCount = 0;
+  unsigned long long _chunkMs = 0;
+  unsigned long long _sampleTotal = 0;
+  IStblFile* _stts = nullptr;
+  kiv::base::IOFileBuffer* _sttsBuf = nullptr;
+  IStblFile* _stsc = nullptr;
+  kiv::base::IOFileBuffer* _stscBuf = nullptr;
+  IStblFile* _stsz = nullptr;
+  kiv::base::IOFileBuffer* _stszBuf = nullptr;
+  IStblFile* _stco = nullptr;
+  kiv::base::IOFileBuffer* _stcoBuf = nullptr;
+  IStblFile* _co64 = nullptr;
+  kiv::base::IOFileBuffer* _co64Buf = nullptr;
+
+ protected:
+  // Pops n frames and writes them as the records of one chunk; returns the bytes written.
+  long long writeGroup(IO& io, unsigned n);
+};
+
+}  // namespace mov
+}  // namespace plugin
+}  // namespace kiv

@@ -1,0 +1,716 @@
+#include "stream/plugin/mp4/common/StreamH264.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <new>
+
+#include "stream/base/dbg/Log.h"
+#include "stream/base/io/IOFileBuffer.h"
+#include "stream/core/IMedia.h"
+#include "stream/core/Packet.h"
+#include "stream/plugin/mp4/BoxWeave.h"
+#include "stream/plugin/mp4/VideoTag.h"
+#include "stream/plugin/mp4/common/Box.h"
+#include "stream/plugin/mp4/common/Stbl.h"
+#include "stream/plugin/mp4/common/StblFile.h"
+#include "stream/plugin/mp4/common/Stsd.h"
+
+namespace kiv {
+namespace plugin {
+namespace mov {
+
+using kiv::base::Fraction;
+using kiv::base::IOFileBuffer;
+
+namespace {
+
+constexpr unsigned char kStartCode[4] = {0, 0, 0, 1};
+
+inline bool isStartCode(const unsigned char* p) { return p[0] == 0 && p[1] == 0 && p[2] == 0 && p[3] == 1; }
+// NAL types 1 and 5: the coded slices.
+inline bool isSlice(unsigned char b) { return (b & 27) == 1; }
+
+inline void put32be(unsigned char* p, uint32_t v) {
+  p[0] = static_cast<unsigned char>(v >> 24);
+  p[1] = static_cast<unsigned char>(v >> 16);
+  p[2] = static_cast<unsigned char>(v >> 8);
+  p[3] = static_cast<unsigned char>(v);
+}
+
+void releasePacket(Packet*& p) { kiv::base::Release(p); }
+
+// Table-on-file mode: the table goes to a buffer of its own, behind its filler.
+template <class T>
+T* addTableFile(IBox* stbl, IOFileBuffer* buffer, IStblFile*& box, IOFileBuffer*& owned) {
+  T* t = new T(*buffer);
+  stbl->Add(t);
+  box = t;
+  owned = buffer;
+  return t;
+}
+
+}  // namespace
+
+StreamH264::StreamH264() : IStream("h264") {}
+
+StreamH264::~StreamH264() {
+  // The fifo's element destructor releases the packets still waiting.
+  delete _fifo;
+  _fifo = nullptr;
+  delete _sttsBuf;
+  delete _cttsBuf;
+  delete _sdtpBuf;
+  delete _stscBuf;
+  delete _stszBuf;
+  delete _stcoBuf;
+  delete _co64Buf;
+  delete _stssBuf;
+}
+
+// ---------------------------------------------------------------- the trak tree
+
+bool StreamH264::muxConfig(kiv::base::Object* tagsObject) {
+  if (!tagsObject) return false;
+  auto* tags = dynamic_cast<videoTags*>(tagsObject);
+  if (!tags) {
+    LOGE << "!tags";
+    return false;
+  }
+  const MuxerParam& para = param();
+  const unsigned char version = _version1 ? 1 : 0;
+
+  // The tree first, then its fields: a failing attribute leaves a half-filled tree behind.
+  auto* trak = new ctrak();
+  _trak = trak;
+  _struct = 0;
+  if (_media) _media->Get("struct", _struct);
+  const bool ibbp = _struct == FCC("ibbp");
+  const bool iiii = _struct == FCC("iiii");
+
+  auto* tkhd = new ctkhd(version);
+  trak->Add(tkhd);
+  caperture* aperture[3] = {nullptr, nullptr, nullptr};
+  if (tags->ios_support_box_add) {
+    auto* tapt = new ctapt();
+    trak->Add(tapt);
+    aperture[0] = new cclef();
+    aperture[1] = new cprof();
+    aperture[2] = new cenof();
+    for (caperture* a : aperture) tapt->Add(a);
+  }
+  if (tags->video_has_edts) {
+    auto* edts = new cedts();
+    trak->Add(edts);
+    edts->Add(new celst(version));
+  }
+  auto* mdia = new cmdia();
+  trak->Add(mdia);
+  auto* mdhd = new cmdhd(version);
+  mdhd->_language = tags->video_track_lang_id;
+  mdia->Add(mdhd);
+  auto* hdlr = new chdlr();
+  mdia->Add(hdlr);
+  auto* minf = new cminf();
+  mdia->Add(minf);
+  auto* vmhd = new cvmhd();
+  minf->Add(vmhd);
+  if (tags->video_handler_minf_present) {
+    auto* dhlr = new chdlr();
+    dhlr->_component_type = FCC("dhlr");
+    dhlr->_component_subtype = tags->datareftype;
+    dhlr->ComponentName(tags->vidhandlerrefcomname, tags->vidhandlerrefcomnamelen);
+    minf->Add(dhlr);
+  }
+  auto* dinf = new cdinf();
+  minf->Add(dinf);
+
+  const long long num = _frameRate.Num();
+  const long long den = _frameRate.Den();
+  if (para.rsvdSeconds > 0 && !_concate) _rsvdSize = den ? static_cast<unsigned>(num * para.rsvdSeconds / den) : 0;
+  if (Debug()) LOGL << "Video rsvdSize: " << _rsvdSize;
+
+  auto* stbl = new cstbl(_rsvdSize);
+  minf->Add(stbl);
+  auto* dref = new cdref();
+  dinf->Add(dref);
+  auto* alis = new calis(tags->datareftype);
+  dref->Add(alis);
+  auto* stsd = new cstsd();
+  stbl->Add(stsd);
+
+  // Reservations for the planned number of frames, k * N / div with N = planSeconds * rate.
+  auto reserve = [&](long long k, long long div) -> long long {
+    if (!den) return 0;
+    const long long v = k * _planSeconds * num / den;
+    return div > 1 ? v / div : v;
+  };
+  const unsigned vspc = tags->videosampleperchunk;
+  auto addStts = [&] {
+    if (!_concate) {
+      stbl->Add(new cxstts());
+      return;
+    }
+    auto* buf = newTableBuffer(stbl, "stts", tags, para.fixedRate ? 32 : reserve(8, 1));
+    addTableFile<cxstts_file>(stbl, buf, _stts, _sttsBuf);
+  };
+  auto addStss = [&] {
+    if (!_concate) {
+      stbl->Add(new cstss());
+      return;
+    }
+    auto* buf = newTableBuffer(stbl, "stss", tags, reserve(4, 15));
+    addTableFile<cstss_file>(stbl, buf, _stss, _stssBuf);
+  };
+
+  addStts();
+  if (ibbp) {
+    if (!_concate)
+      stbl->Add(new cctts());
+    else
+      addTableFile<cctts_file>(stbl, newTableBuffer(stbl, "ctts", tags, reserve(16, 3)), _ctts, _cttsBuf);
+  }
+  if (!tags->stbl_order && !iiii) addStss();
+  if (tags->ios_support_box_add) {
+    if (!_concate)
+      stbl->Add(new csdtp());
+    else
+      addTableFile<csdtp_file>(stbl, newTableBuffer(stbl, "sdtp", tags, reserve(1, 1)), _sdtp, _sdtpBuf);
+  }
+  if (!_concate)
+    stbl->Add(new cstsc());
+  else
+    addTableFile<cstsc_file>(stbl, newTableBuffer(stbl, "stsc", tags, vspc <= 1 ? 32768 : reserve(12, vspc)), _stsc,
+                             _stscBuf);
+  if (!_concate)
+    stbl->Add(new cstsz());
+  else
+    addTableFile<cstsz_file>(stbl, newTableBuffer(stbl, "stsz", tags, reserve(4, 1)), _stsz, _stszBuf);
+  if (_use64) {
+    if (!_concate)
+      stbl->Add(new cco64());
+    else
+      addTableFile<cco64_file>(stbl, newTableBuffer(stbl, "co64", tags, reserve(8, 1)), _co64, _co64Buf);
+  } else {
+    if (!_concate)
+      stbl->Add(new cstco());
+    else
+      addTableFile<cstco_file>(stbl, newTableBuffer(stbl, "stco", tags, reserve(4, 1)), _stco, _stcoBuf);
+  }
+  if (tags->stbl_order && !iiii) addStss();
+
+  auto* avc1 = new cavc1();
+  stsd->Add(avc1);
+  auto* avcc = new cavcC();
+  avc1->Add(avcc);
+  if (tags->video_has_color_param) {
+    auto* colr = new ccolr();
+    colr->_colour_type = (tags->file_type != 0 && !tags->video_colr_use_nclc) ? FCC("nclx") : FCC("nclc");
+    const unsigned c = tags->video_color_param;
+    const unsigned low = c & 0x7F;
+    colr->_not_bt709 = static_cast<uint8_t>(low);
+    if (low) {
+      colr->_full_range = (c & 0x80) ? 1 : 0;
+      colr->_primaries = 6;
+      colr->_transfer = 1;
+      colr->_matrix = 6;
+    } else {
+      // The opposite sense of the bit in this case, as the profiles in the field expect it.
+      colr->_full_range = (c & 0x80) ? 0 : 1;
+      colr->_primaries = 1;
+      colr->_transfer = 1;
+      colr->_matrix = 1;
+    }
+    if (const uint64_t cus = tags->video_cus_color_param) {
+      colr->_primaries = static_cast<uint16_t>(cus & 0xff);
+      colr->_transfer = static_cast<uint16_t>((cus >> 16) & 0xff);
+      colr->_matrix = static_cast<uint16_t>((cus >> 32) & 0xff);
+    }
+    avc1->Add(colr);
+  }
+
+  // ---- the fields
+  _chunkList = stbl->ChunkList();
+
+  int width = 1920;
+  int height = 1080;
+  bool interlace = false;
+  if (!_media || !_media->Get("width", width)) {
+    LOGE << "!_media->Get(\"width\", width)";
+    return false;
+  }
+  if (!_media->Get("height", height)) {
+    LOGE << "!_media->Get(\"height\", height)";
+    return false;
+  }
+  if (!_media->Get("interlace", interlace)) {
+    LOGE << "!_media->Get(\"interlace\", interlace)";
+    return false;
+  }
+  if (interlace) height *= 2;
+  LOGI << "width : " << width << "," << "height : " << height;
+
+  _scale.Scale(tags->timescale);
+
+  tkhd->_track_id = static_cast<unsigned>(_trackId);
+  tkhd->_width = static_cast<unsigned short>(width);
+  tkhd->_height = static_cast<unsigned short>(height);
+  tkhd->Flags(tags->tkhd_flags);
+  if (tags->video_track_matrix) std::memcpy(tkhd->_matrix, tags->video_track_matrix, sizeof tkhd->_matrix);
+  for (caperture* a : aperture) {
+    if (!a) continue;
+    a->_width = static_cast<unsigned short>(width);
+    a->_height = static_cast<unsigned short>(height);
+  }
+  mdhd->_timescale = tags->timescale;
+
+  hdlr->_component_type = tags->video_handler_type;
+  hdlr->_component_subtype = FCC("vide");
+  hdlr->_component_manufacturer = tags->manufacturer;
+  hdlr->ComponentName(tags->vidhandercomname, tags->vidhandercomnamelen);
+  vmhd->Flags(1);
+  alis->Flags(1);
+
+  avc1->_vendor = tags->vendor;
+  avc1->_temporal_quality = tags->temporal_quality;
+  avc1->_spatial_quality = tags->spatial_quality;
+  avc1->_width = static_cast<uint16_t>(width);
+  avc1->_height = static_cast<uint16_t>(height);
+  avc1->_horizontal_resolution = 0x480000;
+  avc1->_vertical_resolution = 0x480000;
+  avc1->_frame_count = 1;
+  avc1->CompressorName(static_cast<unsigned char>(tags->compressorlen), tags->compressorname,
+                       cvmsi::kCompressorNameSize);
+  avc1->_depth = 24;
+  avc1->_color_table_id = 0xffff;
+
+  unsigned profile = 0, level = 0, ipps = 0, isps = 0;
+  unsigned char* pps = nullptr;
+  unsigned char* sps = nullptr;
+  if (!_media->Get("profile", profile)) {
+    LOGE << "!_media->Get(\"profile\", profile)";
+    return false;
+  }
+  if (!_media->Get("level", level)) {
+    LOGE << "!_media->Get(\"level\", level)";
+    return false;
+  }
+  if (!_media->Get("pps", pps)) {
+    LOGE << "!_media->Get(\"pps\", pps)";
+    return false;
+  }
+  if (!_media->Get("ipps", ipps)) {
+    LOGE << "!_media->Get(\"ipps\", ipps)";
+    return false;
+  }
+  if (!_media->Get("sps", sps)) {
+    LOGE << "!_media->Get(\"sps\", sps)";
+    return false;
+  }
+  if (!_media->Get("isps", isps)) {
+    LOGE << "!_media->Get(\"isps\", isps)";
+    return false;
+  }
+  _extraSize = ipps + isps;
+
+  avcc->_configuration_version = 1;
+  avcc->_profile = static_cast<uint8_t>(tags->AVCProfileIndication ? tags->AVCProfileIndication : profile);
+  avcc->_compatibility = tags->profile_compatibility;
+  avcc->_level = static_cast<uint8_t>(tags->AVCLevelIndication ? tags->AVCLevelIndication : level);
+  avcc->_pps = pps;
+  avcc->_pps_size = static_cast<uint16_t>(ipps);
+  avcc->_sps = sps;
+  avcc->_sps_size = static_cast<uint16_t>(isps);
+  unsigned chroma = 0;
+  if (!_media->Get("chroma_format_idc", chroma)) {
+    LOGE << "!_media->Get(\"chroma_format_idc\", avcc->_chroma_format_idc)";
+    return false;
+  }
+  avcc->_chroma_format = static_cast<uint8_t>(chroma);
+  if (!_media->Get("bit_depth_luma_minus8", avcc->_luma_bit_depth)) {
+    LOGE << "!_media->Get(\"bit_depth_luma_minus8\", avcc->_bit_depth_luma_minus8)";
+    return false;
+  }
+  if (!_media->Get("bit_depth_chroma_minus8", avcc->_chroma_bit_depth)) {
+    LOGE << "!_media->Get(\"bit_depth_chroma_minus8\", avcc->_bit_depth_chroma_minus8)";
+    return false;
+  }
+
+  if (tags->videosampleperchunk < 2) return true;
+  groupSetup(tags, true);
+  return true;
+}
+
+void StreamH264::groupSetup(videoTags* tags, bool scratch) {
+  _spc = tags->videosampleperchunk;
+  const int capacity = _spc ? static_cast<int>(2 * _spc) : 4;
+  // Packets already waiting stay: the fifo only changes its bound when it exists.
+  if (!_fifo || !_fifo->Remax(capacity)) {
+    if (!_fifo) _fifo = new PacketFifo(capacity, releasePacket);
+  }
+  if (scratch && _fragmented) allocScratch(2 * _spc);
+  _chunkLeads = tags->audio_chunk_first ? 0 : 1;
+  _firstChunkMs = 0;
+}
+
+bool StreamH264::muxTagSet(videoTags* tags) {
+  if (tags && tags->videosampleperchunk > 1) groupSetup(tags, false);
+  return true;
+}
+
+bool StreamH264::muxUpdate() {
+  // With B-frames the first time stamp is hidden behind the edit list.
+  if (!_trak || _struct != FCC("ibbp")) return true;
+  auto* elst = dynamic_cast<celst*>(_trak->Find("elst"));
+  if (elst && !elst->_items.empty()) elst->_items[0].media_time = _firstPts & 0xffffffffLL;
+  return true;
+}
+
+void StreamH264::ConcateModeUpdate() { concateFill({_stts, _ctts, _sdtp, _stsc, _stsz, _co64, _stco, _stss}); }
+
+// ---------------------------------------------------------------- samples
+
+int StreamH264::MuxOffset(const Packet&) { return 0; }
+
+int StreamH264::AddChunk(const Packet& packet, unsigned long long offset, int flag) {
+  const size_t before = _chunkList ? _chunkList->size() : 0;
+  const int size = IStream::AddChunk(packet, offset, flag);
+  if (!_chunkList || _chunkList->size() == before) return size;
+  ChunkParam& r = _chunkList->back();
+  if (_spc > 1) r.count = _spc;
+  if (_addSamples) r.count += _addSamples;
+  if (param().fixedRate) {
+    auto zero = [](const Fraction& f) { return f.Den() == 0 || f.Num() / f.Den() == 0; };
+    if (zero(_frameRate) && packet.media) packet.media->Get("framerate", _frameRate);
+    if (zero(_frameRate)) return size;
+    r.duration = static_cast<uint32_t>(_frameRate.Den() * _scale.Scale() / _frameRate.Num());
+  }
+  return size;
+}
+
+long long StreamH264::writeGroup(IO& io, unsigned n) {
+  long long sum = 0;
+  for (unsigned i = 0; i < n; ++i) {
+    Packet* p = nullptr;
+    if (!_fifo->pop(p) || !p) break;
+    AddChunk(*p, 0, 0);
+    sum += WriteData(io, *p);
+    if (i + 1 < n) ConcateModeUpdate();
+    kiv::base::Release(p);
+  }
+  return sum;
+}
+
+long long StreamH264::AddData(IO& io, Packet& packet, unsigned long long leader) {
+  const long long pos = io.Position();
+  const int size = packet.Size();
+  if (!_fifo) {
+    AddChunk(packet, size ? static_cast<unsigned long long>(pos) : 0, 0);
+    const long long written = WriteData(io, packet);
+    ConcateModeUpdate();
+    return written;
+  }
+
+  packet.Hold();
+  Packet* held = &packet;
+  if (!_fifo->push(held)) {
+    LOGE << "!_fifo->push(pkt) " << _fifo->Size() << "/" << _fifo->Max();
+    kiv::base::Release(held);
+    return 0;
+  }
+  if (_fragmented) {
+    pushScratch(static_cast<unsigned>(size),
+                static_cast<uint16_t>(_scale.FromMs(packet.duration / 1000000)));
+  } else if (_chunkLeads == 0 && !mdatHasContent()) {
+    return 0;  // a following track writes nothing before the leader has
+  }
+  if (_fifo->Size() < static_cast<int>(_spc)) return 0;
+  if (_chunkLeads == 0 && static_cast<unsigned long long>(_duration) + _firstChunkMs / 2 > leader) return 0;
+
+  if (_fragmented) {
+    createmoof(io, true, _spc, static_cast<unsigned>(_firstPts), false);
+    // What came in behind the group moves to the front of the scratch arrays.
+    const unsigned rest = _sizeCount > _spc ? _sizeCount - _spc : 0;
+    if (rest) {
+      std::memmove(_sizeList, _sizeList + _spc, rest * sizeof(unsigned));
+      std::memmove(_ptsList, _ptsList + _spc, rest * sizeof(unsigned));
+    }
+    _sizeCount = rest;
+    _ptsCount = rest;
+  }
+
+  const long long sum = writeGroup(io, _spc);
+  // The group's position closes its chunk, in the group's last record.
+  if (_chunkList && !_chunkList->empty()) _chunkList->back().offset = size ? static_cast<unsigned long long>(pos) : 0;
+  ++_chunkCount;
+  if (_chunkCount == 1) _firstChunkMs = static_cast<unsigned long long>(_duration);
+  ConcateModeUpdate();
+  return sum;
+}
+
+bool StreamH264::CleanFifoData(IO& io, unsigned long long) {
+  if (!_fifo || _spc == 0) return true;
+  // Only whole groups: the rest of the fifo is dropped with it.
+  while (_fifo->Size() >= static_cast<int>(_spc)) {
+    const long long pos = io.Position();
+    if (_fragmented) {
+      createmoof(io, true, _spc, static_cast<unsigned>(_firstPts), false);
+      _sizeCount = 0;
+      _ptsCount = 0;
+    }
+    const long long sum = writeGroup(io, _spc);
+    if (_chunkList && !_chunkList->empty()) _chunkList->back().offset = static_cast<unsigned long long>(pos);
+    growMdat(sum);
+    ConcateModeUpdate();
+  }
+  return true;
+}
+
+long long StreamH264::WriteData(IO& io, Packet& packet) {
+  const long long head = WriteNaluHeader(io, packet);
+  if (head > 0) {
+    // The head went out rewritten; the rest goes from the packet as it is.
+    const int step = static_cast<int>(std::min<long long>(head, packet.Size()));
+    if (step < head) LOGE << "head " << head << " > size " << packet.Size();
+    packet.Offset(packet.Offset() + step);
+  }
+  long long written = 0;
+  if (packet.Size() > 0) {
+    written = io.Write(packet.Data(), packet.Size());
+    if (written < 0) written = 0;
+  }
+  return head + written;
+}
+
+int StreamH264::GetSliceDataOffset(const Packet& packet) {
+  const unsigned char* d = packet.Data();
+  const int n = packet.Size();
+  if (!d) return 0;
+  for (int i = 0; n - i >= 6; ++i)
+    if (isStartCode(d + i) && isSlice(d[i + 4])) return i;
+  return 0;
+}
+
+long long StreamH264::WriteNaluHeader(IO& io, const Packet& packet) {
+  const unsigned off = static_cast<unsigned>(GetSliceDataOffset(packet));
+  const unsigned head = off + 4;
+  const unsigned copy = off + 8;
+  unsigned char* buffer = _naluHeader;
+  unsigned char* owned = nullptr;
+  if (head > 252) {
+    // A long head (big SEI or parameter sets): the member buffer cannot hold it.
+    owned = new (std::nothrow) unsigned char[copy];
+    if (!owned) {
+      LOGE << "!buffer " << copy;
+      return 0;
+    }
+    buffer = owned;
+    std::memset(buffer, 0, copy);
+  } else {
+    std::memset(buffer, 0, sizeof _naluHeader);
+  }
+  const unsigned have = packet.Size() > 0 ? static_cast<unsigned>(packet.Size()) : 0;
+  const unsigned take = std::min(copy, have);
+  if (take) std::memcpy(buffer, packet.Data(), take);
+  if (take < copy) LOGE << "sample of " << have << " bytes, head needs " << copy << ": missing bytes read as 0";
+  UpdateNaluHeader(buffer, copy, have);
+  io.Write(buffer, head);
+  delete[] owned;
+  return head;
+}
+
+void StreamH264::UpdateNaluHeader(unsigned char* buffer, unsigned int headerLength, unsigned int packetSize) {
+  if (!buffer || headerLength == 0) return;
+  unsigned char* const end = buffer + headerLength;
+  unsigned char* open = buffer;  // start of the unit whose length is not known yet
+  bool seen = false;
+  for (unsigned char* cur = buffer; end - cur >= 6; ++cur) {
+    if (!isStartCode(cur)) continue;
+    const unsigned char b = cur[4];
+    if (isSlice(b)) {
+      put32be(open, static_cast<uint32_t>(cur - open - 4));
+      // The slice runs to the end of the sample; for a slice alone this replaces the write above.
+      put32be(cur, static_cast<uint32_t>(packetSize - 4 - static_cast<unsigned>(cur - buffer)));
+      return;
+    }
+    const unsigned type = b & 31;
+    if (seen && type >= 6 && type <= 9) {
+      put32be(open, static_cast<uint32_t>(cur - open - 4));
+      open = cur;
+    }
+    seen = true;
+  }
+}
+
+bool StreamH264::SetAVCInfo(const Packet& packet) {
+  auto* avcc = _trak ? dynamic_cast<cavcC*>(_trak->Find("avcC")) : nullptr;
+  if (!avcc) return false;
+  const unsigned char* d = packet.Data();
+  const int n = packet.Size();
+  if (!d) return true;
+  // The sets found, laid out in the box's own buffer as a read box has them: SPS, then PPS.
+  const unsigned char* spsAt = nullptr;
+  const unsigned char* ppsAt = nullptr;
+  unsigned spsLen = 0, ppsLen = 0;
+  auto layout = [&]() {
+    unsigned char tmp[cavcC::kBufferSize] = {};
+    const unsigned s = static_cast<unsigned>(std::min<size_t>(spsLen, cavcC::kBufferSize));
+    const unsigned p = static_cast<unsigned>(std::min<size_t>(ppsLen, cavcC::kBufferSize - s));
+    if (s < spsLen || p < ppsLen) LOGE << "sps " << spsLen << " + pps " << ppsLen << " cut to the avcC buffer";
+    if (s) std::memcpy(tmp, spsAt, s);
+    if (p) std::memcpy(tmp + s, ppsAt, p);
+    std::memcpy(avcc->_buffer, tmp, sizeof tmp);
+    if (spsAt) {
+      avcc->_sps = avcc->_buffer;
+      avcc->_sps_size = static_cast<uint16_t>(s);
+    }
+    if (ppsAt) {
+      avcc->_pps = avcc->_buffer + s;
+      avcc->_pps_size = static_cast<uint16_t>(p);
+    }
+  };
+  int prev = -1;
+  for (int i = 0; n - i >= 6; ++i) {
+    if (!isStartCode(d + i)) continue;
+    if (prev >= 0 && _extraSize == 0) {
+      // The unit that ends at this start code.
+      const unsigned char* body = d + prev + 4;
+      const unsigned len = static_cast<unsigned>(i - prev - 4);
+      const unsigned type = len ? (body[0] & 31) : 0;
+      if (type == 7) {
+        spsAt = body;
+        spsLen = len;
+        layout();
+      } else if (type == 8) {
+        ppsAt = body;
+        ppsLen = len;
+        layout();
+      }
+      if (avcc->_sps_size && avcc->_pps_size) {
+        _extraSize = avcc->_sps_size + avcc->_pps_size;
+        break;
+      }
+    }
+    prev = i;
+  }
+  return true;
+}
+
+// ---------------------------------------------------------------- demuxing
+
+bool StreamH264::demuxConfig(kiv::base::Object*) {
+  if (_demuxSide && _media) _media->Release();
+  _media = IMedia::New("h264");
+  if (!_media) {
+    LOGE << "!_media";
+    return false;
+  }
+  _demuxSide = true;
+  auto* avc1 = _trak ? dynamic_cast<cavc1*>(_trak->Find("avc1")) : nullptr;
+  if (!avc1) {
+    LOGE << "can not find avc1";
+    return false;
+  }
+  _media->Set("width", static_cast<int>(avc1->_width));
+  _media->Set("height", static_cast<int>(avc1->_height));
+  if (auto* avcc = dynamic_cast<cavcC*>(_trak->Find("avcC"))) {
+    _media->Set("profile", static_cast<unsigned>(avcc->_profile));
+    _media->Set("level", static_cast<unsigned>(avcc->_level));
+  }
+  // "framerate" and "bitrate" come from the packet producer over the tables, which DemuxConfig makes.
+  setExtraData(_media);
+  _media->Set("gop", static_cast<long long>(_gop));
+  return true;
+}
+
+bool StreamH264::setExtraData(IMedia* media) {
+  auto* avcc = _trak ? dynamic_cast<cavcC*>(_trak->Find("avcC")) : nullptr;
+  if (!avcc) {
+    LOGI << "can not find avcc";
+    return false;
+  }
+  unsigned char buffer[64] = {};
+  unsigned sps = avcc->_sps ? avcc->_sps_size : 0;
+  unsigned pps = avcc->_pps ? avcc->_pps_size : 0;
+  _spsSize = avcc->_sps_size;
+  _ppsSize = avcc->_pps_size;
+  if (8 + sps + pps > sizeof buffer) {
+    LOGE << "sps " << sps << " + pps " << pps << " do not fit the extra data buffer";
+    sps = std::min<unsigned>(sps, sizeof buffer - 8);
+    pps = std::min<unsigned>(pps, static_cast<unsigned>(sizeof buffer) - 8 - sps);
+  }
+  std::memcpy(buffer, kStartCode, 4);
+  if (sps) std::memcpy(buffer + 4, avcc->_sps, sps);
+  std::memcpy(buffer + 4 + sps, kStartCode, 4);
+  if (pps) std::memcpy(buffer + 8 + sps, avcc->_pps, pps);
+  if (!media || !media->Extra(buffer, static_cast<int>(sps + pps + 8))) {
+    LOGE << "!media->Extra(pbuf, nSpsPpsSize)";
+    return false;
+  }
+  return true;
+}
+
+Packet* StreamH264::demuxUpdatePacket(IO&, Packet* packet) {
+  if (!packet) {
+    LOGE << "!pkt" << "," << "IStream GetPacket null!";
+    return packet;
+  }
+  if (packet == reinterpret_cast<Packet*>(intptr_t(-1))) {
+    LOGE << "(pkt == (Packet*)-1)" << "," << "IStream GetPacket failed!";
+    return packet;
+  }
+  unsigned char* const data = packet->Data();
+  const long long size = data ? packet->Size() : 0;
+  long long at = 0;
+  bool warned = false;
+  // Bytes beyond the sample read as 0; a length that points past the end is reported once.
+  auto byteAt = [&](long long i) -> unsigned {
+    if (i >= 0 && i < size) return data[i];
+    if (!warned) LOGE << "unit at " << at << " runs past the sample of " << size << " bytes";
+    warned = true;
+    return 0;
+  };
+  auto length = [&]() -> uint32_t {
+    return (byteAt(at) << 24) | (byteAt(at + 1) << 16) | (byteAt(at + 2) << 8) | byteAt(at + 3);
+  };
+  auto nal = [&]() -> unsigned { return byteAt(at + 4); };
+  auto toStartCode = [&]() {
+    if (at >= 0 && at + 4 <= size) std::memcpy(data + at, kStartCode, 4);
+  };
+  auto next = [&](uint32_t len) { at += 4 + static_cast<long long>(len); };
+
+  // The order of the units in a sample of this system: an optional delimiter or one-byte unit, SPS,
+  // PPS, an optional one-byte unit, a slice. Further units keep their length prefix.
+  uint32_t len = length();
+  if (len == 1 || (len == 2 && (nal() & 31) == 9)) {
+    toStartCode();
+    next(len);
+  }
+  len = length();
+  if (((nal() & 31) == 7 && len == _spsSize) || len == 1) {
+    toStartCode();
+    next(len);
+  }
+  len = length();
+  if (((nal() & 31) == 8 && len == _ppsSize) || len == 1) {
+    toStartCode();
+    next(len);
+    len = length();
+    if (len == 1 || isSlice(static_cast<unsigned char>(nal()))) toStartCode();
+  } else if (isSlice(static_cast<unsigned char>(nal()))) {
+    toStartCode();
+  }
+  packet->CheckKey();
+  return packet;
+}
+
+}  // namespace mov
+}  // namespace plugin
+}  // namespace kiv
+
+extern "C" void RegisterMovStreamH264() {
+  using kiv::plugin::mov::StreamH264;
+  using P = kiv::base::TProperty<StreamH264>;
+  kiv::plugin::mov::Reflect<StreamH264>("MovStreamH264-mov-stream-avc1-h264",
+                                        {P::Member("frameRate", &StreamH264::_frameRate)}, "quor");
+}

@@ -1,0 +1,90 @@
+// The H.264 track. Muxing: builds the whole trak tree from the media and the profile, turns the
+// Annex-B start codes of a sample into four-byte lengths while writing (only the head of a sample is
+// copied for that; the slice data goes to the file from the packet), and groups samples into chunks
+// through a fifo when the profile asks for several samples a chunk. Demuxing: rebuilds a media from
+// "avc1" and "avcC" and puts the start codes back into a sample read from the file.
+#pragma once
+
+#include <cstdint>
+
+#include "stream/base/Convert.h"
+#include "stream/core/Fifo.h"
+#include "stream/plugin/mp4/common/IStream.h"
+
+namespace kiv {
+namespace plugin {
+namespace mov {
+
+class StreamH264 : public IStream {
+ public:
+  using PacketFifo = kiv::stream::Fifo<Packet*, void (*)(Packet*&)>;
+
+  StreamH264();
+  ~StreamH264() override;
+
+  // ---- IStream
+  bool muxConfig(kiv::base::Object* tags) override;
+  bool muxUpdate() override;
+  bool muxTagSet(videoTags* tags) override;
+  bool CleanFifoData(IO& io, unsigned long long videoDuration) override;
+  int AddChunk(const Packet& packet, unsigned long long offset, int flag) override;
+  long long AddData(IO& io, Packet& packet, unsigned long long leader) override;
+  int MuxOffset(const Packet& packet) override;
+  bool demuxConfig(kiv::base::Object* param) override;
+  Packet* demuxUpdatePacket(IO& io, Packet* packet) override;
+
+  // ---- own virtual operations, in table order
+  // Writes the rewritten head, then the rest of the payload from the packet; returns the bytes.
+  virtual long long WriteData(IO& io, Packet& packet);
+  // SPS and PPS of a key packet into "avcC" (when the track knows none yet).
+  virtual bool SetAVCInfo(const Packet& packet);
+  // Start codes of the head in buffer turned into big-endian lengths, in place.
+  virtual void UpdateNaluHeader(unsigned char* buffer, unsigned int headerLength, unsigned int packetSize);
+  // Where the first slice's start code stands (0 when none is found).
+  virtual int GetSliceDataOffset(const Packet& packet);
+  // Writes the head of the sample up to and including the first slice's length; returns its size.
+  virtual long long WriteNaluHeader(IO& io, const Packet& packet);
+  // Extra data of a demuxed media: 00 00 00 01 SPS 00 00 00 01 PPS.
+  virtual bool setExtraData(IMedia* media);
+
+  // Table-on-file mode: the new records into the tables.
+  void ConcateModeUpdate();
+
+  unsigned _extraSize = 0;
+  unsigned _spsSize = 0;
+  unsigned _ppsSize = 0;
+  PacketFifo* _fifo = nullptr;
+  unsigned _spc = 1;
+  unsigned long long _firstChunkMs = 0;
+  unsigned _chunkCount = 0;
+  IStblFile* _stts = nullptr;
+  kiv::base::IOFileBuffer* _sttsBuf = nullptr;
+  IStblFile* _ctts = nullptr;
+  kiv::base::IOFileBuffer* _cttsBuf = nullptr;
+  IStblFile* _sdtp = nullptr;
+  kiv::base::IOFileBuffer* _sdtpBuf = nullptr;
+  IStblFile* _stsc = nullptr;
+  kiv::base::IOFileBuffer* _stscBuf = nullptr;
+  IStblFile* _stsz = nullptr;
+  kiv::base::IOFileBuffer* _stszBuf = nullptr;
+  IStblFile* _stco = nullptr;
+  kiv::base::IOFileBuffer* _stcoBuf = nullptr;
+  IStblFile* _co64 = nullptr;
+  kiv::base::IOFileBuffer* _co64Buf = nullptr;
+  IStblFile* _stss = nullptr;
+  kiv::base::IOFileBuffer* _stssBuf = nullptr;
+  unsigned char _naluHeader[256] = {};
+  kiv::base::Fraction _frameRate{0, 0};  // property "frameRate", set by the engine
+  uint32_t _struct = 0;                  // media "struct": "ibbp" (B-frames), "iiii" (all intra)
+
+ protected:
+  // The fifo and the grouping for a profile with several samples a chunk.
+  void groupSetup(videoTags* tags, bool scratch);
+  // Pops n packets of the fifo and writes them as the records of one chunk; the caller puts the
+  // chunk's position into the last record. Returns the bytes written.
+  long long writeGroup(IO& io, unsigned n);
+};
+
+}  // namespace mov
+}  // namespace plugin
+}  // namespace kiv

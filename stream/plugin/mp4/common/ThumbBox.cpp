@@ -1,0 +1,126 @@
+#include "stream/plugin/mp4/common/ThumbBox.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <new>
+
+#include "stream/base/Convert.h"
+#include "stream/base/dbg/Log.h"
+#include "stream/base/io/File.h"
+#include "stream/base/io/IUrl.h"
+
+namespace kiv {
+namespace plugin {
+namespace mov {
+
+using kiv::base::IOIntWriter;
+
+namespace {
+// Room kept behind the JPEG: the 8-byte header of the "free" box and 8 bytes more.
+constexpr unsigned kFreeRoom = 16;
+}  // namespace
+
+cthumb::cthumb() : IBox("thum", 0), _data(new (std::nothrow) unsigned char[kReserve]()) {
+  _statistics_size = 8ull + _reserve_size;
+}
+
+void cthumb::fill(IO& io) {
+  if (_reserve_size == 0) return;
+  _pos = static_cast<unsigned long long>(io.Position());
+  IBox::fill(io);
+  const unsigned fromData = _data ? std::min(_reserve_size, _capacity) : 0;
+  if (fromData) io.Write(_data.get(), fromData);
+  // Without a buffer the reserve is still laid out, as zeros.
+  static const unsigned char zeros[4096] = {};
+  for (unsigned left = _reserve_size - fromData; left;) {
+    const unsigned n = std::min<unsigned>(left, sizeof zeros);
+    io.Write(zeros, n);
+    left -= n;
+  }
+}
+
+bool cthumb::parse(IO& io) {
+  const unsigned long long payload = PayloadSize();
+  _size = static_cast<unsigned int>(payload & 0xffffffffull);
+  if (!_data) {
+    LOGE << "!_data";
+    _size = 0;
+    return false;
+  }
+  if (_size > _capacity) {
+    LOGE << "thum: " << _size << ">" << _capacity << ", clamped";
+    _size = _capacity;
+  }
+  if (!io.Seek(PayloadPostion(), kiv::Position::front)) {
+    LOGE << "!io.Seek(PayloadPostion(), Position::front)";
+    _size = 0;
+    return false;
+  }
+  long long got = _size ? io.Read(_data.get(), _size) : 0;
+  if (got < 0) got = 0;
+  if (got < static_cast<long long>(_size)) {
+    LOGE << "thum: " << got << " of " << _size << " bytes";
+    std::memset(_data.get() + got, 0, _size - static_cast<size_t>(got));
+  }
+  // The box's end, where the stream holds it.
+  const unsigned long long real = RealSize();
+  long long end = 0;
+  if (real <= static_cast<unsigned long long>(LLONG_MAX) &&
+      !__builtin_add_overflow(Offset(), static_cast<long long>(real), &end) && end <= io.Size())
+    io.Seek(end, kiv::Position::front);
+  return true;
+}
+
+void cthumb::fields(AttrSet& out) const {
+  IBox::fields(out);
+  out.SetOrAdd("thumb_size", _size);
+  out.SetOrAdd("reserve_size", _reserve_size);
+}
+
+bool cthumb::ThumbDataUpdate(IO& io, std::string& url) {
+  if (!_data) return false;
+  if (url.empty()) return true;
+
+  // Everything from the first dot on goes, even a dot in a directory name.
+  const std::string path = kiv::base::IUrl::Path(url);
+  const kiv::base::Spliter parts(path.c_str(), '.');
+  const char* stem = parts.Items() ? parts[0] : "";
+  const std::string name = std::string(stem) + ".jpg";
+
+  void* f = kiv::File::Open(name.c_str(), "rb");
+  if (!f) return true;
+  const long long fileSize = kiv::File::Size(f);
+  kiv::File::Seek(f, 0, kiv::Position::front);
+  if (fileSize < 0) {
+    kiv::File::Close(f);
+    return true;
+  }
+  _size = fileSize > UINT_MAX ? UINT_MAX : static_cast<unsigned int>(fileSize);
+  // Too big: the number stays in _size, the reserve stays as it is.
+  if (_reserve_size < kFreeRoom || _size > _reserve_size - kFreeRoom || _size > _capacity) {
+    kiv::File::Close(f);
+    return true;
+  }
+
+  long long got = _size ? kiv::File::Read(f, _data.get(), _size) : 0;
+  if (got < 0) got = 0;
+  if (got < static_cast<long long>(_size))
+    std::memset(_data.get() + got, 0, _size - static_cast<size_t>(got));
+
+  const long long pos = static_cast<long long>(_pos);
+  IOIntWriter w(io);
+  io.Seek(pos, kiv::Position::front);
+  w.Write32be(_size + 8);
+  io.Seek(pos + 8, kiv::Position::front);
+  if (_size) io.Write(_data.get(), _size);
+  w.Write32be(_reserve_size - _size);
+  w.Write32(FCC("free"));
+
+  kiv::File::Close(f);
+  return true;
+}
+
+}  // namespace mov
+}  // namespace plugin
+}  // namespace kiv

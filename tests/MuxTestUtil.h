@@ -1,0 +1,165 @@
+// What the engine and element tests share: a small track class found by the keywords "mov-stream-testv"
+// and "mov-stream-testa", media and packets for it, and a reader of the box layout of a written file.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "stream/base/Helpers.h"
+#include "stream/base/reflect/IClass.h"
+#include "stream/core/IMedia.h"
+#include "stream/core/Packet.h"
+#include "stream/plugin/mp4/common/Box.h"
+#include "stream/plugin/mp4/common/IStream.h"
+
+namespace muxtest {
+
+using Bytes = std::vector<unsigned char>;
+using kiv::stream::IMedia;
+using kiv::stream::Packet;
+
+constexpr long long kMs = 1000000;  // nanoseconds
+
+// Every CleanFifoData call of the test tracks, in order: the codec word and the limit.
+inline std::vector<std::pair<std::string, unsigned long long>>& CleanLog() {
+  static std::vector<std::pair<std::string, unsigned long long>> log;
+  return log;
+}
+
+// A track that writes each payload as it comes (the core's AddPacket and AddData), with a trak of its
+// own headers. Media attributes: "scale" (track time scale, default 1000), "fail" (muxConfig fails).
+class TestTrack : public kiv::plugin::mov::IStream {
+ public:
+  TestTrack() : IStream("test") {}
+
+  bool muxConfig(kiv::base::Object* tags) override {
+    using namespace kiv::plugin::mov;
+    seenTags = tags;
+    int fail = 0;
+    if (_media && _media->Get("fail", fail) && fail) return false;
+    int scale = 1000;
+    if (_media) _media->Get("scale", scale);
+    _scale.Scale(scale);
+    _chunkList = &list;
+    auto* trak = new ctrak();
+    trak->Add(new ctkhd(_version1 ? 1 : 0));
+    auto* mdia = new cmdia();
+    mdia->Add(new cmdhd(_version1 ? 1 : 0));
+    trak->Add(mdia);
+    _trak = trak;
+    return true;
+  }
+  bool demuxConfig(kiv::base::Object*) override { return false; }
+  bool AddPacket(Packet& packet, kiv::base::IO& io, unsigned long long leader) override {
+    if (packet.media != _media) return false;
+    leaders.push_back(leader);
+    addSamplesSeen = _addSamples;
+    return IStream::AddPacket(packet, io, leader);
+  }
+  bool CleanFifoData(kiv::base::IO&, unsigned long long videoDuration) override {
+    CleanLog().emplace_back(_media ? _media->Codec() : "", videoDuration);
+    return true;
+  }
+
+  std::vector<kiv::plugin::mov::ChunkParam> list;
+  std::vector<unsigned long long> leaders;  // the leader handed with each packet
+  unsigned addSamplesSeen = 0;
+  kiv::base::Object* seenTags = nullptr;
+  kiv::base::Fraction frameRate{0, 0};  // property, set by the engine on video tracks
+};
+
+inline void RegisterTestTrack() {
+  using P = kiv::base::TProperty<TestTrack>;
+  kiv::base::ReflectClass<TestTrack>("MuxTestTrack-mov-stream-testv-testa", {P::Member("frameRate", &TestTrack::frameRate)},
+                                     true, "test", 1, "test", "test");
+}
+
+inline IMedia* VideoMedia(const char* extra = "") {
+  return IMedia::New((std::string("codec=video/testv;scale=90000;width=640;height=360") + extra).c_str());
+}
+inline IMedia* AudioMedia(const char* extra = "") {
+  return IMedia::New((std::string("codec=audio/testa;scale=48000") + extra).c_str());
+}
+
+// A packet of n bytes, each the byte `fill`.
+inline Packet* NewPacket(IMedia* media, int n, unsigned char fill, long long ptsMs, long long durMs, bool key = true) {
+  Packet* p = kiv::stream::PacketAlloc(n, 0, 0);
+  if (n) std::memset(p->Data(), fill, static_cast<size_t>(n));
+  p->media = media;
+  p->pts = ptsMs * kMs;
+  p->duration = durMs * kMs;
+  p->SetKey(key);
+  return p;
+}
+
+// ---- reading a written file
+
+inline uint32_t Be32(const Bytes& b, size_t at) { return at + 4 <= b.size() ? kiv::Read32BE(b.data() + at) : 0; }
+inline uint64_t Be64(const Bytes& b, size_t at) { return at + 8 <= b.size() ? kiv::Read64BE(b.data() + at) : 0; }
+inline uint16_t Be16(const Bytes& b, size_t at) {
+  return at + 2 <= b.size() ? static_cast<uint16_t>(b[at] << 8 | b[at + 1]) : 0;
+}
+inline std::string Code(const Bytes& b, size_t at) {
+  return at + 4 <= b.size() ? std::string(reinterpret_cast<const char*>(b.data() + at), 4) : std::string();
+}
+
+struct BoxAt {
+  std::string type;
+  size_t offset = 0;
+  uint64_t size = 0;    // whole box
+  size_t header = 8;    // 16 with the 64-bit size
+  size_t body() const { return offset + header; }
+  size_t end() const { return static_cast<size_t>(offset + size); }
+};
+
+// The boxes one after another in [from, to); stops at a size that does not fit.
+inline std::vector<BoxAt> Boxes(const Bytes& b, size_t from, size_t to) {
+  std::vector<BoxAt> out;
+  size_t at = from;
+  while (at + 8 <= to) {
+    BoxAt x;
+    x.offset = at;
+    x.type = Code(b, at + 4);
+    x.size = Be32(b, at);
+    if (x.size == 1) {
+      x.size = Be64(b, at + 8);
+      x.header = 16;
+    }
+    if (x.size < x.header || at + x.size > to) break;
+    out.push_back(x);
+    at += static_cast<size_t>(x.size);
+  }
+  return out;
+}
+
+inline std::vector<BoxAt> Children(const Bytes& b, const BoxAt& parent) { return Boxes(b, parent.body(), parent.end()); }
+
+inline std::vector<BoxAt> OfType(const std::vector<BoxAt>& boxes, const std::string& type) {
+  std::vector<BoxAt> out;
+  for (const auto& x : boxes)
+    if (x.type == type) out.push_back(x);
+  return out;
+}
+
+inline Bytes ReadFile(const std::string& path) {
+  std::ifstream f(path, std::ios::binary);
+  return Bytes((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+}
+
+inline bool FileExists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
+
+inline std::string TempPath(const std::string& name) {
+  std::string dir = ::testing::TempDir();
+  if (!dir.empty() && dir.back() != '/') dir += '/';
+  return dir + name + "_" + std::to_string(::getpid());
+}
+
+}  // namespace muxtest

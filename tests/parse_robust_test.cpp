@@ -1,0 +1,155 @@
+// Files written by other tools go through the box parser whole, cut short and with flipped bits.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "stream/base/io/IO.h"
+#include "stream/plugin/mp4/common/IBox.h"
+#include "tests/LogCapture.h"
+#include "tests/ToolRun.h"
+
+using kiv::base::AttrSet;
+using kiv::base::IOBuffer;
+using kiv::plugin::mov::IBox;
+
+namespace {
+
+struct Sample {
+  const char* name;
+  const char* args;  // ffmpeg output options
+};
+
+const Sample kSamples[] = {
+    {"plain.mp4", "-c:v libx264 -c:a aac"},
+    {"plain.mov", "-c:v libx264 -c:a aac"},
+    {"frag.mp4", "-c:v libx264 -c:a aac -movflags +frag_keyframe+empty_moov+default_base_moof -frag_duration 200000"},
+    {"hevc.mp4", "-c:v libx265 -x265-params log-level=none -tag:v hvc1 -an"},
+};
+
+class ForeignFiles : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    dir_ = std::string(::testing::TempDir()) + "/foreign" + std::to_string(::getpid());
+    Shell("mkdir -p " + dir_);
+    for (const Sample& s : kSamples) {
+      const std::string cmd = "ffmpeg -nostdin -loglevel error -y -f lavfi -i testsrc=size=96x64:rate=25 -f lavfi "
+                              "-i sine=frequency=440:sample_rate=48000 -t 1.2 -pix_fmt yuv420p " +
+                              std::string(s.args) + " -shortest " + dir_ + "/" + s.name;
+      files_.push_back(Shell(cmd) ? ReadWhole(dir_ + "/" + s.name) : std::string());
+    }
+  }
+  static void TearDownTestSuite() { Shell("rm -rf " + dir_); }
+
+  static bool parse(const std::string& bytes, size_t topLevelExpected = 0, std::vector<std::string>* top = nullptr) {
+    IOBuffer io;
+    io.Write(bytes.data(), static_cast<long long>(bytes.size()));
+    io.Seek(0, kiv::Position::front);
+    std::unique_ptr<IBox> root(IBox::New("root", 0));
+    AttrSet ap;
+    const bool ok = root->Parse(io, ap, true);
+    size_t n = 0;
+    for (IBox* c = root->Child(); c; c = c->Next(), ++n) {
+      if (top) top->push_back(c->FCCString());
+    }
+    if (topLevelExpected) {
+      EXPECT_EQ(n, topLevelExpected);
+    }
+    return ok;
+  }
+
+  const std::string& file(size_t i) {
+    if (files_[i].empty()) ADD_FAILURE() << "ffmpeg could not make " << kSamples[i].name;
+    return files_[i];
+  }
+
+  static std::string dir_;
+  static std::vector<std::string> files_;
+};
+std::string ForeignFiles::dir_;
+std::vector<std::string> ForeignFiles::files_;
+
+TEST_F(ForeignFiles, ParseWholeAndPrintWithInfo) {
+  for (size_t i = 0; i < files_.size(); ++i) {
+    const std::string& bytes = file(i);
+    if (bytes.empty()) continue;
+    LogCapture quiet(kiv::dbg::E);
+    std::vector<std::string> top;
+    EXPECT_TRUE(parse(bytes, 0, &top)) << kSamples[i].name;
+    ASSERT_FALSE(top.empty());
+    EXPECT_EQ(top.front(), "ftyp") << kSamples[i].name;
+    bool moov = false;
+    for (const auto& t : top) moov = moov || t == "moov";
+    EXPECT_TRUE(moov) << kSamples[i].name;
+
+    ToolResult text = RunTool("info " + dir_ + "/" + kSamples[i].name);
+    EXPECT_EQ(text.status, 0) << kSamples[i].name << text.err;
+    EXPECT_EQ(text.out.rfind("ftyp  offset=0 size=", 0), 0u) << text.out;
+    ToolResult json = RunTool("info --json " + dir_ + "/" + kSamples[i].name);
+    EXPECT_EQ(json.status, 0);
+    EXPECT_NE(json.out.find("\"boxes\": ["), std::string::npos);
+    EXPECT_NE(json.out.find("{\"type\": \"moov\", \"offset\": "), std::string::npos);
+  }
+}
+
+TEST_F(ForeignFiles, TruncatedCopiesKeepWhatWasReadAndNeverCrash) {
+  const long long objectsBefore = kiv::object_base::LiveObjects();
+  for (size_t i = 0; i < files_.size(); ++i) {
+    const std::string& bytes = file(i);
+    if (bytes.empty()) continue;
+    LogCapture quiet(kiv::dbg::E);
+    // A cut exactly behind the first box leaves a clean file of one box.
+    const size_t ftypSize = (static_cast<unsigned char>(bytes[2]) << 8) | static_cast<unsigned char>(bytes[3]);
+    EXPECT_TRUE(parse(bytes.substr(0, ftypSize), 1));
+    const size_t step = bytes.size() / 150 + 1;
+    for (size_t cut = 1; cut < bytes.size(); cut += step) parse(bytes.substr(0, cut));
+    for (size_t cut = bytes.size() - 64; cut < bytes.size(); ++cut) parse(bytes.substr(0, cut));
+  }
+  EXPECT_EQ(kiv::object_base::LiveObjects(), objectsBefore) << "every box of a damaged tree is freed";
+
+  ToolResult cut = RunTool("info " + dir_ + "/cut.mp4");
+  EXPECT_EQ(cut.status, 1) << "a missing file";
+  if (!files_[0].empty()) {
+    std::ofstream(dir_ + "/cut.mp4", std::ios::binary) << files_[0].substr(0, files_[0].size() / 2);
+    ToolResult half = RunTool("info " + dir_ + "/cut.mp4");
+    EXPECT_EQ(half.status, 1);
+    EXPECT_NE(half.out.find("ftyp"), std::string::npos) << "what could be read is printed";
+    EXPECT_NE(half.err.find("damaged or truncated"), std::string::npos) << half.err;
+  }
+}
+
+TEST_F(ForeignFiles, FlippedBitsNeverCrash) {
+  std::mt19937 rng(20261121);
+  const long long objectsBefore = kiv::object_base::LiveObjects();
+  for (size_t i = 0; i < files_.size(); ++i) {
+    const std::string& bytes = file(i);
+    if (bytes.empty()) continue;
+    LogCapture quiet(kiv::dbg::E);
+    // Flips in the headers and tables hurt most: aim most of them at the moov end of the file and the
+    // first kilobyte, the rest anywhere.
+    for (int round = 0; round < 300; ++round) {
+      std::string copy = bytes;
+      const int flips = 1 + static_cast<int>(rng() % 8);
+      for (int k = 0; k < flips; ++k) {
+        size_t at;
+        const unsigned where = rng() % 3;
+        if (where == 0) {
+          at = rng() % std::min<size_t>(copy.size(), 1024);
+        } else if (where == 1) {
+          at = copy.size() - 1 - rng() % std::min<size_t>(copy.size(), 4096);
+        } else {
+          at = rng() % copy.size();
+        }
+        copy[at] = static_cast<char>(copy[at] ^ (1u << (rng() % 8)));
+      }
+      parse(copy);
+    }
+  }
+  EXPECT_EQ(kiv::object_base::LiveObjects(), objectsBefore);
+}
+
+}  // namespace

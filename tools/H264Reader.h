@@ -1,0 +1,199 @@
+// H.264 Annex-B elementary streams for the command-line host: access units read from a file in
+// blocks, the stream's description, and the media and packets that a muxer takes.
+//
+// An access unit is the NAL units of one picture: delimiter, parameter sets and SEI in front of it
+// belong to it. A new picture starts at an access unit delimiter, at a parameter set or SEI that follows
+// a slice, or at a slice whose first_mb_in_slice is 0. Every NAL unit is handed on behind a four-byte
+// start code, the form a camera encoder delivers and the H.264 track turns into lengths; three-byte
+// start codes and trailing zero bytes of the file are not kept.
+//
+// The file is never held whole: a block is read at a time, and the buffer grows only to the largest
+// NAL unit (bounded by kMaxUnit).
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "stream/base/Convert.h"
+
+namespace kiv {
+namespace stream {
+class IMedia;
+class Packet;
+}  // namespace stream
+}  // namespace kiv
+
+namespace boxweave {
+
+// The error value of the packet-producing calls (null is the end of the stream).
+inline kiv::stream::Packet* PacketError() { return reinterpret_cast<kiv::stream::Packet*>(intptr_t(-1)); }
+
+// Slice types seen in a picture, one bit each (slice_type % 5).
+enum SliceBits : unsigned { kSliceP = 1, kSliceB = 2, kSliceI = 4, kSliceSP = 8, kSliceSI = 16 };
+
+// The fields of a sequence parameter set that a track and a reader need.
+struct H264Sps {
+  unsigned profile_idc = 0;
+  unsigned constraint_flags = 0;  // the byte behind profile_idc
+  unsigned level_idc = 0;
+  unsigned sps_id = 0;
+  unsigned chroma_format_idc = 1;
+  unsigned bit_depth_luma_minus8 = 0;
+  unsigned bit_depth_chroma_minus8 = 0;
+  bool frame_mbs_only = true;
+  unsigned width = 0;   // luma samples, cropping applied
+  unsigned height = 0;  // luma rows of a frame, cropping applied
+};
+
+// Parses the SPS NAL unit (header byte first, no start code). False with the reason in `why`.
+bool ParseSps(const uint8_t* nal, size_t size, H264Sps& sps, std::string& why);
+
+struct H264AccessUnit {
+  const unsigned char* data = nullptr;  // the units behind four-byte start codes; valid until the next read
+  size_t size = 0;                      // bytes in that form (also counted when the reader only scans)
+  long long index = 0;                  // picture number in stream (decoding) order
+  unsigned long long position = 0;      // file offset of the first unit's header byte
+  bool key = false;                     // holds an IDR slice
+  unsigned sliceTypes = 0;              // SliceBits of the slices whose header could be read
+  int slices = 0;                       // slice NAL units (IDR, non-IDR, partition A)
+  int units = 0;                        // NAL units
+  bool hasSps = false;
+  bool hasPps = false;
+  // Every slice is I or SI.
+  bool Intra() const { return sliceTypes && !(sliceTypes & ~unsigned(kSliceI | kSliceSI)); }
+};
+
+class H264Reader {
+ public:
+  static constexpr size_t kBlock = 1 << 20;
+  // The largest NAL unit and the largest access unit taken; a larger one fails the read.
+  static constexpr size_t kMaxUnit = 64u << 20;
+
+  // `block` is the size of one read; small values are for tests.
+  explicit H264Reader(size_t block = kBlock);
+  ~H264Reader();
+  H264Reader(const H264Reader&) = delete;
+  H264Reader& operator=(const H264Reader&) = delete;
+
+  // ".h264" or ".264", in any case.
+  static bool HandlesPath(const std::string& path);
+
+  // Opens the file and checks that it begins as an Annex-B H.264 stream. False with Error() set.
+  bool Open(const std::string& path);
+  // Scan only: access units are split and described, but their bytes are not assembled (data stays
+  // null). Set before the first Next.
+  void ScanOnly(bool on) { _copy = !on; }
+
+  // The next access unit; false at the end of the stream, or on a failure (then Error() is set).
+  bool Next(H264AccessUnit& au);
+
+  // Frame rate for packet times; false (and unchanged) for a rate that is not positive or so large
+  // that nanosecond times would overflow.
+  bool FrameRate(const kiv::base::Fraction& fps);
+  // The next access unit as a packet: its bytes, key flag, index, pts = index / rate and duration in
+  // nanoseconds, and `media` (borrowed). Null at the end, PacketError() on a failure.
+  kiv::stream::Packet* NextPacket(kiv::stream::IMedia* media);
+  // Presentation time in nanoseconds of the picture `index` at the frame rate.
+  long long TimeOf(long long index) const;
+
+  bool Failed() const { return !_error.empty(); }
+  const std::string& Error() const { return _error; }
+  const std::string& Path() const { return _path; }
+
+  // The first SPS and PPS met so far (without start code), and whether others, different ones, followed.
+  const std::vector<uint8_t>& FirstSps() const { return _sps; }
+  const std::vector<uint8_t>& FirstPps() const { return _pps; }
+  bool ParamSetsChange() const { return _paramSetsChange; }
+  // NAL units passed over: with the forbidden bit set, or left at the end without a picture.
+  long long DroppedUnits() const { return _droppedUnits; }
+  // Slices whose header could not be read (counted, kept in their picture).
+  long long BadSlices() const { return _badSlices; }
+
+ private:
+  struct Building {
+    size_t size = 0;
+    unsigned long long position = 0;
+    bool hasVcl = false;
+    bool key = false;
+    unsigned sliceTypes = 0;
+    int slices = 0;
+    int units = 0;
+    bool hasSps = false;
+    bool hasPps = false;
+  };
+
+  bool fail(const std::string& message);
+  bool fill();
+  bool nextNal(const uint8_t*& nal, size_t& size, unsigned long long& position);
+  bool add(const uint8_t* nal, size_t size, unsigned long long position);
+  void noteParamSet(std::vector<uint8_t>& first, const uint8_t* nal, size_t size);
+  void deliver(H264AccessUnit& au);
+
+  std::string _path;
+  std::FILE* _file = nullptr;
+  size_t _block;
+  std::vector<uint8_t> _buf;       // [0, _end) read from the file at _bufPos
+  size_t _begin = 0;               // start of the unit being delimited
+  size_t _scan = 0;                // search for the next start code goes on from here
+  size_t _end = 0;
+  unsigned long long _bufPos = 0;  // file offset of _buf[0]
+  bool _eof = false;
+  bool _atEnd = false;             // the last unit has been handed out
+
+  bool _copy = true;
+  std::vector<uint8_t> _au;   // the access unit being built
+  std::vector<uint8_t> _out;  // the one handed out last
+  Building _cur;
+  long long _pictures = 0;
+
+  kiv::base::Fraction _fps{30, 1};
+  std::vector<uint8_t> _sps;
+  std::vector<uint8_t> _pps;
+  bool _paramSetsChange = false;
+  long long _droppedUnits = 0;
+  long long _badSlices = 0;
+  std::string _error;
+};
+
+// What a whole pass over the stream finds: what the media description needs before recording starts.
+struct H264Description {
+  std::string path;
+  H264Sps sps;
+  std::vector<uint8_t> spsBytes;  // first SPS, without start code
+  std::vector<uint8_t> ppsBytes;  // first PPS, without start code
+  long long pictures = 0;
+  long long keys = 0;             // pictures with an IDR slice
+  long long firstKey = -1;        // index of the first one, -1 without any
+  long long gop = 0;              // pictures from the first IDR to the second; see DescribeH264
+  bool hasB = false;              // some picture has a B slice
+  bool allIntra = false;          // every picture has only I or SI slices
+  int maxSlices = 0;              // most slices in one picture
+  bool multiSlice() const { return maxSlices > 1; }
+  bool interlace() const { return !sps.frame_mbs_only; }
+  bool paramSetsChange = false;
+  long long droppedUnits = 0;
+  long long badSlices = 0;
+  unsigned long long bytes = 0;   // of all access units in four-byte start-code form
+};
+
+// One pass over the whole file (reading only, no copies of the units; the cost is one read of the
+// file), so that the picture count, "struct" and "gop" are true for all of it. "gop" is the distance
+// between the first two IDR pictures; with one IDR picture the pictures from it to the end; without
+// one, all pictures. False with the reason in `error` for a file that cannot be read, is not Annex-B,
+// has no picture, no SPS, no PPS, or an SPS that does not parse.
+bool DescribeH264(const std::string& path, H264Description& out, std::string& error);
+
+// A new "h264" media (count 1) with "width", "height" (of a field when interlaced: the track doubles
+// it), "interlace", "profile", "level", "chroma_format_idc", "bit_depth_luma_minus8",
+// "bit_depth_chroma_minus8", "sps"/"isps", "pps"/"ipps", "struct" ("ibbp" with B slices, "iiii" all
+// intra, else unset), "gop" and "framerate". The extra data is 00 00 00 01 SPS 00 00 00 01 PPS, and
+// "sps"/"pps" point into it, so the bytes live as long as the media (its extra data must not be
+// replaced). Null for an invalid frame rate.
+kiv::stream::IMedia* NewH264Media(const H264Description& d, const kiv::base::Fraction& fps);
+
+// Lines a host prints before recording such a stream: what the file cannot keep as it is.
+std::vector<std::string> H264Warnings(const H264Description& d);
+
+}  // namespace boxweave

@@ -1,0 +1,310 @@
+// "record": H.264 and AAC elementary streams into a movie file, through the plug-in's muxer element.
+// The host plays the part of a camera graph: one source element a stream, linked to the muxer's input
+// ports, packets delivered in time order, every message of the muxer printed.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "stream/base/Message.h"
+#include "stream/base/io/IUrl.h"
+#include "stream/core/IMedia.h"
+#include "stream/core/Packet.h"
+#include "stream/core/fw/IElement.h"
+#include "stream/core/fw/IPort.h"
+#include "stream/plugin/mp4/VideoTag.h"
+#include "stream/plugin/mp4/common/IMovMuxer.h"
+#include "tools/AdtsReader.h"
+#include "tools/Cli.h"
+#include "tools/H264Reader.h"
+
+namespace boxweave {
+namespace {
+
+using kiv::base::AttrSet;
+using kiv::base::Fraction;
+using kiv::base::Message;
+using kiv::base::Object;
+using kiv::stream::IMedia;
+using kiv::stream::IPort;
+using kiv::stream::ISink;
+using kiv::stream::ISource;
+using kiv::stream::Packet;
+
+struct RecordOptions {
+  std::string out;
+  std::string format;  // "mov" or "mp4"
+  std::string video;
+  std::string audio;
+  Fraction fps{30, 1};
+  bool thumb = false;
+  long long cacheBlock = 0;
+  long long cacheBlocks = 0;
+  bool spill = false;
+  bool tableFiles = false;
+  std::string tmp;
+  std::vector<std::pair<std::string, std::string>> tags;
+};
+
+std::string extension(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  const size_t dot = path.rfind('.');
+  if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return "";
+  std::string e = path.substr(dot + 1);
+  for (char& c : e) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
+  return e;
+}
+
+bool number(const std::string& text, long long& v) { return kiv::base::ConvertToImpl(text.c_str(), v) && v >= 0; }
+
+// Parses the command line; returns kOk, or the status to exit with after printing why.
+int parseOptions(const std::vector<std::string>& args, RecordOptions& o) {
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    auto value = [&](std::string& v) {
+      if (i + 1 >= args.size()) return false;
+      v = args[++i];
+      return true;
+    };
+    std::string v;
+    if (a == "--thumb") {
+      o.thumb = true;
+    } else if (a == "--spill") {
+      o.spill = true;
+    } else if (a == "--table-files") {
+      o.tableFiles = true;
+    } else if (a == "-o" || a == "--format" || a == "--video" || a == "--audio" || a == "--fps" ||
+               a == "--cache-block" || a == "--cache-blocks" || a == "--tmp" || a == "--set") {
+      if (!value(v)) return UsageError("record: option " + a + " needs a value");
+      if (a == "-o") {
+        o.out = v;
+      } else if (a == "--format") {
+        if (v != "mov" && v != "mp4") return UsageError("record: --format must be mov or mp4");
+        o.format = v;
+      } else if (a == "--video") {
+        o.video = v;
+      } else if (a == "--audio") {
+        o.audio = v;
+      } else if (a == "--fps") {
+        if (!o.fps.From(v.c_str()) || o.fps.Num() <= 0) return UsageError("record: --fps wants N or N/D, not '" + v + "'");
+      } else if (a == "--cache-block") {
+        if (!number(v, o.cacheBlock) || o.cacheBlock == 0 || o.cacheBlock > 0x7fffffff)
+          return UsageError("record: --cache-block wants a byte count");
+      } else if (a == "--cache-blocks") {
+        if (!number(v, o.cacheBlocks) || o.cacheBlocks > 0x7fffffff)
+          return UsageError("record: --cache-blocks wants a count");
+      } else if (a == "--tmp") {
+        o.tmp = v;
+      } else {
+        const size_t eq = v.find('=');
+        if (eq == std::string::npos || eq == 0) return UsageError("record: --set wants TAG=VALUE, not '" + v + "'");
+        o.tags.emplace_back(v.substr(0, eq), v.substr(eq + 1));
+      }
+    } else {
+      return UsageError("record: unknown argument '" + a + "'");
+    }
+  }
+  if (o.out.empty()) return UsageError("record needs -o OUT");
+  if (o.video.empty() && o.audio.empty()) return UsageError("record needs --video FILE or --audio FILE");
+  if ((o.cacheBlock != 0) != (o.cacheBlocks != 0) && o.cacheBlocks != 0)
+    return UsageError("record: --cache-blocks needs --cache-block");
+  if (o.format.empty()) {
+    const std::string e = extension(o.out);
+    if (e != "mov" && e != "mp4") return UsageError("record: cannot tell the format of '" + o.out + "' (use .mov, .mp4 or --format)");
+    o.format = e;
+  }
+  if (!o.video.empty() && !H264Reader::HandlesPath(o.video))
+    return UsageError("record: '" + o.video + "' is not an H.264 elementary stream (.h264, .264)");
+  if (!o.audio.empty() && !AdtsReader::HandlesPath(o.audio))
+    return UsageError("record: '" + o.audio + "' is not an AAC ADTS stream (.aac)");
+  return kOk;
+}
+
+// A source of the graph: one output port that carries the stream's media.
+class StreamSource : public ISource {
+ public:
+  IPort* Port(IMedia* media) {
+    if (!_port) {
+      _port = CreatePortOut(media->Codec(), 0);
+      if (_port && !_port->Media(*media)) _port = nullptr;
+    }
+    return _port;
+  }
+
+ private:
+  IPort* _port = nullptr;
+};
+
+void printMessage(Message& msg) {
+  std::string line = msg.Name();
+  for (size_t i = 0; i < msg.Attrs.Size(); ++i) line += std::string(" ") + msg.Attrs.Key(i) + "=" + msg.Attrs.Value(i);
+  std::printf("%s\n", line.c_str());
+  std::fflush(stdout);
+}
+
+// One input: its reader and the next packet it holds.
+struct Input {
+  std::unique_ptr<H264Reader> h264;
+  std::unique_ptr<AdtsReader> adts;
+  IMedia* media = nullptr;
+  std::unique_ptr<StreamSource> source;
+  IPort* port = nullptr;
+  Packet* next = nullptr;
+  bool done = false;
+
+  bool advance() {
+    next = h264 ? h264->NextPacket(media) : adts->NextPacket(media);
+    if (next == PacketError()) {
+      next = nullptr;
+      return false;
+    }
+    done = next == nullptr;
+    return true;
+  }
+  const std::string& error() const { return h264 ? h264->Error() : adts->Error(); }
+  ~Input() {
+    if (next) next->Release();
+    if (media) media->Release();
+  }
+};
+
+int failed(const std::string& message) {
+  std::fprintf(stderr, "boxweave: %s\n", message.c_str());
+  return kFailed;
+}
+
+}  // namespace
+
+int RunRecord(const std::vector<std::string>& args) {
+  for (const std::string& a : args) {
+    if (a == "-h" || a == "--help") {
+      std::printf(
+          "Usage: boxweave record -o OUT [--format mov|mp4] --video FILE [--audio FILE] [options]\n"
+          "\n"
+          "Records an H.264 Annex-B stream (.h264, .264) and/or an AAC ADTS stream (.aac) into a\n"
+          "QuickTime (.mov) or MP4 (.mp4) file with the plug-in's muxer element, and prints every\n"
+          "message the element sends.\n"
+          "\n"
+          "  -o OUT                 the file to write; its extension gives the format\n"
+          "  --format mov|mp4       the format, whatever the extension\n"
+          "  --video FILE           H.264 elementary stream\n"
+          "  --audio FILE           AAC elementary stream with ADTS headers\n"
+          "  --fps N[/D]            video frame rate (default 30)\n"
+          "  --thumb                reserve room for a thumbnail (filled from OUT's name with .jpg)\n"
+          "  --cache-block BYTES    write through a cache of blocks of this size ...\n"
+          "  --cache-blocks N       ... and this many of them\n"
+          "  --spill                keep sample lists in temporary files, not in memory\n"
+          "  --table-files          write each sample table into a file of its own while recording\n"
+          "  --tmp DIR              directory of the temporary files (default: the system's)\n"
+          "  --set TAG=VALUE        set a tag of the file-type profile (see 'boxweave inspect videoTags')\n");
+      return kOk;
+    }
+  }
+  RecordOptions o;
+  if (int status = parseOptions(args, o)) return status;
+  if (!o.tmp.empty()) kiv::base::DriveMap('d', o.tmp.c_str());
+
+  std::vector<std::unique_ptr<Input>> inputs;
+  double seconds = 0;
+  if (!o.video.empty()) {
+    H264Description d;
+    std::string error;
+    if (!DescribeH264(o.video, d, error)) return failed(error);
+    for (const std::string& w : H264Warnings(d)) std::fprintf(stderr, "boxweave: warning: %s\n", w.c_str());
+    auto in = std::make_unique<Input>();
+    in->media = NewH264Media(d, o.fps);
+    in->h264 = std::make_unique<H264Reader>();
+    if (!in->media || !in->h264->Open(o.video) || !in->h264->FrameRate(o.fps))
+      return failed("cannot read " + o.video + ": " + in->h264->Error());
+    seconds = static_cast<double>(d.pictures) * static_cast<double>(o.fps.Den()) / static_cast<double>(o.fps.Num());
+    inputs.push_back(std::move(in));
+  }
+  if (!o.audio.empty()) {
+    AdtsDescription d;
+    std::string error;
+    if (!DescribeAdts(o.audio, d, error)) return failed(error);
+    for (const std::string& w : AdtsWarnings(d)) std::fprintf(stderr, "boxweave: warning: %s\n", w.c_str());
+    auto in = std::make_unique<Input>();
+    in->media = NewAdtsMedia(d);
+    in->adts = std::make_unique<AdtsReader>();
+    if (!in->media || !in->adts->Open(o.audio)) return failed("cannot read " + o.audio + ": " + in->adts->Error());
+    if (d.config.rate) seconds = std::max(seconds, static_cast<double>(d.samples) / d.config.rate);
+    inputs.push_back(std::move(in));
+  }
+
+  // The muxer element, found by keywords as a graph would find it.
+  AttrSet ap;
+  Object::AttrSetInit(ap, nullptr, o.format == "mov" ? "mov-muxer" : "mp4-muxer");
+  std::unique_ptr<ISink> mux(Object::New<ISink>(ap));
+  if (!mux) return failed("the plug-in has no muxer for " + o.format);
+  mux->SetMessageHandler(printMessage);
+
+  if (!mux->setString("url", o.out.c_str())) return failed("the muxer takes no url");
+  if (o.thumb && !mux->Set("thumb", true)) return failed("the muxer takes no thumbnail setting");
+  if (o.cacheBlock && (!mux->Set("ioCacheBlk", static_cast<int>(o.cacheBlock)) ||
+                       !mux->Set("ioCacheNum", static_cast<int>(o.cacheBlocks))))
+    return failed("the muxer takes no write cache setting");
+  kiv::plugin::mov::videoTags* tags = nullptr;
+  if (!o.tags.empty() && (!mux->Get("vidtag", tags) || !tags)) return failed("the muxer has no profile");
+  for (const auto& t : o.tags) {
+    if (!tags->hasProperty(t.first.c_str())) return UsageError("record: unknown tag '" + t.first + "'");
+    if (!tags->setString(t.first.c_str(), t.second.c_str()))
+      return UsageError("record: tag " + t.first + " does not take '" + t.second + "'");
+  }
+  // Engine parameters that are no element properties: spill lists and tables on file.
+  if (o.spill || o.tableFiles) {
+    auto* engine = dynamic_cast<kiv::plugin::mov::IMovMuxer*>(mux.get());
+    if (!engine) return failed("the muxer has no engine parameters");
+    if (o.spill) engine->_para.rsvdSeconds = 0;
+    if (o.tableFiles) engine->_concate = true;
+  }
+
+  for (auto& in : inputs) {
+    in->source = std::make_unique<StreamSource>();
+    in->port = in->source->Port(in->media);
+    in->media->Hold();  // the port took one reference; the input keeps its own
+    if (!in->port || !in->source->LinkTo(mux.get())) return failed("cannot link an input to the muxer");
+  }
+  if (!mux->Open()) return failed("cannot record to " + o.out);
+
+  for (auto& in : inputs)
+    if (!in->advance()) return failed(in->error());
+  const bool progress = isatty(2) && seconds > 10;
+  long long lastShown = -1;
+  bool ok = true;
+  for (;;) {
+    // Packets go out in time order; at equal times video first.
+    Input* pick = nullptr;
+    for (auto& in : inputs)
+      if (in->next && (!pick || in->next->pts < pick->next->pts)) pick = in.get();
+    if (!pick) break;
+    Packet* p = pick->next;
+    pick->next = nullptr;
+    const long long pts = p->pts;
+    const int pushed = pick->port->Push(p, true);
+    p->Release();
+    if (!pushed) {
+      ok = false;
+      std::fprintf(stderr, "boxweave: the muxer refused a packet at %.3f s\n", static_cast<double>(pts) / 1e9);
+      break;
+    }
+    if (!pick->advance()) {
+      ok = false;
+      std::fprintf(stderr, "boxweave: %s\n", pick->error().c_str());
+      break;
+    }
+    if (progress && pts / 1000000000 != lastShown) {
+      lastShown = pts / 1000000000;
+      std::fprintf(stderr, "\rrecording %lld s of %.0f s", lastShown, seconds);
+    }
+  }
+  if (progress) std::fprintf(stderr, "\n");
+  if (!mux->Close()) return failed("closing " + o.out + " failed");
+  return ok ? kOk : kFailed;
+}
+
+}  // namespace boxweave
