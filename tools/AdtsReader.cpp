@@ -96,6 +96,7 @@ bool AdtsReader::need(size_t n) {
 }
 
 bool AdtsReader::Open(const std::string& path) {
+  if (_file) return fail("the reader is open already");
   _path = path;
   _error.clear();
   _file = std::fopen(path.c_str(), "rb");
@@ -336,7 +337,7 @@ std::vector<std::string> AdtsWarnings(const AdtsDescription& d) {
   std::vector<std::string> w;
   if (d.resyncs) {
     std::ostringstream m;
-    m << d.path << ": " << d.resyncs << " damaged places skipped (" << d.skippedBytes << " bytes)";
+    m << d.path << ": " << d.resyncs << " damaged places skipped, " << d.skippedBytes << " bytes left out in all";
     w.push_back(m.str());
   }
   if (d.truncatedTail) w.push_back(d.path + ": the last frame is cut off and is not recorded");

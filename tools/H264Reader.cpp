@@ -210,6 +210,7 @@ bool H264Reader::fill() {
 }
 
 bool H264Reader::Open(const std::string& path) {
+  if (_file) return fail("the reader is open already");
   _path = path;
   _error.clear();
   _file = std::fopen(path.c_str(), "rb");
@@ -328,6 +329,7 @@ void H264Reader::deliver(H264AccessUnit& au) {
   au.sliceTypes = _cur.sliceTypes;
   au.slices = _cur.slices;
   au.units = _cur.units;
+  au.head = _cur.head;
   au.hasSps = _cur.hasSps;
   au.hasPps = _cur.hasPps;
   _cur = Building();
@@ -374,6 +376,7 @@ bool H264Reader::Next(H264AccessUnit& au) {
       return false;
     }
     if (isVcl(type)) {
+      if (!_cur.hasVcl) _cur.head = _cur.size - 4 - size;
       _cur.hasVcl = true;
       ++_cur.slices;
       _cur.sliceTypes |= sliceBit;
@@ -474,6 +477,7 @@ bool DescribeH264(const std::string& path, H264Description& out, std::string& er
     if (au.sliceTypes & kSliceB) d.hasB = true;
     if (!au.Intra()) allIntra = false;
     d.maxSlices = std::max(d.maxSlices, au.slices);
+    d.maxHead = std::max(d.maxHead, au.head);
   }
   if (r.Failed()) {
     error = r.Error();

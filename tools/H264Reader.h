@@ -59,6 +59,7 @@ struct H264AccessUnit {
   unsigned sliceTypes = 0;              // SliceBits of the slices whose header could be read
   int slices = 0;                       // slice NAL units (IDR, non-IDR, partition A)
   int units = 0;                        // NAL units
+  size_t head = 0;                      // bytes in front of the first slice's start code
   bool hasSps = false;
   bool hasPps = false;
   // Every slice is I or SI.
@@ -120,6 +121,7 @@ class H264Reader {
     unsigned sliceTypes = 0;
     int slices = 0;
     int units = 0;
+    size_t head = 0;
     bool hasSps = false;
     bool hasPps = false;
   };
@@ -170,6 +172,7 @@ struct H264Description {
   bool hasB = false;              // some picture has a B slice
   bool allIntra = false;          // every picture has only I or SI slices
   int maxSlices = 0;              // most slices in one picture
+  size_t maxHead = 0;             // most bytes in front of a picture's first slice (SEI, parameter sets)
   bool multiSlice() const { return maxSlices > 1; }
   bool interlace() const { return !sps.frame_mbs_only; }
   bool paramSetsChange = false;
