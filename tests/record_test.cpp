@@ -90,6 +90,7 @@ TEST_F(Record, InputErrorsHaveMessagesAndStatuses) {
       {"record -o " + dir_ + "/x.mov" + v + " --set no_such_tag=1", 2, "unknown tag"},
       {"record -o " + dir_ + "/x.mov" + v + " --fps 0", 2, "--fps"},
       {"record" + v, 2, "-o OUT"},
+      {"record -o " + dir_ + "/x.mov" + v + " --cache-block 4096", 2, "go together"},
   };
   for (const Case& c : cases) {
     ToolResult r = RunTool(c.args);

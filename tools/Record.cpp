@@ -95,8 +95,8 @@ int parseOptions(const std::vector<std::string>& args, RecordOptions& o) {
         if (!number(v, o.cacheBlock) || o.cacheBlock == 0 || o.cacheBlock > 0x7fffffff)
           return UsageError("record: --cache-block wants a byte count");
       } else if (a == "--cache-blocks") {
-        if (!number(v, o.cacheBlocks) || o.cacheBlocks > 0x7fffffff)
-          return UsageError("record: --cache-blocks wants a count");
+        if (!number(v, o.cacheBlocks) || o.cacheBlocks == 0 || o.cacheBlocks > 0x7fffffff)
+          return UsageError("record: --cache-blocks wants a count of at least 1");
       } else if (a == "--tmp") {
         o.tmp = v;
       } else {
@@ -110,8 +110,8 @@ int parseOptions(const std::vector<std::string>& args, RecordOptions& o) {
   }
   if (o.out.empty()) return UsageError("record needs -o OUT");
   if (o.video.empty() && o.audio.empty()) return UsageError("record needs --video FILE or --audio FILE");
-  if ((o.cacheBlock != 0) != (o.cacheBlocks != 0) && o.cacheBlocks != 0)
-    return UsageError("record: --cache-blocks needs --cache-block");
+  if ((o.cacheBlock != 0) != (o.cacheBlocks != 0))
+    return UsageError("record: --cache-block and --cache-blocks go together");
   if (o.format.empty()) {
     const std::string e = extension(o.out);
     if (e != "mov" && e != "mp4") return UsageError("record: cannot tell the format of '" + o.out + "' (use .mov, .mp4 or --format)");
