@@ -291,6 +291,14 @@ bool IStream::MuxUpdateMdhdDuration(unsigned long long duration) {
 
 // ---------------------------------------------------------------- demuxing
 
+bool IStream::newDemuxMedia(const char* codec) {
+  if (_demuxSide && _media) _media->Release();
+  _media = IMedia::New(codec);
+  _demuxSide = _media != nullptr;
+  if (!_media) LOGE << "!_media";
+  return _demuxSide;
+}
+
 bool IStream::DemuxConfig(IBox* mdat, IBox* trak, kiv::base::Object*) {
   _mdat = mdat;
   _demuxSide = true;

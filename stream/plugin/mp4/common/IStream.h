@@ -170,6 +170,10 @@ class IStream : public kiv::base::Object {
   int _gop = 1;
 
  protected:
+  // The demuxing side's own media description of this codec, in place of any earlier one; the stream
+  // holds its reference from now on.
+  bool newDemuxMedia(const char* codec);
+
   // The engine's parameters, or the defaults when none were given.
   const MuxerParam& param() const;
   // The scratch arrays of fragment mode, n elements each.

@@ -454,13 +454,7 @@ bool StreamAac::setExtraData(IMedia* media) {
 }
 
 bool StreamAac::demuxConfig(kiv::base::Object*) {
-  if (_demuxSide && _media) _media->Release();
-  _media = IMedia::New("aac");
-  if (!_media) {
-    LOGE << "!_media";
-    return false;
-  }
-  _demuxSide = true;
+  if (!newDemuxMedia("aac")) return false;
   auto* esds = _trak ? dynamic_cast<cesds*>(_trak->Find("esds")) : nullptr;
   if (!esds) {
     LOGE << "!esds";

@@ -599,13 +599,7 @@ bool StreamH264::SetAVCInfo(const Packet& packet) {
 // ---------------------------------------------------------------- demuxing
 
 bool StreamH264::demuxConfig(kiv::base::Object*) {
-  if (_demuxSide && _media) _media->Release();
-  _media = IMedia::New("h264");
-  if (!_media) {
-    LOGE << "!_media";
-    return false;
-  }
-  _demuxSide = true;
+  if (!newDemuxMedia("h264")) return false;
   auto* avc1 = _trak ? dynamic_cast<cavc1*>(_trak->Find("avc1")) : nullptr;
   if (!avc1) {
     LOGE << "can not find avc1";
