@@ -115,7 +115,7 @@ void IStblFile::copyTable(IO& out) {
 
 // ============================================================ stts
 
-cstts_file::cstts_file(IO& io) : IStblFile(io) {}
+cstts_file::cstts_file(IO& io) : TStblFile(io) {}
 cxstts_file::cxstts_file(IO& io) : cstts_file(io) { _unitRun = true; }
 
 void cstts_file::begin() {
@@ -158,18 +158,9 @@ void cstts_file::fillFinal(IO&) {
   _io->Flush();
 }
 
-void cstts_file::fill(IO& out) {
-  fillFinal(out);
-  copyTable(out);
-}
-
-unsigned long long cstts_file::statisticsSize() const {
-  return _first ? cstts::statisticsSize() : static_cast<unsigned long long>(std::max(0LL, _io->Size()));
-}
-
 // ============================================================ ctts
 
-cctts_file::cctts_file(IO& io) : IStblFile(io) {}
+cctts_file::cctts_file(IO& io) : TStblFile(io) {}
 
 void cctts_file::begin() {
   _first = false;
@@ -201,18 +192,9 @@ void cctts_file::fillFinal(IO&) {
   _io->Flush();
 }
 
-void cctts_file::fill(IO& out) {
-  fillFinal(out);
-  copyTable(out);
-}
-
-unsigned long long cctts_file::statisticsSize() const {
-  return _first ? cctts::statisticsSize() : static_cast<unsigned long long>(std::max(0LL, _io->Size()));
-}
-
 // ============================================================ stsc
 
-cstsc_file::cstsc_file(IO& io) : IStblFile(io) {}
+cstsc_file::cstsc_file(IO& io) : TStblFile(io) {}
 
 void cstsc_file::begin() {
   _first = false;
@@ -249,18 +231,9 @@ void cstsc_file::fillFinal(IO&) {
   _io->Flush();
 }
 
-void cstsc_file::fill(IO& out) {
-  fillFinal(out);
-  copyTable(out);
-}
-
-unsigned long long cstsc_file::statisticsSize() const {
-  return _first ? cstsc::statisticsSize() : static_cast<unsigned long long>(std::max(0LL, _io->Size()));
-}
-
 // ============================================================ stsz
 
-cstsz_file::cstsz_file(IO& io) : IStblFile(io) {}
+cstsz_file::cstsz_file(IO& io) : TStblFile(io) {}
 
 void cstsz_file::begin(const std::vector<ChunkParam>* list) {
   _first = false;
@@ -289,19 +262,10 @@ void cstsz_file::fillFinal(IO&) {
   _io->Flush();
 }
 
-void cstsz_file::fill(IO& out) {
-  fillFinal(out);
-  copyTable(out);
-}
-
-unsigned long long cstsz_file::statisticsSize() const {
-  return _first ? cstsz::statisticsSize() : static_cast<unsigned long long>(std::max(0LL, _io->Size()));
-}
-
 // ============================================================ stco, co64
 
-cstco_file::cstco_file(IO& io) : IStblFile(io) {}
-cco64_file::cco64_file(IO& io) : IStblFile(io) {}
+cstco_file::cstco_file(IO& io) : TStblFile(io) {}
+cco64_file::cco64_file(IO& io) : TStblFile(io) {}
 
 void cstco_file::begin() {
   _first = false;
@@ -350,30 +314,12 @@ void cco64_file::fillFinal(IO&) {
   _io->Flush();
 }
 
-void cstco_file::fill(IO& out) {
-  fillFinal(out);
-  copyTable(out);
-}
-
-void cco64_file::fill(IO& out) {
-  fillFinal(out);
-  copyTable(out);
-}
-
-unsigned long long cstco_file::statisticsSize() const {
-  return _first ? cstco::statisticsSize() : static_cast<unsigned long long>(std::max(0LL, _io->Size()));
-}
-
-unsigned long long cco64_file::statisticsSize() const {
-  return _first ? cco64::statisticsSize() : static_cast<unsigned long long>(std::max(0LL, _io->Size()));
-}
-
 bool cstco_file::fromAttrSet(const AttrSet& ap) { return ShiftOffsets<uint32_t>(*this, ap); }
 bool cco64_file::fromAttrSet(const AttrSet& ap) { return ShiftOffsets<uint64_t>(*this, ap); }
 
 // ============================================================ stss
 
-cstss_file::cstss_file(IO& io) : IStblFile(io) {}
+cstss_file::cstss_file(IO& io) : TStblFile(io) {}
 
 void cstss_file::begin() {
   _first = false;
@@ -398,18 +344,9 @@ void cstss_file::fillFinal(IO&) {
   _io->Flush();
 }
 
-void cstss_file::fill(IO& out) {
-  fillFinal(out);
-  copyTable(out);
-}
-
-unsigned long long cstss_file::statisticsSize() const {
-  return _first ? cstss::statisticsSize() : static_cast<unsigned long long>(std::max(0LL, _io->Size()));
-}
-
 // ============================================================ sdtp
 
-csdtp_file::csdtp_file(IO& io) : IStblFile(io) {}
+csdtp_file::csdtp_file(IO& io) : TStblFile(io) {}
 
 void csdtp_file::begin() {
   _first = false;
@@ -425,15 +362,6 @@ void csdtp_file::fill(IO&, std::vector<ChunkParam>* list) {
 void csdtp_file::fillFinal(IO&) {
   if (_first) begin();
   _io->Flush();
-}
-
-void csdtp_file::fill(IO& out) {
-  fillFinal(out);
-  copyTable(out);
-}
-
-unsigned long long csdtp_file::statisticsSize() const {
-  return _first ? csdtp::statisticsSize() : static_cast<unsigned long long>(std::max(0LL, _io->Size()));
 }
 
 }  // namespace mov

@@ -6,6 +6,7 @@
 // the plain tables, and for the same records the bytes are the same.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 
@@ -45,14 +46,30 @@ class IStblFile {
   long long _countPos = 0;  // the count field in _io
 };
 
-class cstts_file : public cstts, public IStblFile {
+// The box side that every _file table shares: writing the box finishes its table and copies it in,
+// and once the table has begun, the box is as big as the table.
+template <class Table>
+class TStblFile : public Table, public IStblFile {
  public:
+  void fill(IO& out) override {
+    fillFinal(out);
+    copyTable(out);
+  }
+  using IStblFile::fill;
+  unsigned long long statisticsSize() const override {
+    return _first ? Table::statisticsSize() : static_cast<unsigned long long>(std::max(0LL, _io->Size()));
+  }
+
+ protected:
+  explicit TStblFile(IO& io) : IStblFile(io) {}
+};
+
+class cstts_file : public TStblFile<cstts> {
+ public:
+  using TStblFile::fill;
   explicit cstts_file(IO& io);
-  // Finishes the table and copies it into out: the box writes nothing else of its own.
-  void fill(IO& out) override;
   void fill(IO& io, std::vector<ChunkParam>* list) override;
   void fillFinal(IO& io) override;
-  unsigned long long statisticsSize() const override;
 
   uint32_t _last = 0;     // delta of the open run
   uint32_t _run = 0;      // samples of the open run
@@ -68,13 +85,12 @@ class cxstts_file : public cstts_file {
   explicit cxstts_file(IO& io);
 };
 
-class cctts_file : public cctts, public IStblFile {
+class cctts_file : public TStblFile<cctts> {
  public:
+  using TStblFile::fill;
   explicit cctts_file(IO& io);
-  void fill(IO& out) override;
   void fill(IO& io, std::vector<ChunkParam>* list) override;
   void fillFinal(IO& io) override;
-  unsigned long long statisticsSize() const override;
 
   uint32_t _acc = 0;   // durations of the open group of three
   uint32_t _seen = 0;  // records so far
@@ -83,13 +99,12 @@ class cctts_file : public cctts, public IStblFile {
   void begin();
 };
 
-class cstsc_file : public cstsc, public IStblFile {
+class cstsc_file : public TStblFile<cstsc> {
  public:
+  using TStblFile::fill;
   explicit cstsc_file(IO& io);
-  void fill(IO& out) override;
   void fill(IO& io, std::vector<ChunkParam>* list) override;
   void fillFinal(IO& io) override;
-  unsigned long long statisticsSize() const override;
 
   uint32_t _chunk = 1;
   unsigned long long _idx = 0;
@@ -101,13 +116,12 @@ class cstsc_file : public cstsc, public IStblFile {
   void begin();
 };
 
-class cstsz_file : public cstsz, public IStblFile {
+class cstsz_file : public TStblFile<cstsz> {
  public:
+  using TStblFile::fill;
   explicit cstsz_file(IO& io);
-  void fill(IO& out) override;
   void fill(IO& io, std::vector<ChunkParam>* list) override;
   void fillFinal(IO& io) override;
-  unsigned long long statisticsSize() const override;
 
   uint32_t _firstSize = 0;  // with a uniform size: the first record's sample frames
 
@@ -115,13 +129,12 @@ class cstsz_file : public cstsz, public IStblFile {
   void begin(const std::vector<ChunkParam>* list);
 };
 
-class cstco_file : public cstco, public IStblFile {
+class cstco_file : public TStblFile<cstco> {
  public:
+  using TStblFile::fill;
   explicit cstco_file(IO& io);
-  void fill(IO& out) override;
   void fill(IO& io, std::vector<ChunkParam>* list) override;
   void fillFinal(IO& io) override;
-  unsigned long long statisticsSize() const override;
   // "io" (an IO pointer standing at the box's start) and "shift_offset": adds the shift to the
   // offsets of the table written there.
   bool fromAttrSet(const AttrSet& ap) override;
@@ -132,13 +145,12 @@ class cstco_file : public cstco, public IStblFile {
   void begin();
 };
 
-class cco64_file : public cco64, public IStblFile {
+class cco64_file : public TStblFile<cco64> {
  public:
+  using TStblFile::fill;
   explicit cco64_file(IO& io);
-  void fill(IO& out) override;
   void fill(IO& io, std::vector<ChunkParam>* list) override;
   void fillFinal(IO& io) override;
-  unsigned long long statisticsSize() const override;
   bool fromAttrSet(const AttrSet& ap) override;
 
   uint32_t _real = 0;
@@ -147,13 +159,12 @@ class cco64_file : public cco64, public IStblFile {
   void begin();
 };
 
-class cstss_file : public cstss, public IStblFile {
+class cstss_file : public TStblFile<cstss> {
  public:
+  using TStblFile::fill;
   explicit cstss_file(IO& io);
-  void fill(IO& out) override;
   void fill(IO& io, std::vector<ChunkParam>* list) override;
   void fillFinal(IO& io) override;
-  unsigned long long statisticsSize() const override;
 
   uint32_t _index = 0;  // 1-based number of the last record
 
@@ -161,13 +172,12 @@ class cstss_file : public cstss, public IStblFile {
   void begin();
 };
 
-class csdtp_file : public csdtp, public IStblFile {
+class csdtp_file : public TStblFile<csdtp> {
  public:
+  using TStblFile::fill;
   explicit csdtp_file(IO& io);
-  void fill(IO& out) override;
   void fill(IO& io, std::vector<ChunkParam>* list) override;
   void fillFinal(IO& io) override;
-  unsigned long long statisticsSize() const override;
 
  private:
   void begin();
