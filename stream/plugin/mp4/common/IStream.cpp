@@ -10,6 +10,7 @@
 #include "stream/base/io/IOFileBuffer.h"
 #include "stream/core/IMedia.h"
 #include "stream/core/Packet.h"
+#include "stream/plugin/mp4/VideoTag.h"
 #include "stream/plugin/mp4/common/Box.h"
 #include "stream/plugin/mp4/common/IBox.h"
 #include "stream/plugin/mp4/common/Stbl.h"
@@ -290,6 +291,12 @@ bool IStream::MuxUpdateMdhdDuration(unsigned long long duration) {
 }
 
 // ---------------------------------------------------------------- demuxing
+
+videoTags* IStream::profileOf(kiv::base::Object* tags) {
+  auto* profile = tags ? dynamic_cast<videoTags*>(tags) : nullptr;
+  if (tags && !profile) LOGE << "!tags";
+  return profile;
+}
 
 bool IStream::newDemuxMedia(const char* codec) {
   if (_demuxSide && _media) _media->Release();

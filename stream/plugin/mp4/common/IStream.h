@@ -170,6 +170,8 @@ class IStream : public kiv::base::Object {
   int _gop = 1;
 
  protected:
+  // The profile a muxConfig is given, or null ("!tags" when it is some other object).
+  static videoTags* profileOf(kiv::base::Object* tags);
   // The demuxing side's own media description of this codec, in place of any earlier one; the stream
   // holds its reference from now on.
   bool newDemuxMedia(const char* codec);

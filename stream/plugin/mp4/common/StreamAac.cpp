@@ -64,12 +64,8 @@ StreamAac::~StreamAac() {
 // ---------------------------------------------------------------- the trak tree
 
 bool StreamAac::muxConfig(kiv::base::Object* tagsObject) {
-  if (!tagsObject) return false;
-  auto* tags = dynamic_cast<videoTags*>(tagsObject);
-  if (!tags) {
-    LOGE << "!tags";
-    return false;
-  }
+  videoTags* tags = profileOf(tagsObject);
+  if (!tags) return false;
   int rate = 0, chn = 0, width = 0, depth = 0, bitrate = 0;
   if (!_media || !_media->Get("rate", rate)) {
     LOGI << "!_media->Get(\"rate\", rate)";

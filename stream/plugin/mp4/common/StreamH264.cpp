@@ -71,12 +71,8 @@ StreamH264::~StreamH264() {
 // ---------------------------------------------------------------- the trak tree
 
 bool StreamH264::muxConfig(kiv::base::Object* tagsObject) {
-  if (!tagsObject) return false;
-  auto* tags = dynamic_cast<videoTags*>(tagsObject);
-  if (!tags) {
-    LOGE << "!tags";
-    return false;
-  }
+  videoTags* tags = profileOf(tagsObject);
+  if (!tags) return false;
   const MuxerParam& para = param();
   const unsigned char version = _version1 ? 1 : 0;
 
