@@ -5,11 +5,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <array>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -25,12 +28,13 @@ namespace muxtest {
 using Bytes = std::vector<unsigned char>;
 using kiv::stream::IMedia;
 using kiv::stream::Packet;
+using CleanCalls = std::vector<std::pair<std::string, unsigned long long>>;
 
 constexpr long long kMs = 1000000;  // nanoseconds
 
 // Every CleanFifoData call of the test tracks, in order: the codec word and the limit.
-inline std::vector<std::pair<std::string, unsigned long long>>& CleanLog() {
-  static std::vector<std::pair<std::string, unsigned long long>> log;
+inline CleanCalls& CleanLog() {
+  static CleanCalls log;
   return log;
 }
 
@@ -43,9 +47,8 @@ class TestTrack : public kiv::plugin::mov::IStream {
   bool muxConfig(kiv::base::Object* tags) override {
     using namespace kiv::plugin::mov;
     seenTags = tags;
-    int fail = 0;
+    int fail = 0, scale = 1000;
     if (_media && _media->Get("fail", fail) && fail) return false;
-    int scale = 1000;
     if (_media) _media->Get("scale", scale);
     _scale.Scale(scale);
     _chunkList = &list;
@@ -60,9 +63,19 @@ class TestTrack : public kiv::plugin::mov::IStream {
   bool demuxConfig(kiv::base::Object*) override { return false; }
   bool AddPacket(Packet& packet, kiv::base::IO& io, unsigned long long leader) override {
     if (packet.media != _media) return false;
+    static std::atomic<int> inside{0};
+    if (inside++ > 0) ++Overlaps();
+    std::this_thread::yield();  // another caller not held back by the engine comes in now
     leaders.push_back(leader);
     addSamplesSeen = _addSamples;
-    return IStream::AddPacket(packet, io, leader);
+    const bool ok = IStream::AddPacket(packet, io, leader);
+    --inside;
+    return ok;
+  }
+  // Calls of AddPacket on any test track that began while another was running.
+  static std::atomic<int>& Overlaps() {
+    static std::atomic<int> n{0};
+    return n;
   }
   bool CleanFifoData(kiv::base::IO&, unsigned long long videoDuration) override {
     CleanLog().emplace_back(_media ? _media->Codec() : "", videoDuration);
@@ -78,8 +91,8 @@ class TestTrack : public kiv::plugin::mov::IStream {
 
 inline void RegisterTestTrack() {
   using P = kiv::base::TProperty<TestTrack>;
-  kiv::base::ReflectClass<TestTrack>("MuxTestTrack-mov-stream-testv-testa", {P::Member("frameRate", &TestTrack::frameRate)},
-                                     true, "test", 1, "test", "test");
+  kiv::base::ReflectClass<TestTrack>("MuxTestTrack-mov-stream-testv-testa",
+                                     {P::Member("frameRate", &TestTrack::frameRate)}, true, "test", 1, "test", "test");
 }
 
 inline IMedia* VideoMedia(const char* extra = "") {
@@ -100,6 +113,23 @@ inline Packet* NewPacket(IMedia* media, int n, unsigned char fill, long long pts
   return p;
 }
 
+// Bytes laid out by hand: two hex digits a byte, spaces anywhere, and 'text' for its characters.
+inline Bytes Hex(const std::string& s) {
+  Bytes out;
+  std::string digits;
+  for (size_t i = 0; i < s.size(); ++i) {
+    if (s[i] == '\'') {
+      const size_t end = s.find('\'', i + 1);
+      out.insert(out.end(), s.begin() + static_cast<long>(i) + 1, s.begin() + static_cast<long>(end));
+      i = end;
+    } else if (s[i] != ' ' && (digits += s[i]).size() == 2) {
+      out.push_back(static_cast<unsigned char>(std::stoi(digits, nullptr, 16)));
+      digits.clear();
+    }
+  }
+  return out;
+}
+
 // ---- reading a written file
 
 inline uint32_t Be32(const Bytes& b, size_t at) { return at + 4 <= b.size() ? kiv::Read32BE(b.data() + at) : 0; }
@@ -110,12 +140,15 @@ inline uint16_t Be16(const Bytes& b, size_t at) {
 inline std::string Code(const Bytes& b, size_t at) {
   return at + 4 <= b.size() ? std::string(reinterpret_cast<const char*>(b.data() + at), 4) : std::string();
 }
+inline Bytes Slice(const Bytes& b, size_t at, size_t n) {
+  return at + n <= b.size() ? Bytes(b.begin() + static_cast<long>(at), b.begin() + static_cast<long>(at + n)) : Bytes();
+}
 
 struct BoxAt {
   std::string type;
   size_t offset = 0;
-  uint64_t size = 0;    // whole box
-  size_t header = 8;    // 16 with the 64-bit size
+  uint64_t size = 0;  // whole box
+  size_t header = 8;  // 16 with the 64-bit size
   size_t body() const { return offset + header; }
   size_t end() const { return static_cast<size_t>(offset + size); }
 };
@@ -140,13 +173,62 @@ inline std::vector<BoxAt> Boxes(const Bytes& b, size_t from, size_t to) {
   return out;
 }
 
-inline std::vector<BoxAt> Children(const Bytes& b, const BoxAt& parent) { return Boxes(b, parent.body(), parent.end()); }
+inline std::vector<BoxAt> Children(const Bytes& b, const BoxAt& parent) {
+  return Boxes(b, parent.body(), parent.end());
+}
 
 inline std::vector<BoxAt> OfType(const std::vector<BoxAt>& boxes, const std::string& type) {
   std::vector<BoxAt> out;
   for (const auto& x : boxes)
     if (x.type == type) out.push_back(x);
   return out;
+}
+
+// What a closed file holds: its top-level boxes (ftyp, mdat, moov, checked), the movie header and the
+// headers of each track, read in either version.
+using Mvhd = std::array<uint64_t, 6>;                 // version, size, time scale, duration, volume, next track id
+using Tracks = std::vector<std::array<uint64_t, 4>>;  // track id, tkhd duration, mdhd duration, has a uuid box
+struct FileView {
+  std::vector<BoxAt> top;
+  Mvhd mvhd{};
+  uint64_t created = 0, modified = 0;
+  Tracks tracks;
+};
+inline FileView View(const Bytes& b) {
+  FileView v;
+  v.top = Boxes(b, 0, b.size());
+  std::string types;
+  for (const auto& x : v.top) types += x.type + " ";
+  EXPECT_EQ(types, "ftyp mdat moov ");
+  EXPECT_TRUE(!v.top.empty() && v.top.back().end() == b.size()) << "the boxes cover the file";
+  if (v.top.size() != 3) v.top.resize(3);
+  auto version1 = [&b](const BoxAt& x) { return b[x.offset + 8] == 1; };
+  for (const auto& x : OfType(Children(b, v.top[2]), "mvhd")) {
+    const bool v1 = version1(x);
+    const size_t at = x.offset + (v1 ? 28 : 20);  // the time scale
+    v.created = v1 ? Be64(b, x.offset + 12) : Be32(b, x.offset + 12);
+    v.modified = v1 ? Be64(b, x.offset + 20) : Be32(b, x.offset + 16);
+    v.mvhd = {b[x.offset + 8],
+              x.size,
+              Be32(b, at),
+              v1 ? Be64(b, at + 4) : Be32(b, at + 4),
+              Be16(b, at + (v1 ? 16 : 12)),
+              Be32(b, at + (v1 ? 88 : 84))};
+  }
+  for (const auto& trak : OfType(Children(b, v.top[2]), "trak")) {
+    std::array<uint64_t, 4> t{};
+    const auto kids = Children(b, trak);
+    for (const auto& x : OfType(kids, "tkhd")) {
+      t[0] = Be32(b, x.offset + (version1(x) ? 28 : 20));
+      t[1] = version1(x) ? Be64(b, x.offset + 36) : Be32(b, x.offset + 28);
+    }
+    for (const auto& md : OfType(kids, "mdia"))
+      for (const auto& x : OfType(Children(b, md), "mdhd"))
+        t[2] = version1(x) ? Be64(b, x.offset + 32) : Be32(b, x.offset + 24);
+    t[3] = OfType(kids, "uuid").size();
+    v.tracks.push_back(t);
+  }
+  return v;
 }
 
 inline Bytes ReadFile(const std::string& path) {

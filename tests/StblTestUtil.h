@@ -1,16 +1,16 @@
-// Sample lists, hand-laid tables and a "stbl" reader for the sample-table tests.
+// Sample lists, hand-laid tables and a "stbl" reader for the sample-table and track tests.
 #pragma once
 
 #include <cstdint>
 #include <initializer_list>
-#include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "BoxBytes.h"
+#include "io_test_util.h"
 #include "stream/base/AttrSet.h"
-#include "stream/base/io/IO.h"
-#include "stream/plugin/mp4/common/IBox.h"
+#include "stream/base/io/IUrl.h"
 #include "stream/plugin/mp4/common/Stbl.h"
 
 namespace stbltest {
@@ -21,16 +21,18 @@ using List = std::vector<ChunkParam>;
 
 inline ChunkParam Rec(uint64_t offset, uint32_t size, uint32_t duration, uint32_t count = 1, uint8_t flags = 0,
                       uint8_t desc = 1, uint16_t span = 0) {
-  ChunkParam r;
-  r.offset = offset;
-  r.size = size;
-  r.duration = duration;
-  r.count = count;
-  r.packetSpan = span;
-  r.descIndex = desc;
-  r.flags = flags;
-  return r;
+  return ChunkParam{offset, size, duration, count, span, desc, flags};
 }
+
+// Every field but the time span, which no table holds; compared as a whole, printed on a mismatch.
+inline std::vector<std::tuple<uint64_t, uint32_t, uint32_t, uint32_t, int, int>> Fields(const List& l) {
+  std::vector<std::tuple<uint64_t, uint32_t, uint32_t, uint32_t, int, int>> v;
+  for (const ChunkParam& r : l) v.emplace_back(r.offset, r.size, r.duration, r.count, r.descIndex, r.flags);
+  return v;
+}
+
+// Bytes laid out by hand: hex digits, spaces between fields, 'text' for its characters.
+using boxtest::kit::H;
 
 // A full box (version 0, flags 0) with 32-bit big-endian words behind the header.
 inline Bytes Table(const char* fcc, std::initializer_list<uint32_t> words) {
@@ -41,17 +43,19 @@ inline Bytes Table(const char* fcc, std::initializer_list<uint32_t> words) {
 
 inline Bytes Written(kiv::base::IOBuffer& io) { return Bytes(io.Data(), io.Data() + io.Size()); }
 
-// Writes the table as the only child of a "stbl" holding the list; the table's own bytes.
-template <class T>
-Bytes WriteTable(T& table, const List& list) {
+// A "stbl" holding the list and the tables (which it takes), as written; or only the first table.
+inline Bytes WriteStbl(const List& list, std::initializer_list<kiv::plugin::mov::IBox*> tables, bool first = false) {
   kiv::plugin::mov::cstbl stbl;
   stbl._list = list;
-  stbl.Add(&table);
+  for (auto* t : tables) stbl.Add(t);
   kiv::base::IOBuffer io;
-  table.Fill(io, true);
-  stbl.RemoveChild();  // the table belongs to the caller
+  (first ? *stbl.Child() : static_cast<kiv::plugin::mov::IBox&>(stbl)).Fill(io, true);
   return Written(io);
 }
+
+inline Bytes WriteTable(kiv::plugin::mov::IBox* table, const List& list) { return WriteStbl(list, {table}, true); }
+
+inline Bytes StblOf(std::initializer_list<Bytes> tables) { return boxtest::Box("stbl", boxtest::Cat(tables)); }
 
 // A file with a top-level "stbl", read as the demuxer reads it.
 struct ParsedStbl {
@@ -69,10 +73,16 @@ struct ParsedStbl {
   const List& list() const { return stbl->_list; }
 };
 
-inline Bytes StblOf(std::initializer_list<Bytes> tables) {
-  Bytes payload;
-  for (const auto& t : tables) boxtest::Append(payload, t);
-  return boxtest::Box("stbl", payload);
-}
+// A drive letter of the temporary paths pointing into a fresh directory (or a missing one below it).
+struct MappedDrive {
+  iotest::TempDir dir;
+  char letter;
+  explicit MappedDrive(char drive = 'q', const std::string& sub = "") : letter(drive) {
+    kiv::base::DriveMap(letter, sub.empty() ? dir.path().c_str() : dir.file(sub).c_str());
+  }
+  ~MappedDrive() { kiv::base::DriveMap(letter, nullptr); }
+  MappedDrive(const MappedDrive&) = delete;
+  MappedDrive& operator=(const MappedDrive&) = delete;
+};
 
 }  // namespace stbltest

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -38,13 +39,11 @@ inline uint32_t Fcc(const char* t) {
   return v;
 }
 
-inline uint32_t Be32(const unsigned char* p) { return kiv::Read32BE(p); }
-
-inline void PutBe32(Bytes& b, uint32_t v) {
-  for (int i = 3; i >= 0; --i) b.push_back(static_cast<unsigned char>(v >> (8 * i)));
+inline Bytes Cat(std::initializer_list<Bytes> parts) {
+  Bytes b;
+  for (const Bytes& p : parts) b.insert(b.end(), p.begin(), p.end());
+  return b;
 }
-
-inline void Append(Bytes& b, const Bytes& more) { b.insert(b.end(), more.begin(), more.end()); }
 
 // A NAL unit behind a four-byte start code: header byte, then n filler bytes without zeros.
 inline Bytes Nal(unsigned char header, size_t n, unsigned char fill = 0xAB) {
@@ -53,12 +52,14 @@ inline Bytes Nal(unsigned char header, size_t n, unsigned char fill = 0xAB) {
   return b;
 }
 
-struct PacketDeleter {
-  void operator()(Packet* p) const {
+template <class T>
+struct Releaser {
+  void operator()(T* p) const {
     if (p) p->Release();
   }
 };
-using PacketPtr = std::unique_ptr<Packet, PacketDeleter>;
+using PacketPtr = std::unique_ptr<Packet, Releaser<Packet>>;
+using MediaPtr = std::unique_ptr<IMedia, Releaser<IMedia>>;
 
 inline PacketPtr MakePacket(IMedia* media, const Bytes& payload, long long pts, long long duration, bool key,
                             int headroom = 16) {
@@ -70,15 +71,6 @@ inline PacketPtr MakePacket(IMedia* media, const Bytes& payload, long long pts, 
   p->SetKey(key);
   return p;
 }
-
-inline videoTags* NewTags() { return new videoTags(); }
-
-struct MediaDeleter {
-  void operator()(IMedia* m) const {
-    if (m) m->Release();
-  }
-};
-using MediaPtr = std::unique_ptr<IMedia, MediaDeleter>;
 
 // The parameter sets of a small stream, kept alive for the media that points at them.
 struct H264Sets {
@@ -117,12 +109,21 @@ inline MediaPtr NewAacMedia(int rate = 48000, int channels = 2, int adtslen = 0)
   return m;
 }
 
+// The same media attributes without one of them.
+inline MediaPtr WithoutAttr(IMedia* full, const char* codec, const std::string& key) {
+  MediaPtr media(IMedia::New(codec));
+  AttrSet attrs = full->Attrs();
+  for (size_t i = 0; i < attrs.Size(); ++i)
+    if (attrs.Key(i) != key) media->setString(attrs.Key(i), attrs.Value(i));
+  return media;
+}
+
 // One file being written: the mdat header at 0, a moov that takes the tracks, the profile.
 struct MuxRig {
   IOBuffer io;
   kiv::plugin::mov::cmdat* mdat = new kiv::plugin::mov::cmdat();
   kiv::plugin::mov::cmoov* moov = new kiv::plugin::mov::cmoov();
-  videoTags* tags = NewTags();
+  videoTags* tags = new videoTags();
   MuxerParam para;
   std::vector<IStream*> streams;
 
@@ -152,15 +153,7 @@ struct MuxRig {
     moov->Add(st->Track());
     return true;
   }
-  void Drop(IStream* st) {
-    for (auto it = streams.begin(); it != streams.end(); ++it)
-      if (*it == st) {
-        streams.erase(it);
-        break;
-      }
-    delete st;
-  }
-  const unsigned char* At(unsigned long long pos) { return io.Data() + pos; }
+  Bytes At(unsigned long long pos, size_t n) { return Bytes(io.Data() + pos, io.Data() + pos + n); }
   // The box's bytes as Fill writes them, into a buffer of their own.
   static Bytes Written(IBox* box) {
     IOBuffer out;
@@ -172,16 +165,23 @@ struct MuxRig {
 // The children's codes of a box, in order, as text.
 inline std::string ChildCodes(IBox* box) {
   std::string s;
-  for (IBox* c = box ? box->Child() : nullptr; c; c = c->Next()) {
-    if (!s.empty()) s += ",";
-    s += c->FCCString();
-  }
+  for (IBox* c = box ? box->Child() : nullptr; c; c = c->Next()) s += (s.empty() ? "" : ",") + std::string(c->FCCString());
   return s;
 }
 
 template <class T>
 T* FindBox(IBox* root, const char* code) {
   return root ? dynamic_cast<T*>(root->Find(code)) : nullptr;
+}
+
+inline std::string Name(const kiv::plugin::mov::chdlr* h) {
+  return std::string(reinterpret_cast<const char*>(h->_name), h->_name_len);
+}
+
+// The written bytes of the first box of that code in the track.
+inline Bytes WrittenBox(IBox* trak, const char* code) {
+  IBox* box = FindBox<IBox>(trak, code);
+  return box ? MuxRig::Written(box) : Bytes();
 }
 
 }  // namespace streamtest

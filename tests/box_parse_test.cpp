@@ -12,27 +12,11 @@
 #include "tests/LogCapture.h"
 
 using namespace boxtest;
+using namespace boxtest::kit;
 using kiv::base::IOBuffer;
 using namespace kiv::plugin::mov;
 
 namespace {
-
-std::vector<IBox*> Children(const IBox& box) {
-  std::vector<IBox*> v;
-  for (IBox* c = box.Child(); c; c = c->Next()) v.push_back(c);
-  return v;
-}
-
-struct RootParse {
-  explicit RootParse(const Bytes& bytes, AttrSet ap = AttrSet()) : attrs(std::move(ap)) {
-    Load(io, bytes);
-    ok = root.Parse(io, attrs, true);
-  }
-  IOBuffer io;
-  AttrSet attrs;
-  croot root;
-  bool ok = false;
-};
 
 // A leaf that reads a fixed number of payload bytes, whatever the box holds.
 struct ReadingLeaf : IBox {
@@ -43,7 +27,6 @@ struct ReadingLeaf : IBox {
     io.Read(buf.data(), reads);
     return true;
   }
-  AttrSet* attrs() const { return _parse_ap; }
   long long reads;
   AttrSet* seen = nullptr;
 };
@@ -52,125 +35,80 @@ struct ReadingLeaf : IBox {
 
 TEST(BoxParse, TopLevelBoxesInFileOrder) {
   LogCapture log;
-  RootParse p(Cat({Box("junk", Fill(12)), Box("wide"), Header64(24, "chan"), Fill(8), Box("wave", Fill(3))}));
+  Tree p(Cat({Box("junk", Fill(12)), Box("wide"), Header64(24, "chan"), Fill(8), Box("wave", Fill(3))}));
   ASSERT_TRUE(p.ok);
-  auto kids = Children(p.root);
-  ASSERT_EQ(kids.size(), 4u);
-  const char* codes[] = {"junk", "wide", "chan", "wave"};
+  EXPECT_EQ(p.shape(), "junk wide chan wave");
   const long long offsets[] = {0, 20, 28, 52};
   const unsigned long long sizes[] = {20, 8, 24, 11};
-  for (size_t i = 0; i < kids.size(); ++i) {
-    EXPECT_STREQ(kids[i]->FCCString(), codes[i]);
-    EXPECT_NE(dynamic_cast<cfakebox*>(kids[i]), nullptr);
-    EXPECT_EQ(kids[i]->Offset(), offsets[i]);
-    EXPECT_EQ(kids[i]->RealSize(), sizes[i]);
+  for (size_t i = 0; i < 4; ++i) {
+    EXPECT_NE(p.at<cfakebox>(i), nullptr);
+    EXPECT_EQ(p.at(i)->Offset(), offsets[i]);
+    EXPECT_EQ(p.at(i)->RealSize(), sizes[i]);
   }
-  EXPECT_EQ(kids[2]->Size(), 1u);
-  EXPECT_EQ(kids[2]->PayloadPostion(), 44);
-  EXPECT_EQ(kids[0]->ExtendedSize(), 0u);
+  EXPECT_EQ(p.at(2)->Size(), 1u);
+  EXPECT_EQ(p.at(2)->PayloadPostion(), 44);
+  EXPECT_EQ(p.at(0)->ExtendedSize(), 0u);
   EXPECT_EQ(p.root.RealSize(), 63u);
   EXPECT_EQ(p.io.Position(), 63);
   EXPECT_EQ(log.Count("unknow box:"), 4u);
 }
 
-TEST(BoxParse, ShortPayloadReadIsRealignedToTheBoxEnd) {
-  LogCapture log;
+TEST(BoxParse, PayloadReadOfTheWrongLengthIsRealignedToTheBoxEnd) {
   IOBuffer io;
   Load(io, Cat({Box("leaf", Fill(8)), Box("next")}));
   AttrSet ap;
-
-  ReadingLeaf shortLeaf(2);
-  shortLeaf.Size(16);
-  io.Seek(8, kiv::Position::front);
-  EXPECT_TRUE(shortLeaf.Parse(io, ap, true));
-  EXPECT_EQ(io.Position(), 16);  // the next sibling starts here
-  EXPECT_EQ(shortLeaf.Child(), nullptr);
-  EXPECT_EQ(shortLeaf.seen, &ap);
-  EXPECT_EQ(shortLeaf.attrs(), nullptr);
-
-  ReadingLeaf longLeaf(12);
-  longLeaf.Size(16);
-  io.Seek(8, kiv::Position::front);
-  EXPECT_TRUE(longLeaf.Parse(io, ap, true));
-  EXPECT_EQ(io.Position(), 16);  // moved back from 20
+  for (long long reads : {2, 12}) {
+    ReadingLeaf leaf(reads);
+    leaf.Size(16);
+    io.Seek(8, kiv::Position::front);
+    EXPECT_TRUE(leaf.Parse(io, ap, true));
+    EXPECT_EQ(io.Position(), 16) << reads;  // the next sibling starts here
+    EXPECT_EQ(leaf.seen, &ap);
+  }
 }
 
-TEST(BoxParse, ChildOfSizeZeroEndsTheList) {
-  LogCapture log;
-  RootParse p(Cat({Box("junk", Fill(4)), Header(0, "wide"), Fill(8)}));
-  EXPECT_TRUE(p.ok);
-  EXPECT_EQ(Children(p.root).size(), 1u);
-  EXPECT_EQ(p.io.Position(), 28);
-  EXPECT_TRUE(log.Has("0x000000000000000c"));
-  EXPECT_TRUE(log.Has("root:size==0"));
-}
-
-TEST(BoxParse, ChildBiggerThanWhatIsLeftKeepsEarlierChildren) {
-  LogCapture log;
-  RootParse p(Cat({Header(40, "trak"), Box("junk", Fill(4)), Header(100, "skip"), Fill(12), Box("wave")}));
-  EXPECT_TRUE(p.ok);
-  auto top = Children(p.root);
-  ASSERT_EQ(top.size(), 2u);
-  auto kids = Children(*top[0]);
-  ASSERT_EQ(kids.size(), 1u);
-  EXPECT_STREQ(kids[0]->FCCString(), "junk");
-  EXPECT_TRUE(log.Has("trak,100>20,trak"));
-  // The container's sibling is read from its own start.
-  EXPECT_STREQ(top[1]->FCCString(), "wave");
-  EXPECT_EQ(top[1]->Offset(), 40);
-}
-
-TEST(BoxParse, FileCutShortInsideTheLastBox) {
-  LogCapture log;
-  // 32-bit size: the root's own loop sees the claim is too big and stops; the parse stands.
-  RootParse p32(Cat({Box("junk", Fill(8)), Header(100, "chan"), Fill(6)}));
-  EXPECT_TRUE(p32.ok);
-  EXPECT_EQ(Children(p32.root).size(), 1u);
-  EXPECT_TRUE(log.Has("root,100>14,root"));
-  EXPECT_EQ(p32.io.Position(), 30);
-
-  // 64-bit size passes the root's check, the box's own range check fails, and so does the root.
-  RootParse p64(Cat({Box("junk", Fill(8)), Header64(100, "chan"), Fill(6)}));
-  EXPECT_FALSE(p64.ok);
-  auto kids = Children(p64.root);
-  ASSERT_EQ(kids.size(), 2u);
-  EXPECT_STREQ(kids[1]->FCCString(), "chan");
-  EXPECT_EQ(kids[1]->Offset(), 16);
-  EXPECT_TRUE(log.Has("pos1>io.Size()"));
-  EXPECT_TRUE(log.Has("!bx->Parse(io, ap, recurse),chan"));
-}
-
-TEST(BoxParse, DamagedHeadersEndTheListQuietlyForTheParent) {
-  LogCapture log;
-  RootParse zeroCode(Cat({Box("junk"), Header(16, "\0\0\0\0"), Fill(8)}));
-  EXPECT_TRUE(zeroCode.ok);
-  EXPECT_EQ(Children(zeroCode.root).size(), 1u);
-  EXPECT_TRUE(log.Has("root:fcc==0"));
-  EXPECT_EQ(zeroCode.io.Position(), 24);
-
-  RootParse zeroLarge(Cat({Header64(0, "junk"), Fill(8)}));
-  EXPECT_TRUE(zeroLarge.ok);
-  EXPECT_EQ(Children(zeroLarge.root).size(), 0u);
-  EXPECT_TRUE(log.Has("root err size."));
-
-  // Fewer than four bytes of a header at the end read as a size of 0.
-  RootParse tail(Cat({Box("junk"), Bytes{0, 0}}));
-  EXPECT_TRUE(tail.ok);
-  EXPECT_EQ(Children(tail.root).size(), 1u);
-  EXPECT_EQ(tail.io.Position(), 10);
+TEST(BoxParse, DamagedHeadersKeepWhatWasReadBefore) {
+  struct Case {
+    const char* name;
+    Bytes bytes;
+    bool ok;
+    const char* shape;
+    long long end;  // where the stream is left; -1: anywhere
+    const char* log;
+  } cases[] = {
+      {"child of size zero", Cat({Box("junk", Fill(4)), Header(0, "wide"), Fill(8)}), true, "junk", 28, "root:size==0"},
+      {"nested child bigger than what is left; the sibling is read from the container's end",
+       Cat({Header(40, "trak"), Box("junk", Fill(4)), Header(100, "skip"), Fill(12), Box("wave")}), true,
+       "trak(junk) wave", 48, "trak,100>20,trak"},
+      {"32-bit size past the end of the file", Cat({Box("junk", Fill(8)), Header(100, "chan"), Fill(6)}), true,
+       "junk", 30, "root,100>14,root"},
+      {"64-bit size past the end fails in the box itself", Cat({Box("junk", Fill(8)), Header64(100, "chan"), Fill(6)}),
+       false, "junk chan", -1, "!bx->Parse(io, ap, recurse),chan"},
+      {"code zero", Cat({Box("junk"), Header(16, "\0\0\0\0"), Fill(8)}), true, "junk", 24,
+       "root:fcc==0"},
+      {"64-bit size zero", Cat({Header64(0, "junk"), Fill(8)}), true, "", 24, "root err size."},
+      {"less than a header at the end", Cat({Box("junk"), Bytes{0, 0}}), true, "junk", 10, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    LogCapture log;
+    Tree p(c.bytes);
+    EXPECT_EQ(p.ok, c.ok);
+    EXPECT_EQ(p.shape(), c.shape);
+    if (c.end >= 0) {
+      EXPECT_EQ(p.io.Position(), c.end);
+    }
+    EXPECT_TRUE(log.Has(c.log));
+  }
 }
 
 TEST(BoxParse, FakeBoxClaimingMoreThanTheFileStopsAtItsEnd) {
   LogCapture log;
   IOBuffer io;
-  Load(io, Cat({Header(100, "junk"), Fill(22)}));
-  cfakebox fake(FCC("junk"));
-  fake.Size(100);
-  io.Seek(8, kiv::Position::front);
   AttrSet ap;
-  EXPECT_FALSE(fake.Parse(io, ap, true));
+  cfakebox fake(FCC("junk"));
+  EXPECT_FALSE(ParseAlone(fake, Cat({Header(100, "junk"), Fill(22)}), io, ap, 100));
   EXPECT_EQ(io.Position(), 30);
-  EXPECT_EQ(fake.Offset(), 0);
   EXPECT_TRUE(log.Has("pos1>io.Size()"));
 
   // A 64-bit header is skipped by its own length.
@@ -188,16 +126,13 @@ TEST(BoxParse, FakeBoxClaimingMoreThanTheFileStopsAtItsEnd) {
 TEST(BoxParse, FullBoxAndCountAreReadBeforeChildren) {
   LogCapture log;
   IOBuffer io;
-  Load(io, Cat({Header(16 + 8, "dref"), Bytes{1, 0, 0, 2}, Bytes{0, 0, 0, 5}, Box("wide")}));
-  IMoovList list("dref");
-  list.Size(24);
-  io.Seek(8, kiv::Position::front);
   AttrSet ap;
-  EXPECT_TRUE(list.Parse(io, ap, true));
+  IMoovList list("dref");
+  EXPECT_TRUE(ParseAlone(list, B("dref", "01000002 00000005 00000008 'wide'"), io, ap));
   EXPECT_EQ(list.Version(), 1);
   EXPECT_EQ(list.Flags(), 2u);
   EXPECT_EQ(list.Num(), 6u);  // the file's count, raised by each child added
-  EXPECT_EQ(Children(list).size(), 1u);
+  EXPECT_EQ(Shape(list), "wide");
 }
 
 TEST(BoxParse, GarbageNeverCrashesOrHangs) {
@@ -215,15 +150,14 @@ TEST(BoxParse, GarbageNeverCrashesOrHangs) {
     for (int h = 0; h < headers; ++h) {
       const uint64_t size = rnd() % 4 == 0 ? rnd() % 64 : sizes[rnd() % 9];
       if (size == 1) {
-        const uint64_t ext = rnd() % 3 == 0 ? ~0ull - rnd() : rnd() % 80;
-        Append(b, Header64(ext, codes[rnd() % 6]));
+        Append(b, Header64(rnd() % 3 == 0 ? ~0ull - rnd() : rnd() % 80, codes[rnd() % 6]));
       } else {
         Append(b, Header(static_cast<uint32_t>(size), codes[rnd() % 6]));
       }
       Append(b, Fill(rnd() % 20, static_cast<unsigned char>(rnd())));
     }
-    RootParse p(b);
-    for (IBox* c : Children(p.root)) {
+    Tree p(b);
+    for (IBox* c = p.root.Child(); c; c = c->Next()) {
       EXPECT_GE(c->Offset(), 0);
       EXPECT_LT(c->Offset(), static_cast<long long>(b.size()));
     }
@@ -240,15 +174,14 @@ TEST(BoxParse, DeepNestingStopsDescendingButKeepsTheFile) {
   Bytes b;
   for (int i = 0; i < levels; ++i) Append(b, Header(static_cast<uint32_t>(8 * (levels - i)), "trak"));
   Append(b, Box("wide"));
-  RootParse p(b);
+  Tree p(b);
   ASSERT_TRUE(p.ok);
   int depth = 0;
   for (IBox* c = p.root.Child(); c; c = c->Child()) ++depth;
   EXPECT_EQ(depth, 64);
   EXPECT_TRUE(log.Has("trak:depth>64"));
-  auto top = Children(p.root);
-  ASSERT_EQ(top.size(), 2u);
-  EXPECT_STREQ(top[1]->FCCString(), "wide");
+  ASSERT_NE(p.at(1), nullptr);
+  EXPECT_STREQ(p.at(1)->FCCString(), "wide");
   EXPECT_EQ(p.io.Position(), static_cast<long long>(b.size()));
 }
 
@@ -289,56 +222,42 @@ std::string PointerText(const void* p) {
 
 TEST(BoxStblExtern, ReaderFoundByKeywordsTakesTheTable) {
   RegisterTestTableReader();
-  TestTableReader::succeed = true;
   LogCapture log;
-  IOBuffer io;
-  Load(io, Cat({Box("abcd", Fill(20)), Box("wide")}));
+  const Bytes bytes = Cat({Box("abcd", Fill(20)), Box("wide")});
   AttrSet ap("stbl_extern_parser_en=true;stbl_extern_parser_keywords=boxtest");
+  IOBuffer io;
   cfakebox table(FCC("abcd"));
-  table.Size(28);
-  io.Seek(8, kiv::Position::front);
+  TestTableReader::succeed = true;
   const int before = TestTableReader::inits;
-  ASSERT_TRUE(table.Parse(io, ap, true));
+  ASSERT_TRUE(ParseAlone(table, bytes, io, ap, 28));
   EXPECT_EQ(TestTableReader::inits, before + 1);
   EXPECT_NE(dynamic_cast<TestTableReader*>(table.Parser()), nullptr);
+  // The reader is handed the box and the stream, and the keys are gone again afterwards.
   EXPECT_EQ(TestTableReader::stbl, PointerText(static_cast<IStbl*>(&table)));
   EXPECT_EQ(TestTableReader::io, PointerText(static_cast<IO*>(&io)));
   EXPECT_EQ(ap.Get("stbl"), nullptr);
   EXPECT_EQ(ap.Get("io"), nullptr);
   EXPECT_EQ(io.Position(), 28);
-}
 
-TEST(BoxStblExtern, MissingReaderOrFailedInitFailsTheParse) {
-  RegisterTestTableReader();
-  LogCapture log;
-  IOBuffer io;
-  Load(io, Cat({Box("abcd", Fill(20)), Box("wide")}));
-
-  // Inside a tree: the first table gets its reader, the next code has none.
-  AttrSet ap("stbl_extern_parser_en=1;stbl_extern_parser_keywords=boxtest");
-  TestTableReader::succeed = true;
-  croot root;
-  EXPECT_FALSE(root.Parse(io, ap, true));
-  EXPECT_EQ(Children(root).size(), 2u);
-  EXPECT_TRUE(log.Has("|E|kiv: stream/plugin/mp4/common/Stbl/"));
+  // Inside a tree: the first table gets its reader, the next code has none, and that fails the parse.
+  Tree tree(bytes, ap);
+  EXPECT_FALSE(tree.ok);
+  EXPECT_EQ(tree.shape(), "abcd wide");
   EXPECT_TRUE(log.Has("!_parser"));
-  EXPECT_TRUE(log.Has("!bx->Parse(io, ap, recurse),wide"));
 
   TestTableReader::succeed = false;
-  cfakebox table(FCC("abcd"));
-  table.Size(28);
-  io.Seek(8, kiv::Position::front);
-  EXPECT_FALSE(table.Parse(io, ap, true));
+  IOBuffer io2;
+  cfakebox failing(FCC("abcd"));
+  EXPECT_FALSE(ParseAlone(failing, bytes, io2, ap, 28));
   EXPECT_TRUE(log.Has("!_parser->Set(\"init\",(AttrSet&)ap)"));
   EXPECT_EQ(ap.Get("stbl"), nullptr);
   TestTableReader::succeed = true;
 
   // Switched off, a table box is read like any other box.
   AttrSet off("stbl_extern_parser_en=false");
+  IOBuffer io3;
   cfakebox plain(FCC("abcd"));
-  plain.Size(28);
-  io.Seek(8, kiv::Position::front);
-  EXPECT_TRUE(plain.Parse(io, off, true));
+  EXPECT_TRUE(ParseAlone(plain, bytes, io3, off, 28));
   EXPECT_EQ(plain.Parser(), nullptr);
-  EXPECT_EQ(io.Position(), 28);
+  EXPECT_EQ(io3.Position(), 28);
 }

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 
 #include <cstdio>
 #include <cstring>
@@ -12,26 +11,16 @@
 
 #include "LogCapture.h"
 #include "StblTestUtil.h"
-#include "io_test_util.h"
-#include "stream/base/io/IUrl.h"
 #include "stream/plugin/mp4/common/IListFile.h"
 
 using kiv::plugin::mov::ChunkParam;
 using kiv::plugin::mov::IListFile;
+using stbltest::Bytes;
+using stbltest::H;
+using stbltest::MappedDrive;
 using stbltest::Rec;
 
 namespace {
-
-// Drive q of the temporary paths points into a fresh directory for the time of a test.
-struct MappedDrive {
-  iotest::TempDir dir;
-  explicit MappedDrive(const std::string& sub = "") {
-    kiv::base::DriveMap('q', sub.empty() ? dir.path().c_str() : dir.file(sub).c_str());
-  }
-  ~MappedDrive() { kiv::base::DriveMap('q', nullptr); }
-  MappedDrive(const MappedDrive&) = delete;
-  MappedDrive& operator=(const MappedDrive&) = delete;
-};
 
 // Every field differs from record to record, so a swapped or torn record shows.
 ChunkParam Numbered(size_t i) {
@@ -40,7 +29,15 @@ ChunkParam Numbered(size_t i) {
              static_cast<uint16_t>(i));
 }
 
-bool Same(const ChunkParam& a, const ChunkParam& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+// The first n records of the list are records 0..n-1, in order.
+::testing::AssertionResult InOrder(const std::vector<ChunkParam>& list, size_t n) {
+  if (list.size() < n) return ::testing::AssertionFailure() << "only " << list.size() << " records";
+  for (size_t i = 0; i < n; ++i) {
+    const ChunkParam want = Numbered(i);
+    if (std::memcmp(&list[i], &want, sizeof want) != 0) return ::testing::AssertionFailure() << "record " << i;
+  }
+  return ::testing::AssertionSuccess();
+}
 
 // What a track does with each sample: spill a full list, then append.
 struct Track {
@@ -52,131 +49,93 @@ struct Track {
   Track() {
     list.reserve(4096);
     char path[64];
-    std::snprintf(path, sizeof path, "%c:/%s.%p", 'q', "avc1", static_cast<void*>(this));
+    std::snprintf(path, sizeof path, "q:/avc1.%p", static_cast<void*>(this));
     file.reset(new IListFile(&list, path, 4096));
   }
-  void add() {
-    if (file->ListIsFull()) {
-      file->WriteTmpFile();
-      spillsBefore.push_back(next);
-    }
-    list.push_back(Numbered(next++));
-  }
   void addUpTo(size_t n) {
-    while (next < n) add();
+    while (next < n) {
+      if (file->ListIsFull()) {
+        file->WriteTmpFile();
+        spillsBefore.push_back(next);
+      }
+      list.push_back(Numbered(next++));
+    }
   }
+  std::string name() const { return std::string(file->Path()).substr(3); }  // behind "q:/"
 };
-
-long long FileSize(const std::string& p) {
-  struct stat st;
-  return ::stat(p.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
-}
 
 }  // namespace
 
-TEST(SpillList, ShortRecordingTouchesNoFile) {
-  MappedDrive drive;
-  LogCapture log;
-  {
-    Track t;
-    EXPECT_TRUE(log.Has(std::string(t.file->Path()) + " maxsize 98304"));
-    t.addUpTo(4095);  // one short of a spill
-    EXPECT_TRUE(t.spillsBefore.empty());
-    EXPECT_FALSE(t.file->HasFile());
-    EXPECT_FALSE(t.file->ReadTmpFile());
-    ASSERT_EQ(t.list.size(), 4095u);
-    for (size_t i = 0; i < t.list.size(); ++i) ASSERT_TRUE(Same(t.list[i], Numbered(i))) << i;
-    EXPECT_TRUE(drive.dir.entries().empty());
-  }
-  EXPECT_TRUE(drive.dir.entries().empty());
-  EXPECT_FALSE(log.Has("!unlink"));
-}
-
 TEST(SpillList, SpillsOneSlotBeforeCapacityAndBringsEveryRecordBackInOrder) {
   MappedDrive drive;
-  std::string name;
   {
     Track t;
-    name = std::string(t.file->Path()).substr(3);  // behind "q:/"
-    EXPECT_EQ(name.substr(name.size() - 7), ".quorel");
-    t.addUpTo(4095);
+    t.addUpTo(4095);  // a short recording touches no file
+    EXPECT_TRUE(drive.dir.entries().empty());
     EXPECT_TRUE(t.file->ListIsFull());
-    t.add();
+    t.addUpTo(4096);
     ASSERT_EQ(t.spillsBefore, std::vector<size_t>{4095});
     EXPECT_EQ(t.list.size(), 1u);
-    EXPECT_EQ(t.list.capacity(), 4096u);  // emptied, not freed
-    EXPECT_EQ(drive.dir.entries(), std::vector<std::string>{name});
+    EXPECT_EQ(drive.dir.entries(), std::vector<std::string>{t.name()});
+    EXPECT_EQ(t.name().substr(t.name().size() - 7), ".quorel");
 
     t.addUpTo(10000);
     EXPECT_EQ(t.spillsBefore, (std::vector<size_t>{4095, 8190}));
-    EXPECT_EQ(t.list.capacity(), 4096u);  // the list never grew while recording
-
+    EXPECT_EQ(t.list.capacity(), 4096u);  // emptied, not freed: the list never grew while recording
     ASSERT_TRUE(t.file->ReadTmpFile());
     ASSERT_EQ(t.list.size(), 10000u);
     EXPECT_GT(t.list.capacity(), t.list.size());  // one spare slot
-    for (size_t i = 0; i < t.list.size(); ++i) ASSERT_TRUE(Same(t.list[i], Numbered(i))) << i;
-    EXPECT_EQ(FileSize(drive.dir.file(name)), 10000 * 24);
+    EXPECT_TRUE(InOrder(t.list, 10000));
+
+    // The file: bare records in arrival order, in the machine's byte order (little-endian here). Record
+    // 5 holds offset 0x20000138f, size 5, duration 5, count 3, span 5, description 2, flags 1.
+    const auto bytes = iotest::readAll(drive.dir.file(t.name()));
+    ASSERT_EQ(bytes.size(), 10000u * 24);
+    EXPECT_EQ(Bytes(bytes.begin() + 5 * 24, bytes.begin() + 6 * 24),
+              H("8f13000002000000 05000000 05000000 03000000 0500 02 01"));
   }
   EXPECT_TRUE(drive.dir.entries().empty());
 }
 
-TEST(SpillList, FileHoldsBareRecordImagesInArrivalOrder) {
+TEST(SpillList, EndStatesOfARecording) {
   MappedDrive drive;
-  Track t;
-  t.addUpTo(4096);
-  ASSERT_TRUE(t.file->ReadTmpFile());  // the final write flushes the file
-  const auto bytes = iotest::readAll(drive.dir.file(std::string(t.file->Path()).substr(3)));
-  ASSERT_EQ(bytes.size(), 4096u * 24);
-  // Record 5 at byte 120, fields in the machine's order (little-endian here), no header before it.
-  const unsigned char* r = bytes.data() + 5 * 24;
-  const ChunkParam want = Numbered(5);
-  uint64_t offset = 0;
-  for (int k = 7; k >= 0; --k) offset = offset << 8 | r[k];
-  EXPECT_EQ(offset, want.offset);
-  EXPECT_EQ(r[8] | r[9] << 8, static_cast<int>(want.size));
-  EXPECT_EQ(r[12], want.duration);
-  EXPECT_EQ(r[16], want.count);
-  EXPECT_EQ(r[20] | r[21] << 8, want.packetSpan);
-  EXPECT_EQ(r[22], want.descIndex);
-  EXPECT_EQ(r[23], want.flags);
-}
-
-TEST(SpillList, EmptyListAtTheEndStillBringsEverythingBack) {
-  MappedDrive drive;
-  Track t;
-  t.addUpTo(8190);
-  ASSERT_TRUE(t.file->ListIsFull());
-  ASSERT_TRUE(t.file->WriteTmpFile());
-  ASSERT_TRUE(t.list.empty());
-  ASSERT_TRUE(t.file->ReadTmpFile());
-  ASSERT_EQ(t.list.size(), 8190u);
-  for (size_t i = 0; i < t.list.size(); ++i) ASSERT_TRUE(Same(t.list[i], Numbered(i))) << i;
+  {
+    Track t;  // never spilled: nothing to read, the list is whole
+    t.addUpTo(4000);
+    EXPECT_FALSE(t.file->ReadTmpFile());
+    EXPECT_TRUE(InOrder(t.list, 4000));
+    EXPECT_EQ(t.list.size(), 4000u);
+  }
+  {
+    Track t;  // the last spill left the list empty
+    t.addUpTo(8190);
+    ASSERT_TRUE(t.file->WriteTmpFile());
+    ASSERT_TRUE(t.list.empty());
+    ASSERT_TRUE(t.file->ReadTmpFile());
+    EXPECT_EQ(t.list.size(), 8190u);
+    EXPECT_TRUE(InOrder(t.list, 8190));
+  }
+  {
+    Track t;  // no final read: the file goes all the same
+    t.addUpTo(5000);
+    EXPECT_EQ(drive.dir.entries().size(), 1u);
+  }
+  EXPECT_TRUE(drive.dir.entries().empty());
 }
 
 TEST(SpillList, UnopenableFileOnlyCostsMemory) {
-  MappedDrive drive("missing");  // a directory that does not exist
+  MappedDrive drive('q', "missing");  // a directory that does not exist
   LogCapture log;
   {
     Track t;
     t.addUpTo(5000);
     EXPECT_FALSE(t.file->HasFile());
     EXPECT_TRUE(log.Has("WriteTmpFile"));
-    ASSERT_EQ(t.list.size(), 5000u);  // grown past its reservation
     EXPECT_FALSE(t.file->ReadTmpFile());
-    ASSERT_EQ(t.list.size(), 5000u);
-    for (size_t i = 0; i < t.list.size(); ++i) ASSERT_TRUE(Same(t.list[i], Numbered(i))) << i;
+    EXPECT_EQ(t.list.size(), 5000u);  // grown past its reservation
+    EXPECT_TRUE(InOrder(t.list, 5000));
   }
   EXPECT_FALSE(log.Has("!unlink"));  // nothing made, nothing deleted
-  EXPECT_TRUE(drive.dir.entries().empty());
-}
-
-TEST(SpillList, FileGoesAwayWithoutFinalRead) {
-  MappedDrive drive;
-  {
-    Track t;
-    t.addUpTo(5000);
-    EXPECT_EQ(drive.dir.entries().size(), 1u);
-  }
   EXPECT_TRUE(drive.dir.entries().empty());
 }
 
@@ -190,8 +149,6 @@ TEST(SpillList, FailedFinalWriteLosesTheTailButLeavesNoFile) {
     Track t;
     t.addUpTo(4095 + 4000);
     ASSERT_EQ(t.list.size(), 4000u);
-    const std::string path = drive.dir.file(std::string(t.file->Path()).substr(3));
-
     // The final write of 96000 bytes hits the limit part way.
     void (*oldHandler)(int) = ::signal(SIGXFSZ, SIG_IGN);
     struct rlimit lim = old;
@@ -202,14 +159,12 @@ TEST(SpillList, FailedFinalWriteLosesTheTailButLeavesNoFile) {
     ::signal(SIGXFSZ, oldHandler);
 
     EXPECT_TRUE(read);
-    const long long onDisk = FileSize(path);
+    const long long onDisk = static_cast<long long>(iotest::readAll(drive.dir.file(t.name())).size());
     ASSERT_GT(onDisk, 4095 * 24);
     ASSERT_LT(onDisk, (4095 + 4000) * 24);
     // What reached the file comes back in order; the rest of the recording is gone.
     EXPECT_LT(t.list.size(), 4095u + 4000u);
-    const size_t whole = static_cast<size_t>(onDisk / 24);
-    ASSERT_GE(t.list.size(), whole);
-    for (size_t i = 0; i < whole; ++i) ASSERT_TRUE(Same(t.list[i], Numbered(i))) << i;
+    EXPECT_TRUE(InOrder(t.list, static_cast<size_t>(onDisk / 24)));
   }
   EXPECT_TRUE(drive.dir.entries().empty());
 }

@@ -198,8 +198,10 @@ bool H264Reader::fill() {
     m << "a NAL unit at byte " << _bufPos << " is larger than " << (kMaxUnit >> 20) << " MiB";
     return fail(m.str());
   }
-  if (_buf.size() < _end + _block) _buf.resize(std::max(_end + _block, _buf.size() * 2));
-  const size_t got = std::fread(_buf.data() + _end, 1, _block, _file);
+  // Read into the free room; the buffer grows only when one unit fills it whole.
+  if (_buf.size() < _block) _buf.resize(_block);
+  else if (_end == _buf.size()) _buf.resize(_buf.size() * 2);
+  const size_t got = std::fread(_buf.data() + _end, 1, _buf.size() - _end, _file);
   if (got == 0) {
     if (std::ferror(_file)) return fail(std::string("read error: ") + std::strerror(errno));
     _eof = true;

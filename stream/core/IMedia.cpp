@@ -1,6 +1,7 @@
 #include "stream/core/IMedia.h"
 
 #include <cstring>
+#include <strings.h>
 #include <typeinfo>
 
 #include "stream/base/Convert.h"
@@ -75,9 +76,9 @@ bool textToValue(const char* text, void* value, const std::type_info& type) {
 
 const char* IMedia::KindOf(const char* codec) {
   if (!codec) return "";
-  const std::string c = kiv::base::ToLower(codec);
+  // Asked for every packet: compare without making a lower-case copy.
   for (const auto& row : kKinds)
-    if (c == row.codec) return row.kind;
+    if (::strcasecmp(codec, row.codec) == 0) return row.kind;
   return "";
 }
 

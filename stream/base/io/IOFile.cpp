@@ -63,8 +63,9 @@ bool IOFile::Open(const char* url, const char* mode) {
     return false;
   }
   struct stat st;
-  if (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
-    const int err = S_ISDIR(st.st_mode) ? EISDIR : errno;
+  const bool statFailed = ::fstat(fd, &st) != 0;
+  if (statFailed || S_ISDIR(st.st_mode)) {
+    const int err = statFailed ? errno : EISDIR;
     LOGE << "!open " << _path << " " << mode << " " << std::strerror(err);
     ::close(fd);
     return false;
@@ -75,6 +76,10 @@ bool IOFile::Open(const char* url, const char* mode) {
     LOGE << "!open " << _path << " " << mode << " " << std::strerror(err);
     ::close(fd);
     return false;
+  }
+  if (m->writable) {
+    _wbuf.reset(new char[kWriteBuffer]);
+    ::setvbuf(_f, _wbuf.get(), _IOFBF, kWriteBuffer);
   }
   _readable = m->readable;
   _writable = m->writable;
@@ -198,8 +203,10 @@ bool IOFile::Close() {
   _f = nullptr;
   _pos = _fpos = 0;
   _last = Op::none;
-  if (::fclose(f) != 0) {
-    const int err = errno;
+  const bool closed = ::fclose(f) == 0;
+  const int err = errno;
+  _wbuf.reset();  // only now: fclose flushes from it
+  if (!closed) {
     LOGE << "!fclose " << _path << " " << std::strerror(err);
     return false;
   }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdio>
+#include <memory>
 #include <string>
 
 #include "stream/base/io/IO.h"
@@ -45,7 +46,11 @@ class IOFile : public IO {
   enum class Op { none, read, write };
   bool sync(Op op);
 
+  // Writes of a few hundred bytes each (a sample, a length) go out in blocks of this size.
+  static constexpr size_t kWriteBuffer = 16 * 1024;
+
   FILE* _f = nullptr;
+  std::unique_ptr<char[]> _wbuf;  // the C stream's buffer while a writable file is open
   std::string _path;
   bool _readable = false;
   bool _writable = false;

@@ -401,6 +401,20 @@ void IStream::growMdat(long long n) {
     _mdat->Size(static_cast<unsigned>(_mdat->Size() + static_cast<unsigned long long>(n)));
 }
 
+bool IStream::holdInFifo(PacketFifo& fifo, Packet& packet) {
+  // A following track whose chunks are short against the leader's gets more packets than the fifo
+  // was made for while it waits for the leader: the fifo grows then, so that no frame is lost. Not in
+  // fragment mode, whose scratch arrays are as long as the fifo.
+  constexpr int kMaxHeld = 1 << 14;
+  if (fifo.Full() && !_fragmented && fifo.Max() < kMaxHeld) fifo.Remax(std::min(kMaxHeld, fifo.Max() * 2));
+  packet.Hold();
+  Packet* held = &packet;
+  if (fifo.push(held)) return true;
+  LOGE << "!_fifo->push(pkt) " << fifo.Size() << "/" << fifo.Max();
+  kiv::base::Release(held);
+  return false;
+}
+
 }  // namespace mov
 }  // namespace plugin
 }  // namespace kiv

@@ -22,6 +22,7 @@
 #include "stream/base/Convert.h"
 #include "stream/base/io/IO.h"
 #include "stream/base/reflect/Object.h"
+#include "stream/core/Fifo.h"
 #include "stream/plugin/mp4/common/IListFile.h"
 
 namespace kiv {
@@ -57,6 +58,7 @@ struct MuxerParam {
 
 class IStream : public kiv::base::Object {
  public:
+  using PacketFifo = kiv::stream::Fifo<Packet*, void (*)(Packet*&)>;
   // The name is the codec's short name ("h264", "mp4a"); it is part of every temporary file name.
   explicit IStream(const char* name);
   ~IStream() override;
@@ -189,6 +191,8 @@ class IStream : public kiv::base::Object {
   void concateFill(std::initializer_list<IStblFile*> tables);
   // Whether mdat holds anything yet (a following track writes nothing before).
   bool mdatHasContent() const;
+  // Holds the packet in the track's fifo of grouped samples; false when it could not be held (logged).
+  bool holdInFifo(PacketFifo& fifo, Packet& packet);
   // Grows mdat's size field by n (the 64-bit one in that form).
   void growMdat(long long n);
 

@@ -295,15 +295,9 @@ long long StreamAac::AddData(IO& io, Packet& packet, unsigned long long leader) 
     return written;
   }
 
-  packet.Hold();
-  Packet* held = &packet;
-  if (!_fifo->push(held)) {
-    LOGE << "!_fifo->push(pkt) " << _fifo->Size() << "/" << _fifo->Max();
-    kiv::base::Release(held);
-    return 0;
-  }
+  const bool held = holdInFifo(*_fifo, packet);
   if (_fragmented) {
-    pushScratch(static_cast<unsigned>(packet.Size()), _frmSampNum);
+    if (held) pushScratch(static_cast<unsigned>(packet.Size()), _frmSampNum);
   } else if (_chunkLeads == 0 && !mdatHasContent()) {
     return 0;  // a following track writes nothing before the leader has
   }

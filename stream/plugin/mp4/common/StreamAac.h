@@ -15,7 +15,6 @@ namespace mov {
 
 class StreamAac : public IStream {
  public:
-  using PacketFifo = kiv::stream::Fifo<Packet*, void (*)(Packet*&)>;
   // The file type of the QuickTime flavour (hash of "mov"), which picks the entry form.
   static constexpr uint32_t kQuickTimeType = 0xd19e5c79u;
 

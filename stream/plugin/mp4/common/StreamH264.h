@@ -17,7 +17,6 @@ namespace mov {
 
 class StreamH264 : public IStream {
  public:
-  using PacketFifo = kiv::stream::Fifo<Packet*, void (*)(Packet*&)>;
 
   StreamH264();
   ~StreamH264() override;
