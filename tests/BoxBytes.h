@@ -4,7 +4,6 @@
 #include <cctype>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <initializer_list>
 #include <string>
 #include <vector>
@@ -19,35 +18,27 @@ using Bytes = std::vector<unsigned char>;
 inline void Be32(Bytes& b, uint32_t v) {
   for (int i = 3; i >= 0; --i) b.push_back(static_cast<unsigned char>(v >> (8 * i)));
 }
-inline void Be64(Bytes& b, uint64_t v) {
-  for (int i = 7; i >= 0; --i) b.push_back(static_cast<unsigned char>(v >> (8 * i)));
-}
-inline void Code(Bytes& b, const char* fcc) { b.insert(b.end(), fcc, fcc + 4); }
 inline void Append(Bytes& b, const Bytes& more) { b.insert(b.end(), more.begin(), more.end()); }
 inline Bytes Fill(size_t n, unsigned char v = 0xee) { return Bytes(n, v); }
 
-// A box with a 32-bit size that covers the payload.
-inline Bytes Box(const char* fcc, const Bytes& payload = {}) {
-  Bytes b;
-  Be32(b, static_cast<uint32_t>(8 + payload.size()));
-  Code(b, fcc);
-  Append(b, payload);
-  return b;
-}
-
-// A header that claims a size of its own.
+// A header that claims a size of its own, in the 32- or the 64-bit form.
 inline Bytes Header(uint32_t size, const char* fcc) {
   Bytes b;
   Be32(b, size);
-  Code(b, fcc);
+  b.insert(b.end(), fcc, fcc + 4);
+  return b;
+}
+inline Bytes Header64(uint64_t size, const char* fcc) {
+  Bytes b = Header(1, fcc);
+  Be32(b, static_cast<uint32_t>(size >> 32));
+  Be32(b, static_cast<uint32_t>(size));
   return b;
 }
 
-inline Bytes Header64(uint64_t size, const char* fcc) {
-  Bytes b;
-  Be32(b, 1);
-  Code(b, fcc);
-  Be64(b, size);
+// A box with a 32-bit size that covers the payload.
+inline Bytes Box(const char* fcc, const Bytes& payload = {}) {
+  Bytes b = Header(static_cast<uint32_t>(8 + payload.size()), fcc);
+  Append(b, payload);
   return b;
 }
 
@@ -63,43 +54,30 @@ inline void Load(kiv::base::IOBuffer& io, const Bytes& b) {
   io.Seek(0, kiv::Position::front);
 }
 
-// Layouts written field by field, reading and writing single boxes.
 namespace kit {
 
 // Hex digits, two per byte; spaces only separate fields. 'text' stands for its characters, and
 // N*HH for N bytes of HH (N decimal).
-inline Bytes H(const char* text) {
+inline Bytes H(const char* p) {
   Bytes b;
-  int high = -1;
-  for (const char* p = text; *p; ++p) {
-    if (*p == ' ' || *p == '\n') continue;
-    if (*p == '\'') {
+  auto hex = [](char c) { return std::isdigit(static_cast<unsigned char>(c)) ? c - '0' : std::tolower(c) - 'a' + 10; };
+  while (*p) {
+    if (*p == ' ' || *p == '\n') {
+      ++p;
+    } else if (*p == '\'') {
       for (++p; *p && *p != '\''; ++p) b.push_back(static_cast<unsigned char>(*p));
-      if (!*p) break;
-      continue;
-    }
-    if (high < 0) {
-      const char* star = p;
-      while (std::isdigit(static_cast<unsigned char>(*star))) ++star;
-      if (*star == '*' && star != p) {
-        const size_t n = std::strtoul(p, nullptr, 10);
-        const Bytes one = H(std::string(star + 1, 2).c_str());
-        b.insert(b.end(), n, one.at(0));
-        p = star + 2;
-        continue;
-      }
-    }
-    const int v = std::isdigit(static_cast<unsigned char>(*p)) ? *p - '0' : std::tolower(*p) - 'a' + 10;
-    if (high < 0) {
-      high = v;
+      if (*p) ++p;
     } else {
-      b.push_back(static_cast<unsigned char>(high << 4 | v));
-      high = -1;
+      char* end = nullptr;
+      const unsigned long n = std::strtoul(p, &end, 10);
+      const bool rep = *end == '*';
+      if (rep) p = end + 1;
+      b.insert(b.end(), rep ? n : 1, static_cast<unsigned char>(hex(p[0]) << 4 | hex(p[1])));
+      p += 2;
     }
   }
   return b;
 }
-
 inline Bytes H(const std::string& text) { return H(text.c_str()); }
 
 // A box whose payload is laid out in H() notation.
@@ -116,8 +94,7 @@ inline Bytes Written(kiv::plugin::mov::IBox& box) {
 inline std::string Shape(const kiv::plugin::mov::IBox& box, int depth = 64) {
   std::string s;
   for (kiv::plugin::mov::IBox* c = box.Child(); c; c = c->Next()) {
-    if (!s.empty()) s += ' ';
-    s += std::string(c->FCCString()).substr(0, 4);
+    s += (s.empty() ? "" : " ") + std::string(c->FCCString()).substr(0, 4);
     if (c->Child() && depth > 1) s += "(" + Shape(*c, depth - 1) + ")";
   }
   return s;

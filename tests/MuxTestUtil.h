@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -33,17 +34,15 @@ using CleanCalls = std::vector<std::pair<std::string, unsigned long long>>;
 constexpr long long kMs = 1000000;  // nanoseconds
 
 // Every CleanFifoData call of the test tracks, in order: the codec word and the limit.
-inline CleanCalls& CleanLog() {
-  static CleanCalls log;
-  return log;
-}
+inline CleanCalls cleanLog;
+// Calls of AddPacket on any test track that began while another was running.
+inline std::atomic<int> overlaps{0};
 
 // A track that writes each payload as it comes (the core's AddPacket and AddData), with a trak of its
 // own headers. Media attributes: "scale" (track time scale, default 1000), "fail" (muxConfig fails).
 class TestTrack : public kiv::plugin::mov::IStream {
  public:
   TestTrack() : IStream("test") {}
-
   bool muxConfig(kiv::base::Object* tags) override {
     using namespace kiv::plugin::mov;
     seenTags = tags;
@@ -64,7 +63,7 @@ class TestTrack : public kiv::plugin::mov::IStream {
   bool AddPacket(Packet& packet, kiv::base::IO& io, unsigned long long leader) override {
     if (packet.media != _media) return false;
     static std::atomic<int> inside{0};
-    if (inside++ > 0) ++Overlaps();
+    if (inside++ > 0) ++overlaps;
     std::this_thread::yield();  // another caller not held back by the engine comes in now
     leaders.push_back(leader);
     addSamplesSeen = _addSamples;
@@ -72,16 +71,10 @@ class TestTrack : public kiv::plugin::mov::IStream {
     --inside;
     return ok;
   }
-  // Calls of AddPacket on any test track that began while another was running.
-  static std::atomic<int>& Overlaps() {
-    static std::atomic<int> n{0};
-    return n;
-  }
   bool CleanFifoData(kiv::base::IO&, unsigned long long videoDuration) override {
-    CleanLog().emplace_back(_media ? _media->Codec() : "", videoDuration);
+    cleanLog.emplace_back(_media ? _media->Codec() : "", videoDuration);
     return true;
   }
-
   std::vector<kiv::plugin::mov::ChunkParam> list;
   std::vector<unsigned long long> leaders;  // the leader handed with each packet
   unsigned addSamplesSeen = 0;
@@ -98,33 +91,35 @@ inline void RegisterTestTrack() {
 inline IMedia* VideoMedia(const char* extra = "") {
   return IMedia::New((std::string("codec=video/testv;scale=90000;width=640;height=360") + extra).c_str());
 }
-inline IMedia* AudioMedia(const char* extra = "") {
-  return IMedia::New((std::string("codec=audio/testa;scale=48000") + extra).c_str());
-}
+inline IMedia* AudioMedia() { return IMedia::New("codec=audio/testa;scale=48000"); }
 
 // A packet of n bytes, each the byte `fill`.
-inline Packet* NewPacket(IMedia* media, int n, unsigned char fill, long long ptsMs, long long durMs, bool key = true) {
+inline Packet* NewPacket(IMedia* media, int n, unsigned char fill, long long ptsMs, long long durMs) {
   Packet* p = kiv::stream::PacketAlloc(n, 0, 0);
   if (n) std::memset(p->Data(), fill, static_cast<size_t>(n));
   p->media = media;
   p->pts = ptsMs * kMs;
   p->duration = durMs * kMs;
-  p->SetKey(key);
+  p->SetKey(true);
   return p;
 }
 
-// Bytes laid out by hand: two hex digits a byte, spaces anywhere, and 'text' for its characters.
+// Bytes laid out by hand: two hex digits a byte, spaces anywhere, 'text' for its characters, N*HH for N
+// bytes of HH.
 inline Bytes Hex(const std::string& s) {
   Bytes out;
-  std::string digits;
-  for (size_t i = 0; i < s.size(); ++i) {
-    if (s[i] == '\'') {
-      const size_t end = s.find('\'', i + 1);
-      out.insert(out.end(), s.begin() + static_cast<long>(i) + 1, s.begin() + static_cast<long>(end));
-      i = end;
-    } else if (s[i] != ' ' && (digits += s[i]).size() == 2) {
-      out.push_back(static_cast<unsigned char>(std::stoi(digits, nullptr, 16)));
-      digits.clear();
+  for (size_t i = 0, end; i < s.size(); i = end) {
+    if (s[i] == ' ') {
+      end = i + 1;
+    } else if (s[i] == '\'') {
+      end = s.find('\'', i + 1) + 1;
+      out.insert(out.end(), s.begin() + static_cast<long>(i) + 1, s.begin() + static_cast<long>(end) - 1);
+    } else {
+      end = std::min(s.find_first_of(" '", i), s.size());
+      const std::string token = s.substr(i, end - i);
+      const size_t star = token.find('*'), n = star == std::string::npos ? 1 : std::stoul(token.substr(0, star));
+      for (size_t k = star == std::string::npos ? 0 : star + 1; k + 1 < token.size(); k += 2)
+        out.insert(out.end(), n, static_cast<unsigned char>(std::stoi(token.substr(k, 2), nullptr, 16)));
     }
   }
   return out;
@@ -156,31 +151,18 @@ struct BoxAt {
 // The boxes one after another in [from, to); stops at a size that does not fit.
 inline std::vector<BoxAt> Boxes(const Bytes& b, size_t from, size_t to) {
   std::vector<BoxAt> out;
-  size_t at = from;
-  while (at + 8 <= to) {
-    BoxAt x;
-    x.offset = at;
-    x.type = Code(b, at + 4);
-    x.size = Be32(b, at);
-    if (x.size == 1) {
-      x.size = Be64(b, at + 8);
-      x.header = 16;
-    }
-    if (x.size < x.header || at + x.size > to) break;
+  for (BoxAt x; from + 8 <= to; from += static_cast<size_t>(x.size)) {
+    const bool large = Be32(b, from) == 1;
+    x = {Code(b, from + 4), from, large ? Be64(b, from + 8) : Be32(b, from), large ? 16u : 8u};
+    if (x.size < x.header || x.size > to - from) break;
     out.push_back(x);
-    at += static_cast<size_t>(x.size);
   }
   return out;
 }
-
-inline std::vector<BoxAt> Children(const Bytes& b, const BoxAt& parent) {
-  return Boxes(b, parent.body(), parent.end());
-}
-
+inline std::vector<BoxAt> Children(const Bytes& b, const BoxAt& parent) { return Boxes(b, parent.body(), parent.end()); }
 inline std::vector<BoxAt> OfType(const std::vector<BoxAt>& boxes, const std::string& type) {
   std::vector<BoxAt> out;
-  for (const auto& x : boxes)
-    if (x.type == type) out.push_back(x);
+  std::copy_if(boxes.begin(), boxes.end(), std::back_inserter(out), [&](const BoxAt& x) { return x.type == type; });
   return out;
 }
 
@@ -208,12 +190,8 @@ inline FileView View(const Bytes& b) {
     const size_t at = x.offset + (v1 ? 28 : 20);  // the time scale
     v.created = v1 ? Be64(b, x.offset + 12) : Be32(b, x.offset + 12);
     v.modified = v1 ? Be64(b, x.offset + 20) : Be32(b, x.offset + 16);
-    v.mvhd = {b[x.offset + 8],
-              x.size,
-              Be32(b, at),
-              v1 ? Be64(b, at + 4) : Be32(b, at + 4),
-              Be16(b, at + (v1 ? 16 : 12)),
-              Be32(b, at + (v1 ? 88 : 84))};
+    v.mvhd = {b[x.offset + 8], x.size, Be32(b, at), v1 ? Be64(b, at + 4) : Be32(b, at + 4),
+              Be16(b, at + (v1 ? 16 : 12)), Be32(b, at + (v1 ? 88 : 84))};
   }
   for (const auto& trak : OfType(Children(b, v.top[2]), "trak")) {
     std::array<uint64_t, 4> t{};
@@ -235,13 +213,9 @@ inline Bytes ReadFile(const std::string& path) {
   std::ifstream f(path, std::ios::binary);
   return Bytes((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
 }
-
 inline bool FileExists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
-
 inline std::string TempPath(const std::string& name) {
-  std::string dir = ::testing::TempDir();
-  if (!dir.empty() && dir.back() != '/') dir += '/';
-  return dir + name + "_" + std::to_string(::getpid());
+  return std::string(::testing::TempDir()) + "/" + name + "_" + std::to_string(::getpid());
 }
 
 }  // namespace muxtest

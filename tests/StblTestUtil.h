@@ -31,8 +31,7 @@ inline std::vector<std::tuple<uint64_t, uint32_t, uint32_t, uint32_t, int, int>>
   return v;
 }
 
-// Bytes laid out by hand: hex digits, spaces between fields, 'text' for its characters.
-using boxtest::kit::H;
+using boxtest::kit::H;  // bytes laid out by hand
 
 // A full box (version 0, flags 0) with 32-bit big-endian words behind the header.
 inline Bytes Table(const char* fcc, std::initializer_list<uint32_t> words) {
@@ -43,17 +42,15 @@ inline Bytes Table(const char* fcc, std::initializer_list<uint32_t> words) {
 
 inline Bytes Written(kiv::base::IOBuffer& io) { return Bytes(io.Data(), io.Data() + io.Size()); }
 
-// A "stbl" holding the list and the tables (which it takes), as written; or only the first table.
-inline Bytes WriteStbl(const List& list, std::initializer_list<kiv::plugin::mov::IBox*> tables, bool first = false) {
+// A table as written, fed from the list of the "stbl" that takes it.
+inline Bytes WriteTable(kiv::plugin::mov::IBox* table, const List& list) {
   kiv::plugin::mov::cstbl stbl;
   stbl._list = list;
-  for (auto* t : tables) stbl.Add(t);
+  stbl.Add(table);
   kiv::base::IOBuffer io;
-  (first ? *stbl.Child() : static_cast<kiv::plugin::mov::IBox&>(stbl)).Fill(io, true);
+  table->Fill(io, true);
   return Written(io);
 }
-
-inline Bytes WriteTable(kiv::plugin::mov::IBox* table, const List& list) { return WriteStbl(list, {table}, true); }
 
 inline Bytes StblOf(std::initializer_list<Bytes> tables) { return boxtest::Box("stbl", boxtest::Cat(tables)); }
 

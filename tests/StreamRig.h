@@ -1,5 +1,4 @@
-// A track stream driven without an engine: an output in memory that begins with an "mdat" header,
-// a profile, the engine's parameters, a media, and the stream made through the registry.
+// A track stream driven without an engine: an in-memory output behind an "mdat" header, profile, media.
 #pragma once
 
 #include <cstdint>
@@ -52,14 +51,11 @@ inline Bytes Nal(unsigned char header, size_t n, unsigned char fill = 0xAB) {
   return b;
 }
 
-template <class T>
 struct Releaser {
-  void operator()(T* p) const {
-    if (p) p->Release();
-  }
+  void operator()(kiv::base::Reference* p) const { p->Release(); }
 };
-using PacketPtr = std::unique_ptr<Packet, Releaser<Packet>>;
-using MediaPtr = std::unique_ptr<IMedia, Releaser<IMedia>>;
+using PacketPtr = std::unique_ptr<Packet, Releaser>;
+using MediaPtr = std::unique_ptr<IMedia, Releaser>;
 
 inline PacketPtr MakePacket(IMedia* media, const Bytes& payload, long long pts, long long duration, bool key,
                             int headroom = 16) {
@@ -134,8 +130,6 @@ struct MuxRig {
     delete mdat;
     delete tags;
   }
-  MuxRig(const MuxRig&) = delete;
-  MuxRig& operator=(const MuxRig&) = delete;
 
   // Made through the registry as the engine makes it; null when the class is not found.
   IStream* New(const char* fcc, int track = 1) {

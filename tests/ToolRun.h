@@ -1,4 +1,4 @@
-// Runs the command-line host from the build directory and collects what it printed.
+// Runs the command-line host from the build directory and collects what it printed; asks ffprobe.
 #pragma once
 
 #include <sys/wait.h>
@@ -6,13 +6,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <string>
 
 struct ToolResult {
   int status = -1;
-  std::string out;
-  std::string err;
+  std::string out, err;
 };
 
 inline std::string ReadWhole(const std::string& path) {
@@ -22,23 +22,20 @@ inline std::string ReadWhole(const std::string& path) {
   return s.str();
 }
 
+// Runs a shell command quietly; true when it succeeded.
+inline bool Shell(const std::string& cmd) { return std::system((cmd + " >/dev/null 2>&1").c_str()) == 0; }
+
 inline ToolResult RunTool(const std::string& args) {
   static int n = 0;
   const std::string base = std::string(::testing::TempDir()) + "/tool" + std::to_string(::getpid()) + "_" +
                            std::to_string(n++);
-  const std::string cmd = std::string(BOXWEAVE_BUILD_DIR) + "/boxweave " + args + " >" + base + ".out 2>" + base + ".err";
-  ToolResult r;
-  const int raw = std::system(cmd.c_str());
-  r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + (WIFSIGNALED(raw) ? WTERMSIG(raw) : 0);
-  r.out = ReadWhole(base + ".out");
-  r.err = ReadWhole(base + ".err");
-  std::remove((base + ".out").c_str());
-  std::remove((base + ".err").c_str());
+  const int raw = std::system((std::string(BOXWEAVE_BUILD_DIR) + "/boxweave " + args + " >" + base + ".out 2>" + base +
+                               ".err").c_str());
+  ToolResult r{WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + (WIFSIGNALED(raw) ? WTERMSIG(raw) : 0),
+               ReadWhole(base + ".out"), ReadWhole(base + ".err")};
+  Shell("rm -f " + base + ".out " + base + ".err");
   return r;
 }
-
-// Runs a shell command quietly; true when it succeeded.
-inline bool Shell(const std::string& cmd) { return std::system((cmd + " >/dev/null 2>&1").c_str()) == 0; }
 
 // Runs a shell command and returns what it printed on its standard output.
 inline std::string Capture(const std::string& cmd) {
@@ -50,3 +47,23 @@ inline std::string Capture(const std::string& cmd) {
   }
   return out;
 }
+
+using Fields = std::map<std::string, std::string>;
+
+// ffprobe's view of each stream of a file, by codec type; frames and packets counted by reading.
+inline std::map<std::string, Fields> Probe(const std::string& file) {
+  std::istringstream out(Capture(
+      "ffprobe -v error -count_frames -count_packets -show_entries stream=codec_type,width,height,profile,level,"
+      "nb_read_frames,nb_read_packets,duration,sample_rate,channels,color_primaries,color_range -of default '" +
+      file + "' 2>/dev/null"));
+  std::map<std::string, Fields> streams;
+  Fields f;
+  for (std::string line; std::getline(out, line);) {
+    const size_t eq = line.find('=');
+    if (line == "[/STREAM]") streams[f["codec_type"]] = f;
+    if (line == "[STREAM]") f.clear();
+    if (eq != std::string::npos) f[line.substr(0, eq)] = line.substr(eq + 1);
+  }
+  return streams;
+}
+inline long long Count(const Fields& f, const char* key) { return f.count(key) ? std::atoll(f.at(key).c_str()) : -1; }

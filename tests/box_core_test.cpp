@@ -1,8 +1,7 @@
-// Box core: writing with size patching, the tree operations, sizes, the factory and printing.
+// Box core: writing with size patching, the tree operations, sizes and the factory.
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <sstream>
 #include <string>
 
 #include "stream/plugin/mp4/common/IBox.h"
@@ -17,9 +16,9 @@ using namespace kiv::plugin::mov;
 
 namespace {
 
-// A leaf with a payload of its own; optionally with the size limit that no production box sets.
+// A leaf with a payload of its own.
 struct BlobBox : IBox {
-  BlobBox(const char* fcc, Bytes data, unsigned limit = 0) : IBox(fcc), data(std::move(data)) { _size_limit = limit; }
+  BlobBox(const char* fcc, Bytes data) : IBox(fcc), data(std::move(data)) {}
   void fill(IO& io) override {
     IBox::fill(io);
     io.Write(data.data(), static_cast<long long>(data.size()));
@@ -37,25 +36,19 @@ TEST(BoxFill, HeaderIsPatchedWithWhatWasWrittenInBothForms) {
   EXPECT_EQ(io.Bytes(), H("0000000b 'free' 010203"));
   EXPECT_EQ(box.Size(), 11u);
   EXPECT_EQ(io.Position(), 11);
-
   BlobBox large("mdat", {9, 9, 9, 9});
   large.Size(1);
   EXPECT_EQ(Written(large), H("00000001 'mdat' 0000000000000014 09090909"));
   EXPECT_EQ(large.Size(), 1u);
   EXPECT_EQ(large.RealSize(), 20u);
   EXPECT_EQ(large.PayloadSize(), 4u);
-
-  // Fake boxes write a version/flags word only for "url "; the root has no header of its own.
+  // Fake boxes write a version/flags word only for "url ".
   cfakebox url(FCC("url "));
   EXPECT_EQ(Written(url), H("0000000c 'url ' 00000001"));
   EXPECT_EQ(url.StatisticsSize(), 12u);
   cfakebox wide(FCC("wide"));
   EXPECT_EQ(Written(wide), H("00000008 'wide'"));
   EXPECT_EQ(wide.StatisticsSize(), 8u);
-  croot root;
-  root.Add(new IBox("ftyp"));
-  root.Add(new BlobBox("mdat", {5}));
-  EXPECT_EQ(Written(root), H("00000008 'ftyp' 00000009 'mdat' 05"));
 }
 
 TEST(BoxFill, NestedSizesVersionFlagsAndListCount) {
@@ -84,34 +77,12 @@ TEST(BoxFill, NestedSizesVersionFlagsAndListCount) {
   EXPECT_EQ(dinf.StatisticsSize(), 8u + 16u + 12u + 12u);
 }
 
-TEST(BoxFill, SizeLimitReplacesTheStoredSizeOnly) {
-  LogCapture log;
-  BlobBox box("lim ", Bytes(12, 0), 10);
-  EXPECT_EQ(Written(box), H("00000014 'lim ' 12*00"));
-  EXPECT_TRUE(log.Has("20>10"));
-  EXPECT_EQ(box.Size(), 10u);
-
-  BlobBox wide("lim ", Bytes(12, 0), 10);
-  wide.Size(1);
-  EXPECT_EQ(Written(wide)[15], 28);
-  EXPECT_TRUE(log.Has("28>10"));
-  EXPECT_EQ(wide.Size(), 1u);
-  EXPECT_EQ(wide.ExtendedSize(), 10u);
-
-  BlobBox within("lim ", Bytes(12, 0), 20);
-  Written(within);
-  EXPECT_EQ(within.Size(), 20u);
-  EXPECT_EQ(log.Count("|E|"), 2u);
-}
-
 TEST(BoxTree, AddDelAndOwnership) {
   const long long before = kiv::object_base::LiveObjects();
   {
     IMoovList parent("trak");
     EXPECT_EQ(parent.Add(nullptr), nullptr);
-    IBox* a = parent.Add(new IBox("aaaa"));
-    IBox* b = parent.Add(new IBox("bbbb"));
-    IBox* c = parent.Add(new IBox("cccc"));
+    IBox *a = parent.Add(new IBox("aaaa")), *b = parent.Add(new IBox("bbbb")), *c = parent.Add(new IBox("cccc"));
     IBox* g = b->Add(new IBox("gggg"));
     EXPECT_EQ(parent.Num(), 3u);
     EXPECT_EQ(b->Parent(), &parent);
@@ -127,24 +98,9 @@ TEST(BoxTree, AddDelAndOwnership) {
     delete a;
   }
   EXPECT_EQ(kiv::object_base::LiveObjects(), before);
-
-  auto* tree = new croot;
-  tree->Add(new IBox("aaaa"))->Add(new IMoovList("bbbb"))->Add(new cfakebox(FCC("cccc")));
-  tree->Add(new IMoov("dddd", 0));
-  EXPECT_EQ(kiv::object_base::LiveObjects(), before + 5);
-  delete tree;
-  EXPECT_EQ(kiv::object_base::LiveObjects(), before);
-
-  auto* parent = new IBox("moov");
-  std::unique_ptr<IBox> first(parent->Add(new IBox("aaaa")));
-  std::unique_ptr<IBox> second(parent->Add(new IBox("bbbb")));
-  EXPECT_EQ(parent->RemoveChild(), first.get());
-  EXPECT_EQ(parent->Child(), nullptr);
-  delete parent;  // the forgotten children live on
-  EXPECT_EQ(kiv::object_base::LiveObjects(), before + 2);
 }
 
-TEST(BoxTree, FindIsDepthFirstOverAllSixtyFourBits) {
+TEST(BoxTree, FindIsDepthFirst) {
   croot root;
   IBox* trak1 = root.Add(new IBox("trak"));
   IBox* tkhd = trak1->Add(new IBox("tkhd"));
@@ -152,10 +108,6 @@ TEST(BoxTree, FindIsDepthFirstOverAllSixtyFourBits) {
   IBox* trak2 = root.Add(new IBox("trak"));
   trak2->Add(new IBox("mdhd"));
   IBox* udta = root.Add(new IBox("udta"));
-  IBox* longer = root.Add(new IBox("abcdefgh"));
-  IBox* plain = root.Add(new IBox("abcd"));
-  IBox* nameless = root.Add(new IBox(static_cast<const char*>(nullptr)));
-
   EXPECT_EQ(root.Find("mdhd"), mdhd1);
   EXPECT_EQ(root.Find("trak"), trak1);
   EXPECT_EQ(root.Find(FCC("udta")), udta);
@@ -165,40 +117,21 @@ TEST(BoxTree, FindIsDepthFirstOverAllSixtyFourBits) {
   EXPECT_EQ(trak1->Find("udta"), nullptr);
   EXPECT_EQ(tkhd->Find("mdhd"), mdhd1);
   EXPECT_EQ(mdhd1->Find("tkhd"), nullptr);
-
-  EXPECT_EQ(longer->FourCC(), FCC("abcd"));
-  EXPECT_STREQ(longer->FCCString(), "abcdefgh");
-  EXPECT_EQ(root.Find("abcd"), plain);
-  EXPECT_EQ(root.Find("abcdefghij"), longer);  // eight characters at most
-  EXPECT_EQ(root.Find(static_cast<const char*>(nullptr)), nameless);
-  EXPECT_EQ(root.Find(""), nameless);
 }
 
 TEST(BoxSizes, FormsAndBounds) {
   IBox box("free");
-  box.Offset(50);
-  box.Size(1);
-  box.ExtendedSize(0x100000000ull);
+  box.Offset(50); box.Size(1); box.ExtendedSize(0x100000000ull);
   EXPECT_EQ(box.PayloadPostion(), 66);
   EXPECT_EQ(box.PayloadSize(), 0x100000000ull - 16);
   box.RealSize(0x200000000ull);  // goes where the form says
   EXPECT_EQ(box.Size(), 1u);
   EXPECT_EQ(box.ExtendedSize(), 0x200000000ull);
-
-  box.Size(0);
-  box.RealSize(0x300000005ull);
+  box.Size(0); box.RealSize(0x300000005ull);
   EXPECT_EQ(box.Size(), 0x300000005ull);
   box.Size(7u);  // the setter clears the upper word
   EXPECT_EQ(box.Size(), 7u);
   EXPECT_EQ(box.PayloadSize(), 0u);  // a size below its header has no payload
-
-  IOBuffer io;
-  box.Size(10);
-  EXPECT_TRUE(box.SeekToBoxEnd(io));
-  EXPECT_EQ(io.Position(), 60);
-  box.Size(1);
-  box.ExtendedSize(~0ull);  // no position can hold that end
-  EXPECT_FALSE(box.SeekToBoxEnd(io));
 }
 
 TEST(BoxFactory, KnownUnknownAndZeroCodes) {
@@ -220,26 +153,11 @@ TEST(BoxFactory, KnownUnknownAndZeroCodes) {
       EXPECT_STREQ(b->FCCString(), r[0]);
     }
   }
-  EXPECT_TRUE(log.Has("|E|kiv: stream/plugin/mp4/common/IBox/"));
   EXPECT_TRUE(log.Has("unknow box:0x65646977"));  // "wide", first character lowest
-  EXPECT_EQ(log.Count("unknow box:"), 5u);
-
   EXPECT_EQ(IBox::New(0u, 0u), nullptr);
   EXPECT_EQ(IBox::New(""), nullptr);
-  EXPECT_EQ(log.Count("!fcc"), 2u);
   std::unique_ptr<IBox> big(IBox::New("mdat", 1));
   EXPECT_EQ(big->Size(), 1u);
   std::unique_ptr<IBox> small(IBox::New("mvhd", 1));  // only mdat takes the size
   EXPECT_EQ(small->Size(), 0u);
-}
-
-TEST(BoxPrint, DumpShowsOffsetsSizesAndFields) {
-  IMoovList dref("dref");
-  dref.Add(new cfakebox(FCC("url ")));
-  Written(dref);
-  std::ostringstream dump;
-  dref.Dump(dump);
-  EXPECT_EQ(dump.str(),
-            "dref offset=0 size=28 version=0 flags=0 entries=1\n"
-            "  url  offset=16 size=12\n");
 }

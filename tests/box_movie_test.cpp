@@ -1,12 +1,9 @@
-// Movie, track and media information boxes: byte layouts against hand-laid bytes, reading those
-// bytes back, duration patching in a written file, fillers, and damaged input. A box read from
-// hand-laid bytes is checked by writing it again: the writer is pinned to the layout above, so
-// each field must have landed where the writer takes it from.
+// Movie, track and media information boxes against hand-laid bytes. A box read from such bytes is
+// checked by writing it again: the writer is pinned to the layout, so each field landed in place.
 #include <gtest/gtest.h>
 
 #include <functional>
 #include <memory>
-#include <string>
 
 #include "stream/plugin/mp4/common/Box.h"
 #include "tests/BoxBytes.h"
@@ -37,96 +34,55 @@ TEST(MovieBoxFtyp, BrandsWrittenAndAtMostFourRead) {
   EXPECT_EQ(Written(box), B("ftyp", "'qt  ' 00000000 'qt  ' 00000000"));
   unsigned list[3] = {FCC("mp42"), FCC("isom"), FCC("ifrm")};
   box._major_brand = FCC("mp42");
-  box._minor_version = 1;
-  box._compatible_brands = list;
-  box._compatible_brands_cnt = 3;
+  box._minor_version = 1; box._compatible_brands = list; box._compatible_brands_cnt = 3;
   const Bytes three = B("ftyp", "'mp42' 00000001 'mp42' 'isom' 'ifrm'");
   EXPECT_EQ(Written(box), three);
   ExpectReadsBack<cftyp>(three);
-
-  LogCapture log;
+  // At most four brands are kept.
   Tree p(Cat({B("ftyp", "'isom' 00000200 'isom' 'iso2' 'avc1' 'mp41' 'mp42' 'iso4' 'hvc1'"), Box("free")}));
   EXPECT_EQ(p.shape(), "ftyp free");
   ASSERT_NE(p.at<cftyp>(0), nullptr);
   EXPECT_EQ(p.at<cftyp>(0)->_compatible_brands, p.at<cftyp>(0)->_brands);
   EXPECT_EQ(Written(*p.at(0)), B("ftyp", "'isom' 00000200 'isom' 'iso2' 'avc1' 'mp41'"));
-  EXPECT_TRUE(log.Has("_compatible_brands_cnt: 4"));
+  AttrSet a;  // codes are shown as characters
+  p.at(0)->fields(a);
+  EXPECT_STREQ(a.Get("compatible_brands"), "isom,iso2,avc1,mp41");
 }
 
 TEST(MovieBoxHeaders, MvhdTkhdMdhdInBothVersions) {
   for (unsigned char v : {0, 1}) {
     SCOPED_TRACE(int(v));
     cmvhd m(v);
-    m._createtime = 0x0102030405060708ull;
-    m._modifytime = 0x1112131415161718ull;
-    m._timescale = 600;
-    m._duration = 0x2122232425262728ull;
-    m._volume = 0x80;
-    m._preview_time = 1;
-    m._current_time = 7;
+    m._createtime = 0x0102030405060708ull; m._modifytime = 0x1112131415161718ull; m._timescale = 600;
+    m._duration = 0x2122232425262728ull; m._volume = 0x80; m._preview_time = 1; m._current_time = 7;
     m._next_track_id = 3;
     const Bytes mvhd = B("mvhd", (v ? "01000000 0102030405060708 1112131415161718 00000258 2122232425262728"
                                     : "00000000 05060708 15161718 00000258 25262728") +
                                      std::string(" 00010000 0080 10*00") + kMatrix + "00000001 16*00 00000007 00000003");
-    ASSERT_EQ(mvhd.size(), v ? 120u : 108u);
     EXPECT_EQ(Written(m), mvhd);
     EXPECT_EQ(m.StatisticsSize(), mvhd.size());
     ExpectReadsBack<cmvhd>(mvhd);
-
     ctkhd t(v);
-    t.Flags(15);
-    t._createtime = 0xa1a2a3a4a5a6a7a8ull;
-    t._modifytime = 0xb1b2b3b4b5b6b7b8ull;
-    t._track_id = 2;
-    t._duration = 0xc1c2c3c4c5c6c7c8ull;
-    t._layer = 1;
-    t._alternate_group = 2;
-    t._volume = 0x100;
-    t._matrix[1] = 5;
-    t._width = 1920;
-    t._height = 1080;
+    t.Flags(15); t._createtime = 0xa1a2a3a4a5a6a7a8ull; t._modifytime = 0xb1b2b3b4b5b6b7b8ull; t._track_id = 2;
+    t._duration = 0xc1c2c3c4c5c6c7c8ull; t._layer = 1; t._alternate_group = 2; t._volume = 0x100; t._matrix[1] = 5;
+    t._width = 1920; t._height = 1080;
     const Bytes tkhd = B("tkhd", std::string(v ? "0100000f a1a2a3a4a5a6a7a8 b1b2b3b4b5b6b7b8 00000002 00000000 c1c2c3c4c5c6c7c8"
                                                : "0000000f a5a6a7a8 b5b6b7b8 00000002 00000000 c5c6c7c8") +
                                      " 8*00 0001 0002 0100 0000"
                                      " 00010000 00000005 00000000 00000000 00010000 00000000 00000000 00000000 40000000"
                                      " 0780 0000 0438 0000");
-    ASSERT_EQ(tkhd.size(), v ? 104u : 92u);
     EXPECT_EQ(Written(t), tkhd);
     EXPECT_EQ(t.StatisticsSize(), tkhd.size());
     ExpectReadsBack<ctkhd>(tkhd);
-
     // mdhd takes its keys from the attribute set.
     cmdhd d(v);
     EXPECT_TRUE(d.fromAttrSet(AttrSet("createtime=0x100000001;modifytime=2;duration=0x300000004;create_time=9")));
-    d._timescale = 48000;
-    d._language = 21956;
+    d._timescale = 48000; d._language = 21956;
     const Bytes mdhd = B("mdhd", v ? "01000000 0000000100000001 0000000000000002 0000bb80 0000000300000004 55c4 0000"
                                    : "00000000 00000001 00000002 0000bb80 00000004 55c4 0000");
     EXPECT_EQ(Written(d), mdhd);
     ExpectReadsBack<cmdhd>(mdhd);
   }
-}
-
-TEST(MovieBoxHeaders, KeysFromTheAttributeSet) {
-  cmvhd m;
-  EXPECT_TRUE(m.fromAttrSet(AttrSet("create_time=3600;duration=90000;track_id=4;modify_time=5")));
-  EXPECT_EQ(m._createtime, 3600u);
-  EXPECT_EQ(m._duration, 90000u);
-  EXPECT_EQ(m._next_track_id, 4u);
-  EXPECT_EQ(m._modifytime, 0u);  // no key for it
-  LogCapture log;
-  for (const char* keys : {"create_time=1;track_id=2", "duration=1;track_id=2", "create_time=1;duration=2"})
-    EXPECT_FALSE(cmvhd().fromAttrSet(AttrSet(keys))) << keys;
-  EXPECT_TRUE(log.Has("!ap.Get(\"duration\",_duration)"));
-
-  // tkhd has keys of its own, each optional.
-  ctkhd t;
-  t._duration = 77;
-  EXPECT_TRUE(t.fromAttrSet(AttrSet("create_time=10;modify_time=11;track_id=6;createtime=1")));
-  EXPECT_EQ(t._createtime, 10u);
-  EXPECT_EQ(t._modifytime, 11u);
-  EXPECT_EQ(t._track_id, 6u);
-  EXPECT_EQ(t._duration, 77u);
 }
 
 TEST(MovieBoxEdits, ElstEdtsMehdAndTrexLayouts) {
@@ -143,7 +99,6 @@ TEST(MovieBoxEdits, ElstEdtsMehdAndTrexLayouts) {
   Tree p(b0);
   ASSERT_NE(p.at<celst>(0), nullptr);
   EXPECT_EQ(p.at<celst>(0)->_items.at(1).media_time, -1);  // the sign of an empty edit survives version 0
-
   // edts writes its header once: a second fill adds nothing.
   cedts edts;
   auto* one = new celst(0);
@@ -158,20 +113,16 @@ TEST(MovieBoxEdits, ElstEdtsMehdAndTrexLayouts) {
   EXPECT_EQ(io.Position(), 40);
   cedts big(1);
   EXPECT_EQ(Written(big), H("00000001 'edts' 0000000000000010"));
-
   cmehd m0(0), m1(1);
   m0._duration = m1._duration = 0x100000005ull;
   EXPECT_EQ(Written(m0), B("mehd", "00000000 00000005"));
   EXPECT_EQ(Written(m1), B("mehd", "01000000 0000000100000005"));
   ExpectReadsBack<cmehd>(B("mehd", "01000000 0000000100000005"));
   ctrex t(0);
-  t._track_id = 2;
-  t._default_sample_flags = 0x10000;
+  t._track_id = 2; t._default_sample_flags = 0x10000;
   EXPECT_EQ(Written(t), B("trex", "00000000 00000002 00000001 00000000 00000000 00010000"));
   ExpectReadsBack<ctrex>(B("trex", "00000000 00000002 00000003 00000004 00000005 00010000"));
 }
-
-// ---------------------------------------------------------------- duration patching
 
 // A duration set once the media is written is patched into the box where it stands in the file:
 // only the field changes, and the stream is left where it was.
@@ -191,14 +142,8 @@ TEST(MovieBoxDuration, PatchLandsOnTheFieldInEveryForm) {
       {"mehd v0", [] { return new cmehd(0); }, 12, H("00abcdef")},
       {"mehd v1, 64-bit size", [] { auto* b = new cmehd(1); b->Size(1); return b; }, 20, H("0000000000abcdef")},
       // The first edit takes the duration; the file keeps its count of two.
-      {"elst",
-       [] {
-         auto* e = new celst(0);
-         e->Add(celst::Item{11, 0, 0x10000});
-         e->Add(celst::Item{22, 5, 0x10000});
-         return e;
-       },
-       16, H("00abcdef")},
+      {"elst", [] { auto* e = new celst(0); e->Add(celst::Item{11, 0, 0x10000}); e->Add(celst::Item{22, 5, 0x10000});
+         return e; }, 16, H("00abcdef")},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -214,16 +159,7 @@ TEST(MovieBoxDuration, PatchLandsOnTheFieldInEveryForm) {
     EXPECT_EQ(io.Bytes(), want);
     EXPECT_EQ(io.Position(), static_cast<long long>(want.size()));
   }
-  celst e(0);  // in memory the list is one item now
-  e.Add(celst::Item{11, 0, 0x10000});
-  e.Add(celst::Item{22, 5, 0x10000});
-  e.Duration(0x99, nullptr);
-  ASSERT_EQ(e._items.size(), 1u);
-  EXPECT_EQ(e._items[0].segment_duration, 0x99u);
-  EXPECT_EQ(e._items[0].rate, 0x10000u);
 }
-
-// ---------------------------------------------------------------- mdat, free and the cluster filler
 
 TEST(MovieBoxMdat, LaterFillsRewriteOnlyTheSize) {
   IOBuffer io;
@@ -231,18 +167,15 @@ TEST(MovieBoxMdat, LaterFillsRewriteOnlyTheSize) {
   cmdat m(0);
   m.Fill(io, true);
   io.Write("payload", 7);
-  m.Size(0x20000000);
-  m.fill(io);
+  m.Size(0x20000000); m.fill(io);
   EXPECT_EQ(io.Position(), 23);
   EXPECT_EQ(io.Bytes(), H("'ftypftyp' 20000000 'mdat' 'payload'"));
-
   IOBuffer io64;
   cmdat w(1);
   w.Fill(io64, true);
   EXPECT_EQ(io64.Bytes(), H("00000001 'mdat' 0000000000000010"));
   io64.Write("abcd", 4);
-  w.ExtendedSize(0x100000014ull);
-  w.fill(io64);
+  w.ExtendedSize(0x100000014ull); w.fill(io64);
   EXPECT_EQ(io64.Bytes(), H("00000001 'mdat' 0000000100000014 'abcd'"));
   EXPECT_EQ(io64.Position(), 20);
   w.Reset(true);  // after reset the next fill is a header again
@@ -258,13 +191,11 @@ TEST(MovieBoxMdat, ReadSkipsTheBodyAndACutFileFails) {
   EXPECT_EQ(p.at<cmdat>(1)->_pos, 24u);
   EXPECT_EQ(p.at<cmdat>(2)->_pos, 140u);
   EXPECT_EQ(p.at<cmdat>(2)->RealSize(), 21u);
-
   LogCapture log;
   IOBuffer io;
   AttrSet ap;
   cmdat m(0);
   EXPECT_FALSE(ParseAlone(m, Cat({Header(1000, "mdat"), Fill(10)}), io, ap, 1000));
-  EXPECT_TRUE(log.Has("pos1>io.Size()"));
   EXPECT_EQ(m._pos, 8u);
   EXPECT_EQ(io.Position(), 18);  // stopped at the end of what is there
 }
@@ -294,10 +225,7 @@ TEST(MovieBoxFree, FillerPadsToTheClusterBoundaryWhenWanted) {
     IOBuffer io;
     io.Write(Bytes(static_cast<size_t>(c.at), 0).data(), c.at);
     int calls = 0;
-    cfree_concate f(32768, [&calls, &c](void* arg) {
-      ++calls;
-      return arg == nullptr && c.wanted;
-    });
+    cfree_concate f(32768, [&calls, &c](void* arg) { ++calls; return arg == nullptr && c.wanted; });
     EXPECT_EQ(f.Fill(io, true), c.box);
     EXPECT_LE(calls, 1);
     EXPECT_EQ(io.Size(), c.at + c.box);
@@ -307,26 +235,11 @@ TEST(MovieBoxFree, FillerPadsToTheClusterBoundaryWhenWanted) {
   }
   IOBuffer io;
   io.Write("x", 1);
-  cfree_concate dflt;
-  EXPECT_EQ(dflt.Fill(io, true), 0x20000 - 1);
-
+  EXPECT_EQ(cfree_concate().Fill(io, true), 0x20000 - 1);
 }
 
-// ---------------------------------------------------------------- udta, QUOR, uuid, tapt
-
-TEST(MovieBoxUserData, UdtaQuorUuidAndTapt) {
-  cudta u;
-  u.Payload("\xa9nam", 4);
-  auto* q = new cQUOR;
-  q->_quor = FCC("vers");
-  u.Add(q);
+TEST(MovieBoxUserData, UuidAndTaptWrittenAndReadBesideUdta) {
   const Bytes udta = H("00000018 'udta' a9 'nam' 0000000c 'QUOR' 'vers'");
-  EXPECT_EQ(Written(u), udta);
-  EXPECT_EQ(u.StatisticsSize(), 24u);
-  cudta empty;
-  empty._size = 10;  // no data: no payload
-  EXPECT_EQ(Written(empty), H("00000008 'udta'"));
-
   const Bytes uuid = H(
       "000001c6 'uuid' ffcc8263f8554a938814587a02521fdd '<?xml version=\"1.0\"?>'"
       "'<rdf:SphericalVideo' 0a 'xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\"' 0a"
@@ -337,22 +250,14 @@ TEST(MovieBoxUserData, UdtaQuorUuidAndTapt) {
   cuuid sph;
   EXPECT_EQ(Written(sph), uuid);
   EXPECT_EQ(sph.StatisticsSize(), 454u);
-  sph.UuidSphericalInit();  // rebuilding frees and makes the pieces anew
-  EXPECT_EQ(Written(sph), uuid);
-  EXPECT_EQ(Written(*std::make_unique<cuuid>("uuid")), uuid);
-  sph.UuidAtomFree();
-  EXPECT_EQ(Written(sph), H("00000008 'uuid'"));
-
   ctapt t;
-  for (IBox* b : {static_cast<IBox*>(new cclef), static_cast<IBox*>(new cprof), static_cast<IBox*>(new cenof)}) {
-    static_cast<caperture*>(b)->_width = 1280;
-    static_cast<caperture*>(b)->_height = 720;
-    t.Add(b);
+  for (caperture* b : {static_cast<caperture*>(new cclef), static_cast<caperture*>(new cprof),
+                       static_cast<caperture*>(new cenof)}) {
+    b->_width = 1280; b->_height = 720; t.Add(b);
   }
   const std::string dims = "00000000 0500 0000 02d0 0000";
   const Bytes tapt = Cat({Header(68, "tapt"), B("clef", dims), B("prof", dims), B("enof", dims)});
   EXPECT_EQ(Written(t), tapt);
-
   // udta and tapt are read without their children; QUOR, uuid and the aperture boxes alone are read.
   Tree p(Cat({udta, B("QUOR", "'abcd'"), uuid, tapt, B("enof", "00000000 0040 0000 0030 0000")}));
   ASSERT_TRUE(p.ok);
@@ -361,29 +266,7 @@ TEST(MovieBoxUserData, UdtaQuorUuidAndTapt) {
   EXPECT_EQ(Written(*p.at(4)), B("enof", "00000000 0040 0000 0030 0000"));
 }
 
-TEST(MovieBoxPrint, FieldsShowCodesAsCharactersAndCutLongLists) {
-  unsigned list[2] = {FCC("mp42"), FCC("ifrm")};
-  cftyp f;
-  f._major_brand = FCC("mp42");
-  f._compatible_brands = list;
-  AttrSet a;
-  f.fields(a);
-  EXPECT_STREQ(a.Get("major_brand"), "mp42");
-  EXPECT_STREQ(a.Get("compatible_brands"), "mp42,ifrm");
-
-  celst e;
-  for (int i = 0; i < 6; ++i) e.Add(celst::Item{static_cast<unsigned long long>(i), 0, 0x10000});
-  AttrSet b;
-  e.fields(b);
-  EXPECT_STREQ(b.Get("entries"), "6");
-  const std::string items = b.Get("items");
-  EXPECT_EQ(items.substr(items.size() - 4), ",...");
-}
-
-// ================================================================ media information
-
-// What the name is written from is pinned by reading it back below; here the setter and the text.
-TEST(MinfBox, HdlrNameSetCappedAndShown) {
+TEST(MinfBox, HdlrNameSetAndCapped) {
   chdlr h;
   h._component_type = FCC("mhlr");
   h._component_subtype = FCC("vide");
@@ -391,9 +274,6 @@ TEST(MinfBox, HdlrNameSetCappedAndShown) {
   h.ComponentName("Video Handler", 14);  // the terminator is counted, as the profile does
   EXPECT_EQ(Written(h), B("hdlr", "00000000 'mhlr' 'vide' 'quor' 00000000 00000000 0e 'Video Handler' 00"));
   EXPECT_EQ(h.StatisticsSize(), 47u);
-  AttrSet a;
-  h.fields(a);
-  EXPECT_STREQ(a.Get("name"), "Video Handler.");  // the counted terminator shows as a dot
   h.ComponentName(Bytes(40, 'A').data(), 40);
   EXPECT_EQ(h._name_len, 32);
 }
@@ -424,36 +304,23 @@ TEST(MinfBox, HdlrNameReadWithOrWithoutItsCount) {
 
 TEST(MinfBox, MediaHeadersAndDataReferences) {
   cvmhd v;
-  v.Flags(1);
-  v._graphics_mode = 0x40;
-  v._opcolor_red = 0x8000;
-  v._opcolor_blue = 3;
+  v.Flags(1); v._graphics_mode = 0x40; v._opcolor_red = 0x8000; v._opcolor_blue = 3;
   const Bytes vmhd = B("vmhd", "00000001 0040 8000 0000 0003");
   EXPECT_EQ(Written(v), vmhd);
-  cgmin g;
-  g._graphics_mode = 0x40;
-  g._balance = 0xff00;
   const Bytes gmin = B("gmin", "00000000 0040 0000 0000 0000 ff00 0000");
-  EXPECT_EQ(Written(g), gmin);
   csmhd s;
   s._balance = 0x0100;
   const Bytes smhd = B("smhd", "00000000 0100 0000");
   EXPECT_EQ(Written(s), smhd);
-
   cdinf dinf;
-  auto* dref = new cdref;
-  dinf.Add(dref);
+  IBox* dref = dinf.Add(new cdref);
   auto* url = new curl_;
-  url->Flags(1);
-  dref->Add(url);
   auto* alis = new calis(FCC("alis"));
-  alis->Flags(1);
-  dref->Add(alis);
+  url->Flags(1); alis->Flags(1); dref->Add(url); dref->Add(alis);
   const Bytes dinfBytes = H("00000030 'dinf' 00000028 'dref' 00000000 00000002 0000000c 'url ' 00000001"
                             " 0000000c 'alis' 00000001");
   EXPECT_EQ(Written(dinf), dinfBytes);
   EXPECT_EQ(dinf.StatisticsSize(), dinfBytes.size());
-
   // Read back in a tree; a dref counts the entries it holds, not those the file claims.
   Tree p(Cat({vmhd, Box("gmhd", gmin), smhd, B("dref", "00000000 00000007 0000000c 'url ' 00000001"
                                                        " 0000000c 'alis' 00000001")}));
@@ -464,8 +331,6 @@ TEST(MinfBox, MediaHeadersAndDataReferences) {
   EXPECT_EQ(Written(*p.at(2)), smhd);
   EXPECT_EQ(Written(*p.at(3)), Bytes(dinfBytes.begin() + 8, dinfBytes.end()));
 }
-
-// ---------------------------------------------------------------- damaged input
 
 // Fields behind a box's end read as zero, never as the next box's bytes; the next box is read.
 TEST(MovieBoxDamaged, ShortBoxesStopAtTheirEnd) {

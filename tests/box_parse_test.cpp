@@ -1,9 +1,7 @@
 // Box core: reading trees from hand-laid bytes, damaged input, and the table boxes' block-wise branch.
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <string>
-#include <vector>
 
 #include "stream/base/reflect/IClass.h"
 #include "stream/plugin/mp4/common/IBox.h"
@@ -23,7 +21,7 @@ struct ReadingLeaf : IBox {
   explicit ReadingLeaf(long long reads) : IBox("leaf"), reads(reads) {}
   bool parse(IO& io) override {
     seen = _parse_ap;
-    std::vector<unsigned char> buf(static_cast<size_t>(reads));
+    Bytes buf(static_cast<size_t>(reads));
     io.Read(buf.data(), reads);
     return true;
   }
@@ -59,8 +57,7 @@ TEST(BoxParse, PayloadReadOfTheWrongLengthIsRealignedToTheBoxEnd) {
   AttrSet ap;
   for (long long reads : {2, 12}) {
     ReadingLeaf leaf(reads);
-    leaf.Size(16);
-    io.Seek(8, kiv::Position::front);
+    leaf.Size(16); io.Seek(8, kiv::Position::front);
     EXPECT_TRUE(leaf.Parse(io, ap, true));
     EXPECT_EQ(io.Position(), 16) << reads;  // the next sibling starts here
     EXPECT_EQ(leaf.seen, &ap);
@@ -109,18 +106,6 @@ TEST(BoxParse, FakeBoxClaimingMoreThanTheFileStopsAtItsEnd) {
   cfakebox fake(FCC("junk"));
   EXPECT_FALSE(ParseAlone(fake, Cat({Header(100, "junk"), Fill(22)}), io, ap, 100));
   EXPECT_EQ(io.Position(), 30);
-  EXPECT_TRUE(log.Has("pos1>io.Size()"));
-
-  // A 64-bit header is skipped by its own length.
-  IOBuffer io64;
-  Load(io64, Cat({Fill(5), Header64(30, "junk"), Fill(14), Box("wide")}));
-  cfakebox large(FCC("junk"));
-  large.Size(1);
-  large.ExtendedSize(30);
-  io64.Seek(5 + 16, kiv::Position::front);
-  EXPECT_TRUE(large.parse(io64));
-  EXPECT_EQ(large.Offset(), 5);
-  EXPECT_EQ(io64.Position(), 35);
 }
 
 TEST(BoxParse, FullBoxAndCountAreReadBeforeChildren) {
@@ -185,8 +170,6 @@ TEST(BoxParse, DeepNestingStopsDescendingButKeepsTheFile) {
   EXPECT_EQ(p.io.Position(), static_cast<long long>(b.size()));
 }
 
-// ---------------------------------------------------------------- table boxes read block-wise
-
 namespace {
 
 struct TestTableReader : kiv::base::Object {
@@ -194,10 +177,9 @@ struct TestTableReader : kiv::base::Object {
     ++inits;
     stbl = ap.GetOrDef("stbl", "");
     io = ap.GetOrDef("io", "");
-    return succeed;
+    return true;
   }
   static inline int inits = 0;
-  static inline bool succeed = true;
   static inline std::string stbl, io;
 };
 
@@ -227,7 +209,6 @@ TEST(BoxStblExtern, ReaderFoundByKeywordsTakesTheTable) {
   AttrSet ap("stbl_extern_parser_en=true;stbl_extern_parser_keywords=boxtest");
   IOBuffer io;
   cfakebox table(FCC("abcd"));
-  TestTableReader::succeed = true;
   const int before = TestTableReader::inits;
   ASSERT_TRUE(ParseAlone(table, bytes, io, ap, 28));
   EXPECT_EQ(TestTableReader::inits, before + 1);
@@ -238,26 +219,9 @@ TEST(BoxStblExtern, ReaderFoundByKeywordsTakesTheTable) {
   EXPECT_EQ(ap.Get("stbl"), nullptr);
   EXPECT_EQ(ap.Get("io"), nullptr);
   EXPECT_EQ(io.Position(), 28);
-
   // Inside a tree: the first table gets its reader, the next code has none, and that fails the parse.
   Tree tree(bytes, ap);
   EXPECT_FALSE(tree.ok);
   EXPECT_EQ(tree.shape(), "abcd wide");
   EXPECT_TRUE(log.Has("!_parser"));
-
-  TestTableReader::succeed = false;
-  IOBuffer io2;
-  cfakebox failing(FCC("abcd"));
-  EXPECT_FALSE(ParseAlone(failing, bytes, io2, ap, 28));
-  EXPECT_TRUE(log.Has("!_parser->Set(\"init\",(AttrSet&)ap)"));
-  EXPECT_EQ(ap.Get("stbl"), nullptr);
-  TestTableReader::succeed = true;
-
-  // Switched off, a table box is read like any other box.
-  AttrSet off("stbl_extern_parser_en=false");
-  IOBuffer io3;
-  cfakebox plain(FCC("abcd"));
-  EXPECT_TRUE(ParseAlone(plain, bytes, io3, off, 28));
-  EXPECT_EQ(plain.Parser(), nullptr);
-  EXPECT_EQ(io3.Position(), 28);
 }

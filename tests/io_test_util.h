@@ -1,10 +1,8 @@
-// Helpers shared by the stream tests: a scratch directory and a log catcher.
+// Helpers shared by the stream tests: a scratch directory, file bytes and a stream checker.
 #pragma once
 
-#include <ctype.h>
 #include <dirent.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -14,12 +12,10 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <mutex>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "stream/base/dbg/Log.h"
 #include "stream/base/io/IO.h"
 #include "stream/base/io/IUrl.h"
 
@@ -56,10 +52,7 @@ class TempDir {
   std::string _path;
 };
 
-inline bool exists(const std::string& p) {
-  struct stat st;
-  return ::stat(p.c_str(), &st) == 0;
-}
+inline bool exists(const std::string& p) { return ::access(p.c_str(), F_OK) == 0; }
 
 inline std::vector<unsigned char> readAll(const std::string& p) {
   std::ifstream f(p, std::ios::binary);
@@ -67,8 +60,7 @@ inline std::vector<unsigned char> readAll(const std::string& p) {
 }
 
 inline void writeAll(const std::string& p, const std::vector<unsigned char>& bytes) {
-  std::ofstream f(p, std::ios::binary | std::ios::trunc);
-  f.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
 }
 
 inline std::vector<unsigned char> pattern(size_t n, unsigned seed = 1) {
@@ -81,21 +73,8 @@ inline std::vector<unsigned char> pattern(size_t n, unsigned seed = 1) {
   return v;
 }
 
-// Bytes laid out by hand: hex digits, with spaces between fields for the reader.
-inline std::vector<unsigned char> hex(const std::string& text) {
-  std::vector<unsigned char> out;
-  std::string digits;
-  for (char c : text)
-    if (std::isxdigit(static_cast<unsigned char>(c))) digits += c;
-  for (size_t i = 0; i + 1 < digits.size(); i += 2)
-    out.push_back(static_cast<unsigned char>(std::stoi(digits.substr(i, 2), nullptr, 16)));
-  return out;
-}
-
-// Drives `io` and a memory stream holding the same bytes with one random sequence of reads, writes
-// (when `writes`) and seeks of every kind, and compares every result, position and size: catches a
-// position that drifts, a stale buffer or a stream left in the wrong direction. `each` runs after
-// every step with the step number.
+// Drives `io` and a memory stream with the same random reads, writes (when `writes`) and seeks, comparing
+// every result, position and size; `each` runs after every step.
 inline void MatchMemoryStream(kiv::base::IO& io, kiv::base::IOBuffer& ref, unsigned seed, int steps, long long maxLen,
                               bool writes, const std::function<void(int)>& each = nullptr) {
   std::mt19937 rng(seed);
@@ -137,34 +116,6 @@ struct DriveScope {
   DriveScope(char letter, const std::string& dir) : _letter(letter) { kiv::base::DriveMap(letter, dir.c_str()); }
   ~DriveScope() { kiv::base::DriveMap(_letter, nullptr); }
   char _letter;
-};
-
-// Collects the log lines written while it lives.
-class LogCatcher {
- public:
-  LogCatcher() {
-    kiv::dbg::SetSink([this](int, const std::string& line) {
-      std::lock_guard<std::mutex> lock(_m);
-      _lines.push_back(line);
-    });
-  }
-  ~LogCatcher() { kiv::dbg::SetSink(nullptr); }
-  bool has(const std::string& text) const {
-    std::lock_guard<std::mutex> lock(_m);
-    for (const auto& l : _lines)
-      if (l.find(text) != std::string::npos) return true;
-    return false;
-  }
-  std::string all() const {
-    std::lock_guard<std::mutex> lock(_m);
-    std::string s;
-    for (const auto& l : _lines) s += l;
-    return s;
-  }
-
- private:
-  mutable std::mutex _m;
-  std::vector<std::string> _lines;
 };
 
 }  // namespace iotest

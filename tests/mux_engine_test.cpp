@@ -1,9 +1,7 @@
-// The mux engine: the file's layout, brands, the leading track, the end of a recording, the thumbnail.
+// The mux engine: the file's layout, brands, the leading track, the end of a recording, threads.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdio>
-#include <memory>
 #include <thread>
 
 #include "stream/base/io/IO.h"
@@ -11,43 +9,31 @@
 #include "stream/plugin/mp4/common/IMovMuxer.h"
 #include "tests/LogCapture.h"
 #include "tests/MuxTestUtil.h"
-#include "tests/io_test_util.h"
 
 using kiv::base::AttrSet;
-using kiv::base::IO;
 using kiv::base::IOBuffer;
 using kiv::base::Release;
-using kiv::plugin::mov::IMovMuxer;
-using kiv::plugin::mov::IStream;
-using kiv::plugin::mov::videoTags;
+using namespace kiv::plugin::mov;
 using namespace muxtest;
 
 namespace {
 
 uint32_t fcc(const char* t) {
   uint32_t v = 0;
-  kiv::Convert32(v, t);
-  return v;
+  return kiv::Convert32(v, t), v;
 }
 
-bool loggedE(const LogCapture& log, const std::string& text) {
-  for (const auto& l : log.Lines())
-    if (l.find("|E|") != std::string::npos && l.find(text) != std::string::npos) return true;
-  return false;
-}
-
-// An engine writing into memory, or into `io` when given.
+// An engine writing into memory.
 struct Recording {
   IMovMuxer eng;
   IOBuffer buffer;
-  IO* io = &buffer;
   bool open(std::vector<IMedia*> list) {
     AttrSet ap;
-    return eng.Open(*io, list, ap);
+    return eng.Open(buffer, list, ap);
   }
   bool push(IMedia* m, int n, unsigned char fill, long long ptsMs, long long durMs) {
     Packet* p = NewPacket(m, n, fill, ptsMs, durMs);
-    const bool ok = eng.Process(*io, *p);
+    const bool ok = eng.Process(buffer, *p);
     Release(p);
     return ok;
   }
@@ -59,7 +45,7 @@ class MuxEngine : public ::testing::Test {
  protected:
   void SetUp() override {
     RegisterTestTrack();
-    CleanLog().clear();
+    cleanLog.clear();
     video = VideoMedia();
     audio = AudioMedia();
     ASSERT_TRUE(video && audio && video->IsVideo() && audio->IsAudio());
@@ -82,11 +68,8 @@ TEST_F(MuxEngine, MovFileIsFtypThenMdatThenMoovWithTheSizePatched) {
   EXPECT_GT(before, 2082844800ull + 1500000000ull) << "seconds since 1904";
   ASSERT_TRUE(r.eng.Open(r.buffer, list, ap));
   EXPECT_EQ(r.bytes(), Hex("00000018 'ftyp' 'qt  ' 00000000 'qt  ' 00000000  00000008 'mdat'")) << "mdat empty";
-  EXPECT_EQ(r.eng._written_size, 32u);
   void* container = nullptr;
-  EXPECT_TRUE(ap.Get("container", container));
-  EXPECT_EQ(container, static_cast<kiv::plugin::mov::IMov*>(&r.eng));
-
+  EXPECT_TRUE(ap.Get("container", container) && container == static_cast<kiv::plugin::mov::IMov*>(&r.eng));
   // Video 0, 40, 80 ms (100 bytes, 40 ms each) and audio 0..60 ms (30 bytes, 20 ms), as a camera delivers them.
   const unsigned char order[] = {0x11, 0x21, 0x12, 0x22, 0x13, 0x23, 0x24};
   long long pts[2] = {0, 0};
@@ -99,15 +82,12 @@ TEST_F(MuxEngine, MovFileIsFtypThenMdatThenMoovWithTheSizePatched) {
   EXPECT_EQ(r.eng._duration_ms, 120u) << "the running duration follows video";
   ASSERT_TRUE(r.track(0) && r.track(1));
   EXPECT_EQ(r.track(0)->leaders, (std::vector<unsigned long long>{0, 40, 80}));
-  EXPECT_EQ(r.track(1)->leaders, (std::vector<unsigned long long>{40, 80, 120, 120}))
-      << "audio gets the video's length";
-
+  EXPECT_EQ(r.track(1)->leaders, (std::vector<unsigned long long>{40, 80, 120, 120})) << "the video's length";
   ASSERT_TRUE(r.eng.Close(r.buffer));
   const unsigned long long after = IMovMuxer::getTimeStamp();
   EXPECT_TRUE(r.eng._root == nullptr && r.eng._streams.empty());
   EXPECT_EQ(r.eng._duration_ms, 80u) << "at the end: the shortest track's length";
-  EXPECT_EQ(CleanLog(), (CleanCalls{{"testv", 0}, {"testa", 120}}));
-
+  EXPECT_EQ(cleanLog, (CleanCalls{{"testv", 0}, {"testa", 120}}));
   const Bytes& b = r.bytes();
   const FileView v = View(b);
   EXPECT_EQ(Slice(b, 0, 32), Hex("00000018 'ftyp' 'qt  ' 00000000 'qt  ' 00000000  000001ac 'mdat'"))
@@ -144,30 +124,22 @@ TEST_F(MuxEngine, FlavoursSetTheMdatFormTheVersionAndTheAudioDurations) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     Recording r;
-    if (c.mp4) {
-      r.eng._vidtag->Mp4Flavour();
-      r.eng._file_type = IMovMuxer::kFileTypeMp4;
-    }
+    if (c.mp4) r.eng._vidtag->Mp4Flavour(), r.eng._file_type = IMovMuxer::kFileTypeMp4;
     r.eng._vidtag->audio_mdhd_same_duration = c.mdhdSame;
     r.eng._use64 = c.use64;
     r.eng._version1 = c.version1;
     ASSERT_TRUE(r.open({video, audio}));
     EXPECT_EQ(r.eng._version1, c.version == 1);
-    for (IStream* st : r.eng._streams)
-      EXPECT_TRUE(st->_use64 == c.use64 && st->_version1 == (c.version == 1)) << "the flags go to the tracks";
     EXPECT_EQ(Slice(r.bytes(), 24, r.bytes().size() - 24),
               Hex(c.use64 ? "00000001 'mdat' 00000000 00000010" : "00000008 'mdat'"));
     for (int i = 0; i < 3; ++i) EXPECT_TRUE(r.push(video, 1000, 1, i * 40, 40));
     for (int i = 0; i < c.audioPackets; ++i) EXPECT_TRUE(r.push(audio, 10, 2, i * 40, 40));
     ASSERT_TRUE(r.eng.Close(r.buffer));
-
     const FileView v = View(r.bytes());
     const size_t head = c.use64 ? 16 : 8;
     EXPECT_EQ(std::make_pair(v.top[1].header, v.top[1].size), std::make_pair(head, head + 3000 + 10u * c.audioPackets))
         << "the final size in the header's own form";
-    EXPECT_EQ(v.mvhd[0], c.version);
-    EXPECT_EQ(v.mvhd[1], c.version ? 120u : 108u);
-    EXPECT_EQ(v.mvhd[3], 7200u);
+    EXPECT_EQ(std::make_tuple(v.mvhd[0], v.mvhd[1], v.mvhd[3]), std::make_tuple(c.version, c.version ? 120u : 108u, 7200u));
     EXPECT_EQ(v.tracks, (Tracks{{1, 7200, 10800, 0}, {2, c.audioTkhd, c.audioMdhd, 0}}));
   }
 }
@@ -197,21 +169,13 @@ TEST_F(MuxEngine, BrandsFromTheFlavourTheProfileListTheIframeFlagAndHevc) {
     SCOPED_TRACE(c.name);
     LogCapture log;  // also keeps quiet what the bare hevc media may log
     IMovMuxer eng;
-    if (c.mp4) {
-      eng._vidtag->Mp4Flavour();
-      eng._file_type = IMovMuxer::kFileTypeMp4;
-    }
-    if (c.list) {
-      eng._vidtag->major_brand = fcc("isom");
-      eng._vidtag->minor_version = c.minor;
-      eng._vidtag->compatible_brands = c.list;
-      eng._vidtag->compatible_brands_cnt = c.count;
-      eng._vidtag->iframe_brand = 1;
-    }
-    eng._vidtag->track_id_start = 5;
+    if (c.mp4) eng._vidtag->Mp4Flavour(), eng._file_type = IMovMuxer::kFileTypeMp4;
+    videoTags& t = *eng._vidtag;
+    if (c.list) std::tie(t.major_brand, t.minor_version, t.compatible_brands, t.compatible_brands_cnt, t.iframe_brand) =
+                    std::make_tuple(fcc("isom"), c.minor, c.list, c.count, 1);
+    t.track_id_start = 5;
     if (!c.profile) eng._vidtag = nullptr;  // the host took the profile away
     ASSERT_TRUE(eng.Config());
-    EXPECT_EQ(loggedE(log, "Too many compatible brands in ftyp box!"), c.count == 4);
     EXPECT_EQ(eng._next_track_id, c.profile ? 5u : 0u);
     if (c.hevc) {
       IMedia* hevc = IMedia::New("hevc");
@@ -238,49 +202,30 @@ TEST_F(MuxEngine, LeaderFollowerFirstPtsAndTheOrderOfRemainingData) {
     for (int i = 0; i < 3; ++i) EXPECT_TRUE(r.push(audio, 8, 1, 1000 + i * 20, 20));
     EXPECT_EQ(std::make_pair(r.eng._first_pts, r.eng._duration_ms), std::make_pair(0LL, 0ULL));
     ASSERT_TRUE(r.eng.Close(r.buffer));
-    EXPECT_EQ(CleanLog(), (CleanCalls{{"testa", 0}}));
-  }
-  {
-    // audio_chunk_first: audio leads and video follows; first PTS is taken only while video leads.
-    Recording r;
-    r.eng._vidtag->audio_chunk_first = 1;
-    ASSERT_TRUE(r.open({video, audio}));
-    EXPECT_TRUE(r.push(audio, 8, 1, 0, 20));
-    EXPECT_TRUE(r.push(video, 8, 1, 500, 40));
-    EXPECT_EQ(std::make_pair(r.eng._first_pts, r.eng._duration_ms), std::make_pair(0LL, 20ULL));
-    EXPECT_TRUE(r.push(audio, 8, 1, 20, 20));
-    EXPECT_TRUE(r.push(video, 8, 1, 540, 40));
-    ASSERT_NE(r.track(0), nullptr);
-    EXPECT_EQ(r.track(0)->leaders, (std::vector<unsigned long long>{20, 40}));
-    ASSERT_TRUE(r.eng.Close(r.buffer));
+    EXPECT_EQ(cleanLog, (CleanCalls{{"testa", 0}}));
   }
   {
     // First PTS: the first non-zero millisecond value of a video packet, then fixed.
     Recording r;
     ASSERT_TRUE(r.open({video, audio}));
-    EXPECT_TRUE(r.push(audio, 8, 1, 3000, 20));
-    EXPECT_EQ(r.eng._first_pts, 0) << "audio does not set it";
+    EXPECT_TRUE(r.push(audio, 8, 1, 3000, 20) && r.eng._first_pts == 0) << "audio does not set it";
     Packet* p = NewPacket(video, 8, 1, 0, 40);
     p->pts = 999999;  // below a millisecond
-    EXPECT_TRUE(r.eng.Process(r.buffer, *p));
+    EXPECT_TRUE(r.eng.Process(r.buffer, *p) && r.eng._first_pts == 0);
     Release(p);
-    EXPECT_EQ(r.eng._first_pts, 0);
-    EXPECT_TRUE(r.push(video, 8, 1, 2040, 40));
-    EXPECT_TRUE(r.push(video, 8, 1, 2080, 40));
+    EXPECT_TRUE(r.push(video, 8, 1, 2040, 40) && r.push(video, 8, 1, 2080, 40));
     EXPECT_EQ(r.eng._first_pts, 2040);
     ASSERT_TRUE(r.eng.Close(r.buffer));
   }
   {
     // What the tracks hold back: every video track first, then audio up to the last video's length.
-    CleanLog().clear();
+    cleanLog.clear();
     IMedia* video2 = VideoMedia();
     Recording r;
     ASSERT_TRUE(r.open({audio, video, video2}));
-    EXPECT_TRUE(r.push(video, 8, 1, 0, 40));
-    EXPECT_TRUE(r.push(video, 8, 1, 40, 40));
-    EXPECT_TRUE(r.push(video2, 8, 1, 0, 100));
+    EXPECT_TRUE(r.push(video, 8, 1, 0, 40) && r.push(video, 8, 1, 40, 40) && r.push(video2, 8, 1, 0, 100));
     ASSERT_TRUE(r.eng.ClearRemainData(r.buffer));
-    EXPECT_EQ(CleanLog(), (CleanCalls{{"testv", 0}, {"testv", 0}, {"testa", 100}}));
+    EXPECT_EQ(cleanLog, (CleanCalls{{"testv", 0}, {"testv", 0}, {"testa", 100}}));
     ASSERT_TRUE(r.eng.Close(r.buffer));
     Release(video2);
   }
@@ -288,32 +233,23 @@ TEST_F(MuxEngine, LeaderFollowerFirstPtsAndTheOrderOfRemainingData) {
 
 TEST_F(MuxEngine, FailuresLeaveATrackLessAndItsPacketsRefused) {
   LogCapture log;
-  {
-    Recording r;
-    EXPECT_FALSE(r.open({}));
-    EXPECT_TRUE(loggedE(log, "list.empty()") && loggedE(log, "!StreamConfig(io,list,ap)"));
-  }
+  EXPECT_FALSE(Recording().open({}));
   IMedia* broken = VideoMedia(";fail=1");
   IMedia* unknown = IMedia::New("codec=video/zzzz");
   {
     Recording r;
     ASSERT_TRUE(r.open({nullptr, broken, unknown, audio})) << "the other tracks still make a file";
-    EXPECT_TRUE(loggedE(log, "!st->MuxConfig(_mdat, media, _vidtag, &_para)"));
-    EXPECT_TRUE(log.Has(":\t!st\n")) << "no class for the codec";
     ASSERT_EQ(r.eng._streams.size(), 1u);
     EXPECT_EQ(r.eng._streams[0]->Media(), audio);
     const auto written = r.eng._written_size;
-    EXPECT_FALSE(r.push(broken, 8, 1, 0, 40));
-    EXPECT_FALSE(r.push(video, 8, 1, 0, 40)) << "no track for it";
+    EXPECT_FALSE(r.push(broken, 8, 1, 0, 40) || r.push(video, 8, 1, 0, 40)) << "no track for them";
     EXPECT_EQ(r.eng._written_size, written);
     EXPECT_TRUE(r.push(audio, 8, 1, 0, 40));
     AttrSet ap;
     EXPECT_EQ(r.eng.AddStream(nullptr, ap), nullptr);
-    EXPECT_TRUE(log.Has(":\t!media\n"));
     ASSERT_TRUE(r.eng.Close(r.buffer));
     EXPECT_FALSE(r.eng.Close(r.buffer)) << "a second Close finds no tree";
     EXPECT_EQ(r.eng.AddStream(audio, ap), nullptr);
-    EXPECT_TRUE(loggedE(log, "!_moov"));
   }
   Release(broken);
   Release(unknown);
@@ -334,11 +270,10 @@ TEST_F(MuxEngine, TracksGetTheHostProfileAndAnEmptyOneLeavesMoov) {
     r.eng._frame_rate = kiv::base::Fraction(30000, 1001);
     r.eng._add_samples = 3;
     ASSERT_TRUE(r.open({video, audio}));
-    TestTrack* vt = r.track(0);
-    TestTrack* at = r.track(1);
+    TestTrack *vt = r.track(0), *at = r.track(1);
     ASSERT_TRUE(vt && at);
-    EXPECT_EQ(vt->frameRate, kiv::base::Fraction(30000, 1001));
-    EXPECT_EQ(at->frameRate, kiv::base::Fraction(0, 0)) << "audio gets no frame rate";
+    EXPECT_TRUE(vt->frameRate == kiv::base::Fraction(30000, 1001) && at->frameRate == kiv::base::Fraction(0, 0))
+        << "audio gets no frame rate";
     EXPECT_TRUE(vt->seenTags == mine && at->seenTags == mine);
     EXPECT_TRUE(vt->Track()->Find("uuid") && !at->Track()->Find("uuid")) << "the spherical box on video only";
     EXPECT_TRUE(r.eng._has_audio);
@@ -346,8 +281,6 @@ TEST_F(MuxEngine, TracksGetTheHostProfileAndAnEmptyOneLeavesMoov) {
     EXPECT_EQ(vt->addSamplesSeen, 3u);
     mine->pref_volume = 0x40;
     ASSERT_TRUE(r.eng.Close(r.buffer));
-
-    EXPECT_TRUE(log.Has("delete stream: test due to size 0!"));
     const FileView v = View(r.bytes());
     EXPECT_EQ(v.mvhd, (Mvhd{0, 108, 1000, 0, 0x40, 3}))
         << "the empty audio track is the shortest; the next id counts the streams, not from track_id_start";
@@ -359,82 +292,34 @@ TEST_F(MuxEngine, TracksGetTheHostProfileAndAnEmptyOneLeavesMoov) {
   EXPECT_EQ(kiv::object_base::LiveObjects(), live) << "both profiles went with the engine";
 }
 
-TEST_F(MuxEngine, ThumbnailReservedAtTheEndOfMoovAndSplitWhenAJpegExists) {
-  const std::string base = TempPath("mux_engine_thumb");
-  const std::string path = base + ".mov", jpg = base + ".jpg";
-  const Bytes jpeg = iotest::pattern(300);
-  for (bool withJpeg : {false, true}) {
-    SCOPED_TRACE(withJpeg ? "jpeg" : "no jpeg");
-    std::remove(jpg.c_str());
-    if (withJpeg) iotest::writeAll(jpg, jpeg);
-    {
-      Recording r;
-      r.eng.thumb = true;
-      std::unique_ptr<IO> io(IO::New(path.c_str(), "wb"));
-      ASSERT_NE(io, nullptr);
-      r.io = io.get();
-      ASSERT_TRUE(r.open({video}));
-      EXPECT_TRUE(r.push(video, 50, 9, 0, 40));
-      ASSERT_TRUE(r.eng.Close(*io));
-      EXPECT_EQ(r.eng._thumb, nullptr) << "gone with the tree";
-      EXPECT_TRUE(io->Close());
-    }
-    const Bytes b = ReadFile(path);
-    const FileView v = View(b);
-    EXPECT_EQ(v.top[1].size, 58u) << "mdat patched behind the thumbnail's writes";
-    auto kids = Children(b, v.top[2]);
-    ASSERT_GE(kids.size(), 2u);
-    EXPECT_EQ(kids.back().end(), v.top[2].end());
-    if (!withJpeg) {
-      EXPECT_EQ(Slice(b, kids.back().offset, 8), Hex("00032008 'thum'")) << "the last box of moov";
-      EXPECT_EQ(Slice(b, kids.back().body(), 204800), Bytes(204800, 0));
-    } else {
-      const BoxAt& th = kids[kids.size() - 2];
-      EXPECT_EQ(Slice(b, th.offset, 8), Hex("00000134 'thum'"));
-      EXPECT_EQ(Slice(b, th.body(), 300), jpeg);
-      EXPECT_EQ(Slice(b, kids.back().offset, 8), Hex("00031ed4 'free'")) << "the two fill the reserve exactly";
-    }
-  }
-  std::remove(jpg.c_str());
-  std::remove(path.c_str());
-}
-
 TEST_F(MuxEngine, ProcessIsSerialisedAcrossThreads) {
   Recording r;
   ASSERT_TRUE(r.open({video, audio}));
-  TestTrack::Overlaps() = 0;
+  overlaps = 0;
   constexpr int kEach = 3000;
   std::atomic<int> refused{0}, ready{0};
   auto run = [&](IMedia* m, int n, unsigned char fill, int step) {
     for (++ready; ready < 2;) {
     }  // both start together
-    for (int i = 0; i < kEach; ++i)
-      if (!r.push(m, n, fill, i * step, step)) ++refused;
+    for (int i = 0; i < kEach; ++i) refused += !r.push(m, n, fill, i * step, step);
   };
-  std::thread tv(run, video, 37, 0x5a, 40);
-  std::thread ta(run, audio, 11, 0xa5, 20);
+  std::thread tv(run, video, 37, 0x5a, 40), ta(run, audio, 11, 0xa5, 20);
   tv.join();
   ta.join();
-  EXPECT_EQ(refused.load(), 0);
-  EXPECT_EQ(TestTrack::Overlaps().load(), 0) << "one packet at a time";
-  const unsigned long long payload = kEach * (37ull + 11ull);
-  EXPECT_EQ(r.eng._written_size, 32u + payload);
+  EXPECT_TRUE(refused == 0 && overlaps == 0) << "all taken, one packet at a time";
   ASSERT_TRUE(r.eng.Close(r.buffer));
   const Bytes& b = r.bytes();
-  const FileView v = View(b);
-  EXPECT_EQ(v.top[1].size, 8u + payload);
+  const BoxAt mdat = View(b).top[1];
+  EXPECT_EQ(mdat.size, 8u + kEach * (37u + 11u));
   // Every payload whole: runs of 37 x 0x5a and 11 x 0xa5, never mixed.
-  size_t at = v.top[1].body(), count[2] = {0, 0};
-  while (at < v.top[1].end()) {
-    const bool isV = b[at] == 0x5a;
-    const size_t n = isV ? 37 : 11;
-    if (Slice(b, at, n) != Bytes(n, isV ? 0x5a : 0xa5)) {
-      ADD_FAILURE() << "torn payload at " << at;
-      break;
-    }
-    ++count[isV];
+  size_t at = mdat.body(), count[2] = {0, 0};
+  while (at < mdat.end()) {
+    const bool v = b[at] == 0x5a;
+    const size_t n = v ? 37 : 11;
+    if (Slice(b, at, n) != Bytes(n, v ? 0x5a : 0xa5)) break;
+    ++count[v];
     at += n;
   }
-  EXPECT_EQ(count[0], static_cast<size_t>(kEach));
-  EXPECT_EQ(count[1], static_cast<size_t>(kEach));
+  EXPECT_EQ(at, mdat.end()) << "torn payload at " << at;
+  EXPECT_TRUE(count[0] == kEach && count[1] == kEach) << count[0] << " " << count[1];
 }

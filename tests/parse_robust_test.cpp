@@ -20,12 +20,10 @@ using kiv::plugin::mov::IBox;
 
 namespace {
 
-struct Sample {
-  const char* name;
-  const char* args;  // ffmpeg output options
-};
-
-const Sample kSamples[] = {
+// File names and ffmpeg output options.
+const struct {
+  const char *name, *args;
+} kSamples[] = {
     {"plain.mp4", "-c:v libx264 -c:a aac"},
     {"plain.mov", "-c:v libx264 -c:a aac"},
     {"frag.mp4", "-c:v libx264 -c:a aac -movflags +frag_keyframe+empty_moov+default_base_moof -frag_duration 200000"},
@@ -37,7 +35,7 @@ class ForeignFiles : public ::testing::Test {
   static void SetUpTestSuite() {
     dir_ = std::string(::testing::TempDir()) + "/foreign" + std::to_string(::getpid());
     Shell("mkdir -p " + dir_);
-    for (const Sample& s : kSamples) {
+    for (const auto& s : kSamples) {
       const std::string cmd = "ffmpeg -nostdin -loglevel error -y -f lavfi -i testsrc=size=96x64:rate=25 -f lavfi "
                               "-i sine=frequency=440:sample_rate=48000 -t 1.2 -pix_fmt yuv420p " +
                               std::string(s.args) + " -shortest " + dir_ + "/" + s.name;
@@ -45,7 +43,6 @@ class ForeignFiles : public ::testing::Test {
     }
   }
   static void TearDownTestSuite() { Shell("rm -rf " + dir_); }
-
   // The codes of the top-level boxes read; false when the parse failed.
   static bool parse(const std::string& bytes, std::vector<std::string>* top = nullptr) {
     IOBuffer io;
@@ -57,12 +54,10 @@ class ForeignFiles : public ::testing::Test {
     for (IBox* c = root->Child(); c && top; c = c->Next()) top->push_back(c->FCCString());
     return ok;
   }
-
   const std::string& file(size_t i) {
     if (files_[i].empty()) ADD_FAILURE() << "ffmpeg could not make " << kSamples[i].name;
     return files_[i];
   }
-
   static std::string dir_;
   static std::vector<std::string> files_;
 };
@@ -80,7 +75,6 @@ TEST_F(ForeignFiles, ParseWholeAndPrintWithInfo) {
     ASSERT_FALSE(top.empty());
     EXPECT_EQ(top.front(), "ftyp");
     EXPECT_NE(std::find(top.begin(), top.end(), "moov"), top.end());
-
     ToolResult text = RunTool("info " + dir_ + "/" + kSamples[i].name);
     EXPECT_EQ(text.status, 0) << text.err;
     EXPECT_EQ(text.out.rfind("ftyp  offset=0 size=", 0), 0u) << text.out;
@@ -106,7 +100,6 @@ TEST_F(ForeignFiles, CutAndBitFlippedCopiesNeverCrashNorLeak) {
     const size_t step = bytes.size() / 150 + 1;
     for (size_t cut = 1; cut < bytes.size(); cut += step) parse(bytes.substr(0, cut));
     for (size_t cut = bytes.size() - 64; cut < bytes.size(); ++cut) parse(bytes.substr(0, cut));
-
     // Flips in the headers and tables hurt most: most go to the first kilobyte and the moov end.
     for (int round = 0; round < 300; ++round) {
       std::string copy = bytes;
@@ -121,7 +114,6 @@ TEST_F(ForeignFiles, CutAndBitFlippedCopiesNeverCrashNorLeak) {
     }
   }
   EXPECT_EQ(kiv::object_base::LiveObjects(), objectsBefore) << "every box of a damaged tree is freed";
-
   // The command-line host prints what it could read and says the file is damaged.
   EXPECT_EQ(RunTool("info " + dir_ + "/cut.mp4").status, 1) << "a missing file";
   if (!files_[0].empty()) {

@@ -1,5 +1,4 @@
-// The table-on-file forms: tables written one record at a time into buffers of their own. How they
-// join the output through temporary files is the H.264 track's test.
+// The table-on-file forms, written a record at a time; their temporary files are the H.264 track's test.
 #include <gtest/gtest.h>
 
 #include <memory>

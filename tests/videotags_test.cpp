@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <sstream>
 #include <string>
 
 #include "stream/base/reflect/IClass.h"
@@ -59,7 +58,7 @@ TEST(VideoTags, PropertyListKeepsItsOrderAndTheDuplicate) {
 
 // The defaults and the flavour's values show in the written boxes, which the track tests check; here
 // what no box shows.
-TEST(VideoTags, Mp4FlavourAndTagsSetByNameAndPrinted) {
+TEST(VideoTags, Mp4FlavourAndTagsSetByName) {
   videoTags* t = newProfile();
   ASSERT_NE(t, nullptr);
   auto text = [](const unsigned char* s) { return std::string(reinterpret_cast<const char*>(s)); };
@@ -69,12 +68,6 @@ TEST(VideoTags, Mp4FlavourAndTagsSetByNameAndPrinted) {
   EXPECT_FALSE(t->setString("stbl_order", "300")) << "an unsigned 8-bit tag refuses 300";
   EXPECT_FALSE(t->setString("no_such_tag", "1"));
   EXPECT_TRUE(t->videosampleperchunk == 3u && t->audio_chunk_first == 1 && t->ios_support_box_add);
-  std::ostringstream os;
-  *t >> os;
-  for (const char* label : {"component_manuf: quor", "data_ref_type: alis", "time_scale: 60000",
-                            "video_sample_per_chunk: 3", "audio_chunk_first: 1", "uuid_present: 0", "moov_first: 0"})
-    EXPECT_NE(os.str().find(label), std::string::npos) << label;
-  EXPECT_NE(os.str().find("|0|I|kiv: stream/plugin/mp4/VideoTag/"), std::string::npos);
 
   t->uuid_present = 1;
   t->Mp4Flavour();
