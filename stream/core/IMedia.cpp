@@ -76,7 +76,6 @@ bool textToValue(const char* text, void* value, const std::type_info& type) {
 
 const char* IMedia::KindOf(const char* codec) {
   if (!codec) return "";
-  // Asked for every packet: compare without making a lower-case copy.
   for (const auto& row : kKinds)
     if (::strcasecmp(codec, row.codec) == 0) return row.kind;
   return "";
@@ -121,7 +120,12 @@ IMedia::IMedia(const char* codec, const char* kind) : _kind(kind ? kind : "") { 
 
 IMedia::~IMedia() = default;
 
-const char* IMedia::Kind() const { return _kind.empty() ? KindOf(Codec()) : _kind.c_str(); }
+void IMedia::Name(const char* codec) {
+  object_keywords::Name(codec);
+  _codecKind = KindOf(Codec());
+}
+
+const char* IMedia::Kind() const { return _kind.empty() ? _codecKind : _kind.c_str(); }
 bool IMedia::IsVideo() const { return std::strcmp(Kind(), "video") == 0; }
 bool IMedia::IsAudio() const { return std::strcmp(Kind(), "audio") == 0; }
 bool IMedia::IsText() const { return std::strcmp(Kind(), "text") == 0; }

@@ -33,6 +33,9 @@ class IMedia : public kiv::base::Object, public kiv::base::Reference {
   static const char* KindOf(const char* codec);
 
   const char* Codec() const { return Name(); }
+  // The codec word is the media's name; the kind known for it follows a new one.
+  void Name(const char* codec);
+  using object_keywords::Name;
   // The kind given in the text, else the one known for the codec word.
   const char* Kind() const;
   bool IsVideo() const;
@@ -72,6 +75,7 @@ class IMedia : public kiv::base::Object, public kiv::base::Reference {
  private:
   mutable std::mutex _m;
   std::string _kind;
+  const char* _codecKind = "";  // KindOf(Codec()), asked for every packet
   kiv::base::AttrSet _attrs;
   std::vector<unsigned char> _extra;
 };
