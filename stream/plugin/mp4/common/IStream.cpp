@@ -401,6 +401,40 @@ void IStream::growMdat(long long n) {
     _mdat->Size(static_cast<unsigned>(_mdat->Size() + static_cast<unsigned long long>(n)));
 }
 
+IStream::MediaBoxes IStream::addMediaBoxes(IBox* trak, unsigned char version, bool edts, uint16_t language,
+                                           IBox* mediaHeader, bool dataHandler, const void* dataHandlerName,
+                                           unsigned nameLength, uint32_t dataRefType) {
+  if (edts) {
+    auto* box = new cedts();
+    trak->Add(box);
+    box->Add(new celst(version));
+  }
+  auto* mdia = new cmdia();
+  trak->Add(mdia);
+  auto* mdhd = new cmdhd(version);
+  mdhd->_language = language;
+  mdia->Add(mdhd);
+  auto* hdlr = new chdlr();
+  mdia->Add(hdlr);
+  auto* minf = new cminf();
+  mdia->Add(minf);
+  minf->Add(mediaHeader);
+  if (dataHandler) {
+    auto* dhlr = new chdlr();
+    dhlr->_component_type = FCC("dhlr");
+    dhlr->_component_subtype = dataRefType;
+    dhlr->ComponentName(dataHandlerName, nameLength);
+    minf->Add(dhlr);
+  }
+  auto* dinf = new cdinf();
+  minf->Add(dinf);
+  auto* dref = new cdref();
+  dinf->Add(dref);
+  auto* alis = new calis(dataRefType);
+  dref->Add(alis);
+  return {mdhd, hdlr, minf, alis};
+}
+
 bool IStream::holdInFifo(PacketFifo& fifo, Packet& packet) {
   // A following track whose chunks are short against the leader's gets more packets than the fifo
   // was made for while it waits for the leader: the fifo grows then, so that no frame is lost. Not in

@@ -95,30 +95,14 @@ bool StreamAac::muxConfig(kiv::base::Object* tagsObject) {
   _trak = trak;
   auto* tkhd = new ctkhd(version);
   trak->Add(tkhd);
-  if (tags->audio_has_edts) {
-    auto* edts = new cedts();
-    trak->Add(edts);
-    edts->Add(new celst(version));
-  }
-  auto* mdia = new cmdia();
-  trak->Add(mdia);
-  auto* mdhd = new cmdhd(version);
-  mdhd->_language = tags->audio_track_lang_id;
-  mdia->Add(mdhd);
-  auto* hdlr = new chdlr();
-  mdia->Add(hdlr);
-  auto* minf = new cminf();
-  mdia->Add(minf);
-  minf->Add(new csmhd());
-  if (tags->audio_handler_minf_present) {
-    auto* dhlr = new chdlr();
-    dhlr->_component_type = FCC("dhlr");
-    dhlr->_component_subtype = tags->datareftype;
-    dhlr->ComponentName(tags->audhandlerrefcomname, tags->audhandlerrefcomnamelen);
-    minf->Add(dhlr);
-  }
-  auto* dinf = new cdinf();
-  minf->Add(dinf);
+  const MediaBoxes media =
+      addMediaBoxes(trak, version, tags->audio_has_edts, tags->audio_track_lang_id, new csmhd(),
+                    tags->audio_handler_minf_present, tags->audhandlerrefcomname, tags->audhandlerrefcomnamelen,
+                    tags->datareftype);
+  cmdhd* mdhd = media.mdhd;
+  chdlr* hdlr = media.hdlr;
+  cminf* minf = media.minf;
+  calis* alis = media.alis;
 
   // Printed ahead of the computation, so it shows the reservation the track had before.
   if (Debug()) LOGL << "Audio rsvdSize: " << _rsvdSize;
@@ -127,10 +111,6 @@ bool StreamAac::muxConfig(kiv::base::Object* tagsObject) {
 
   auto* stbl = new cstbl(_rsvdSize);
   minf->Add(stbl);
-  auto* dref = new cdref();
-  dinf->Add(dref);
-  auto* alis = new calis(tags->datareftype);
-  dref->Add(alis);
   auto* stsd = new cstsd();
   stbl->Add(stsd);
 

@@ -95,31 +95,15 @@ bool StreamH264::muxConfig(kiv::base::Object* tagsObject) {
     aperture[2] = new cenof();
     for (caperture* a : aperture) tapt->Add(a);
   }
-  if (tags->video_has_edts) {
-    auto* edts = new cedts();
-    trak->Add(edts);
-    edts->Add(new celst(version));
-  }
-  auto* mdia = new cmdia();
-  trak->Add(mdia);
-  auto* mdhd = new cmdhd(version);
-  mdhd->_language = tags->video_track_lang_id;
-  mdia->Add(mdhd);
-  auto* hdlr = new chdlr();
-  mdia->Add(hdlr);
-  auto* minf = new cminf();
-  mdia->Add(minf);
   auto* vmhd = new cvmhd();
-  minf->Add(vmhd);
-  if (tags->video_handler_minf_present) {
-    auto* dhlr = new chdlr();
-    dhlr->_component_type = FCC("dhlr");
-    dhlr->_component_subtype = tags->datareftype;
-    dhlr->ComponentName(tags->vidhandlerrefcomname, tags->vidhandlerrefcomnamelen);
-    minf->Add(dhlr);
-  }
-  auto* dinf = new cdinf();
-  minf->Add(dinf);
+  const MediaBoxes media =
+      addMediaBoxes(trak, version, tags->video_has_edts, tags->video_track_lang_id, vmhd,
+                    tags->video_handler_minf_present, tags->vidhandlerrefcomname, tags->vidhandlerrefcomnamelen,
+                    tags->datareftype);
+  cmdhd* mdhd = media.mdhd;
+  chdlr* hdlr = media.hdlr;
+  cminf* minf = media.minf;
+  calis* alis = media.alis;
 
   const long long num = _frameRate.Num();
   const long long den = _frameRate.Den();
@@ -128,10 +112,6 @@ bool StreamH264::muxConfig(kiv::base::Object* tagsObject) {
 
   auto* stbl = new cstbl(_rsvdSize);
   minf->Add(stbl);
-  auto* dref = new cdref();
-  dinf->Add(dref);
-  auto* alis = new calis(tags->datareftype);
-  dref->Add(alis);
   auto* stsd = new cstsd();
   stbl->Add(stsd);
 
