@@ -119,10 +119,7 @@ cstts_file::cstts_file(IO& io) : TStblFile(io) {}
 cxstts_file::cxstts_file(IO& io) : cstts_file(io) { _unitRun = true; }
 
 void cstts_file::begin() {
-  _first = false;
-  _num = 0;
-  IStbl::fill(*_io);
-  _countPos = _io->Position() - 4;
+  writeHeader();
   _last = 0;
   _run = 0;
 }
@@ -163,10 +160,7 @@ void cstts_file::fillFinal(IO&) {
 cctts_file::cctts_file(IO& io) : TStblFile(io) {}
 
 void cctts_file::begin() {
-  _first = false;
-  _num = 0;
-  IStbl::fill(*_io);
-  _countPos = _io->Position() - 4;
+  writeHeader();
   _acc = 0;
   _seen = 0;
 }
@@ -197,10 +191,7 @@ void cctts_file::fillFinal(IO&) {
 cstsc_file::cstsc_file(IO& io) : TStblFile(io) {}
 
 void cstsc_file::begin() {
-  _first = false;
-  _num = 0;
-  IStbl::fill(*_io);
-  _countPos = _io->Position() - 4;
+  writeHeader();
   _chunk = 1;
   _idx = 0;
   _end = 0;
@@ -268,18 +259,12 @@ cstco_file::cstco_file(IO& io) : TStblFile(io) {}
 cco64_file::cco64_file(IO& io) : TStblFile(io) {}
 
 void cstco_file::begin() {
-  _first = false;
-  _num = 0;
-  IStbl::fill(*_io);
-  _countPos = _io->Position() - 4;
+  writeHeader();
   _real = 0;
 }
 
 void cco64_file::begin() {
-  _first = false;
-  _num = 0;
-  IStbl::fill(*_io);
-  _countPos = _io->Position() - 4;
+  writeHeader();
   _real = 0;
 }
 
@@ -322,10 +307,7 @@ bool cco64_file::fromAttrSet(const AttrSet& ap) { return ShiftOffsets<uint64_t>(
 cstss_file::cstss_file(IO& io) : TStblFile(io) {}
 
 void cstss_file::begin() {
-  _first = false;
-  _num = 0;
-  IStbl::fill(*_io);
-  _countPos = _io->Position() - 4;
+  writeHeader();
   _index = 0;
 }
 

@@ -62,6 +62,14 @@ class TStblFile : public Table, public IStblFile {
 
  protected:
   explicit TStblFile(IO& io) : IStblFile(io) {}
+  // At the first record: the table's header with a count of 0 at the start of the file, and where
+  // that count lies, for the final patch.
+  void writeHeader() {
+    _first = false;
+    this->_num = 0;
+    static_cast<IStbl&>(*this).IStbl::fill(*_io);
+    _countPos = _io->Position() - 4;
+  }
 };
 
 class cstts_file : public TStblFile<cstts> {
