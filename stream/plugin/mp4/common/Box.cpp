@@ -1,7 +1,6 @@
 #include "stream/plugin/mp4/common/Box.h"
 
 #include <algorithm>
-#include <climits>
 #include <cstring>
 #include <sstream>
 #include <string>
@@ -24,15 +23,7 @@ namespace {
 // that is not wholly there reads as zero, and so does everything behind it.
 class FieldReader {
  public:
-  FieldReader(IO& io, const IBox& box) : _io(io), _r(io) {
-    _end = io.Size();
-    const unsigned long long real = box.RealSize();
-    long long end = 0;
-    // A size of 0 runs to the end of the stream.
-    if (real != 0 && real <= static_cast<unsigned long long>(LLONG_MAX) &&
-        !__builtin_add_overflow(box.Offset(), static_cast<long long>(real), &end) && end < _end)
-      _end = end;
-  }
+  FieldReader(IO& io, const IBox& box) : _io(io), _r(io), _end(box.ReadEnd(io)) {}
 
   long long Left() {
     if (_short) return 0;
@@ -85,12 +76,7 @@ class FieldReader {
 
 // Moves behind a box whose body is not read, but never beyond the end of the stream.
 bool SkipBody(IO& io, const IBox& box) {
-  long long end = io.Size();
-  const unsigned long long real = box.RealSize();
-  long long boxEnd = 0;
-  if (real != 0 && real <= static_cast<unsigned long long>(LLONG_MAX) &&
-      !__builtin_add_overflow(box.Offset(), static_cast<long long>(real), &boxEnd) && boxEnd < end)
-    end = boxEnd;
+  const long long end = box.ReadEnd(io);
   if (io.Position() >= end) return true;
   return io.Seek(end, kiv::Position::front);
 }

@@ -39,6 +39,13 @@ bool IBox::EndOf(long long offset, unsigned long long size, long long& end) {
   return !__builtin_add_overflow(offset, static_cast<long long>(size), &end);
 }
 
+long long IBox::ReadEnd(IO& io) const {
+  const long long streamEnd = io.Size();
+  const unsigned long long real = RealSize();
+  long long end = 0;
+  return real != 0 && EndOf(Offset(), real, end) && end < streamEnd ? end : streamEnd;
+}
+
 void IBox::init(unsigned long long code, unsigned size) {
   _fourcc = code;
   _size = size;

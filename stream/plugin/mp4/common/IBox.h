@@ -83,6 +83,9 @@ class IBox : public kiv::base::object {
   unsigned long long ExtendedSize() const { return _extended_size; }
   void ExtendedSize(unsigned long long size) { _extended_size = size; }
   unsigned long long RealSize() const { return _size == 1 ? _extended_size : _size; }
+  // Where reading this box's fields must stop: its end, or the end of the stream when that comes first,
+  // when the size is 0 (the box runs to the end) or when the end is no file position.
+  long long ReadEnd(IO& io) const;
   void RealSize(unsigned long long size);
   unsigned PayloadOffset() const { return _size == 1 ? 16u : 8u; }
   long long PayloadPostion() const { return Offset() + PayloadOffset(); }

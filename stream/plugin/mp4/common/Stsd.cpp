@@ -70,15 +70,7 @@ size_t fitLength(BoxReadView& in, size_t n, const char* what) {
 
 // ---- BoxReadView
 
-BoxReadView::BoxReadView(IO& io, const IBox& box) : _io(io), _box(box) {
-  _end = io.Size();
-  const unsigned long long real = box.RealSize();
-  long long end = 0;
-  // A size of 0 runs to the end of the stream.
-  if (real != 0 && real <= static_cast<unsigned long long>(LLONG_MAX) &&
-      !__builtin_add_overflow(box.Offset(), static_cast<long long>(real), &end) && end < _end)
-    _end = end;
-}
+BoxReadView::BoxReadView(IO& io, const IBox& box) : _io(io), _box(box), _end(box.ReadEnd(io)) {}
 
 BoxReadView::~BoxReadView() {
   if (_missing > 0) LOGE << _box.Name() << ": " << _missing << " bytes missing behind the box's end";
