@@ -2,5 +2,6 @@
 # The main job on the built-in default: build, then record the bundled sample as .mov and .mp4.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/build.sh build -DBOXWEAVE_TESTS=OFF
+scripts/build.sh build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBOXWEAVE_TESTS=OFF -DBOXWEAVE_TOOLS=ON \
+  -DBOXWEAVE_SANITIZE=OFF -DBOXWEAVE_BENCH=OFF -DBOXWEAVE_FUZZ=OFF
 ./build/boxweave demo build/demo

@@ -4,23 +4,19 @@
 
 #include "tests/ToolRun.h"
 
-TEST(Cli, HelpVersionUsageErrorsAndThePluginDirectory) {
+TEST(Cli, HelpVersionAndUsageErrors) {
   ToolResult help = RunTool("--help");
   EXPECT_EQ(help.status, 0);
   for (const char* verb : {"inspect", "info"}) EXPECT_NE(help.out.find(verb), std::string::npos) << verb;
   ToolResult version = RunTool("--version");
   EXPECT_EQ(version.status, 0);
   EXPECT_NE(version.out.find("boxweave@version:2.0.2.*.8ed0fe8"), std::string::npos) << version.out;
-  for (const char* bad : {"", "frobnicate", "--frobnicate inspect", "--log-level X inspect", "--plugin-dir",
+  for (const char* bad : {"", "frobnicate", "--frobnicate inspect", "--log-level X inspect", "--log-level",
                           "info", "info --bogus x", "inspect a b"}) {
     ToolResult r = RunTool(bad);
     EXPECT_EQ(r.status, 2) << bad;
     EXPECT_NE(r.err.find("boxweave: "), std::string::npos) << bad;
   }
-  ToolResult missing = RunTool("--plugin-dir /nonexistent inspect");
-  EXPECT_EQ(missing.status, 1);
-  EXPECT_NE(missing.err.find("cannot load the plug-in"), std::string::npos);
-  EXPECT_EQ(RunTool(std::string("--plugin-dir ") + BOXWEAVE_BUILD_DIR + " inspect").status, 0);
 }
 
 TEST(Cli, InspectListsAndFindsClassesByKeyword) {

@@ -256,12 +256,11 @@ int RunRecord(const std::vector<std::string>& args) {
     if (!tags->setString(t.first.c_str(), t.second.c_str()))
       return UsageError("record: tag " + t.first + " does not take '" + t.second + "'");
   }
-  // Engine parameters that are no element properties: spill lists and tables on file.
+  // Storage modes are no element properties: the engine's own seam sets them.
   if (o.spill || o.tableFiles) {
     auto* engine = dynamic_cast<kiv::plugin::mov::IMovMuxer*>(mux.get());
-    if (!engine) return failed("the muxer has no engine parameters");
-    if (o.spill) engine->_para.rsvdSeconds = 0;
-    if (o.tableFiles) engine->_concate = true;
+    if (!engine) return failed("the muxer has no engine to take --spill or --table-files");
+    engine->StorageModes(o.spill, o.tableFiles);
   }
 
   for (auto& in : inputs) {

@@ -1,5 +1,7 @@
-// boxweave: a host application of the libboxweave plug-in. It loads the plug-in the way a stream
-// framework does, and records, plays and inspects movie files through the classes it registers.
+// boxweave: a host application of the libboxweave plug-in. The plug-in is linked, so that one copy of
+// its classes serves both the registry and the box trees "info" reads; its static initialiser hands
+// the registration to the host at load, and the host runs it before the first verb, the way a stream
+// framework does after loading a module.
 #include <limits.h>
 #include <unistd.h>
 
@@ -35,15 +37,13 @@ void printHelp() {
   std::printf(
       "Usage: boxweave [OPTIONS] VERB [ARGS...]\n"
       "\n"
-      "Records and plays QuickTime, MP4 and fragmented MP4 files through the libboxweave plug-in,\n"
-      "which is loaded at start from the program's own directory (or --plugin-dir).\n"
+      "Records and inspects QuickTime and MP4 files through the libboxweave plug-in.\n"
       "\n"
       "Verbs:\n");
   for (const Verb& v : Verbs()) std::printf("  %-10s %s\n", v.name, v.synopsis);
   std::printf(
       "\n"
       "Options:\n"
-      "  --plugin-dir DIR  load libboxweave.so from DIR\n"
       "  --log-level L     show log lines up to level E, N, I (default N) or L (all, with traces)\n"
       "  -h, --help        show this help\n"
       "  --version         print the plug-in's version banner and the host's version\n"
@@ -80,7 +80,6 @@ int UsageError(const std::string& message) {
 
 int main(int argc, char** argv) {
   using namespace boxweave;
-  std::string pluginDir = OwnDirectory();
   bool version = false;
   kiv::dbg::SetLevel(kiv::dbg::N);
   int i = 1;
@@ -91,17 +90,13 @@ int main(int argc, char** argv) {
       return kOk;
     } else if (a == "--version") {
       version = true;
-    } else if (a == "--plugin-dir" || a == "--log-level") {
+    } else if (a == "--log-level") {
       if (i + 1 >= argc) return UsageError("option " + a + " needs a value");
       const std::string v = argv[++i];
-      if (a == "--plugin-dir") {
-        pluginDir = v;
-      } else {
-        const int level = levelOf(v);
-        if (level < 0) return UsageError("unknown log level '" + v + "' (use E, N, I or L)");
-        kiv::dbg::SetLevel(level);
-        kiv::base::SetDebugDefault(level >= kiv::dbg::L);
-      }
+      const int level = levelOf(v);
+      if (level < 0) return UsageError("unknown log level '" + v + "' (use E, N, I or L)");
+      kiv::dbg::SetLevel(level);
+      kiv::base::SetDebugDefault(level >= kiv::dbg::L);
     } else if (!a.empty() && a[0] == '-') {
       return UsageError("unknown option '" + a + "'");
     } else {
@@ -117,13 +112,7 @@ int main(int argc, char** argv) {
     if (!verb) return UsageError(std::string("unknown verb '") + argv[i] + "'");
   }
 
-  kiv::ReflectRun();  // the host's own classes
-  const std::string plugin = pluginDir + "/libboxweave.so";
-  std::string error;
-  if (!kiv::LoadModule(plugin.c_str(), error)) {
-    std::fprintf(stderr, "boxweave: cannot load the plug-in %s: %s\n", plugin.c_str(), error.c_str());
-    return kFailed;
-  }
+  kiv::ReflectRun();  // the host's own classes and the plug-in's, in the order they were handed over
 
   if (version) {
     for (const auto& e : kiv::ReflectEntries())

@@ -52,6 +52,11 @@ IMovMuxer::~IMovMuxer() {
   delete _vidtag;
 }
 
+void IMovMuxer::StorageModes(bool spill, bool tablesOnFile) {
+  _para.rsvdSeconds = spill ? 0 : -1;
+  _concate = tablesOnFile;
+}
+
 unsigned long long IMovMuxer::getTimeStamp() {
   time_t now = time(nullptr);
   struct tm local {};

@@ -73,6 +73,12 @@ class IMovMuxer : public IMov {
   // Seconds since 1904-01-01, from the local clock.
   static unsigned long long getTimeStamp();
 
+  // The host's one seam for two storage modes that no element property carries (a device sets them
+  // from its own configuration): with spill, each track's sample list spills to a temporary file
+  // when full; with tablesOnFile, each table is written to a file of its own while recording and
+  // copied in at Close. Both are off by default; set them before Open.
+  void StorageModes(bool spill, bool tablesOnFile);
+
   IBox* _ftyp = nullptr;
   IBox* _mdat = nullptr;
   IBox* _moov = nullptr;
