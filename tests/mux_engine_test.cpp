@@ -78,7 +78,7 @@ TEST_F(MuxEngine, MovFileIsFtypThenMdatThenMoovWithTheSizePatched) {
     EXPECT_TRUE(r.push(v ? video : audio, v ? 100 : 30, fill, pts[v], v ? 40 : 20));
     pts[v] += v ? 40 : 20;
   }
-  EXPECT_EQ(r.eng._written_size, 32u + 420u);
+  EXPECT_EQ(r.buffer.Size(), 32 + 420);
   EXPECT_EQ(r.eng._duration_ms, 120u) << "the running duration follows video";
   ASSERT_TRUE(r.track(0) && r.track(1));
   EXPECT_EQ(r.track(0)->leaders, (std::vector<unsigned long long>{0, 40, 80}));
@@ -241,9 +241,9 @@ TEST_F(MuxEngine, FailuresLeaveATrackLessAndItsPacketsRefused) {
     ASSERT_TRUE(r.open({nullptr, broken, unknown, audio})) << "the other tracks still make a file";
     ASSERT_EQ(r.eng._streams.size(), 1u);
     EXPECT_EQ(r.eng._streams[0]->Media(), audio);
-    const auto written = r.eng._written_size;
+    const long long written = r.buffer.Size();
     EXPECT_FALSE(r.push(broken, 8, 1, 0, 40) || r.push(video, 8, 1, 0, 40)) << "no track for them";
-    EXPECT_EQ(r.eng._written_size, written);
+    EXPECT_EQ(r.buffer.Size(), written);
     EXPECT_TRUE(r.push(audio, 8, 1, 0, 40));
     AttrSet ap;
     EXPECT_EQ(r.eng.AddStream(nullptr, ap), nullptr);
@@ -276,7 +276,6 @@ TEST_F(MuxEngine, TracksGetTheHostProfileAndAnEmptyOneLeavesMoov) {
         << "audio gets no frame rate";
     EXPECT_TRUE(vt->seenTags == mine && at->seenTags == mine);
     EXPECT_TRUE(vt->Track()->Find("uuid") && !at->Track()->Find("uuid")) << "the spherical box on video only";
-    EXPECT_TRUE(r.eng._has_audio);
     EXPECT_TRUE(r.push(video, 8, 1, 0, 250));
     EXPECT_EQ(vt->addSamplesSeen, 3u);
     mine->pref_volume = 0x40;

@@ -66,7 +66,6 @@ unsigned long long IMovMuxer::getTimeStamp() {
 }
 
 bool IMovMuxer::Open(IO& io, std::vector<IMedia*>& list, AttrSet& ap) {
-  _written_size = 0;
   _create_time = getTimeStamp();
   if (!Config()) {
     LOGE << "!Config()";
@@ -82,7 +81,6 @@ bool IMovMuxer::Open(IO& io, std::vector<IMedia*>& list, AttrSet& ap) {
   }
   _ftyp->Fill(io, true);
   _mdat->Fill(io, true);
-  _written_size += static_cast<unsigned long long>(io.Position());
   return true;
 }
 
@@ -201,7 +199,6 @@ IStream* IMovMuxer::AddStream(IMedia* media, AttrSet& ap) {
     st->SetWithType("frameRate", _frame_rate);
     SetRsvdSize(st, 1);
   } else if (media->IsAudio()) {
-    _has_audio = true;
     SetRsvdSize(st, 0);
   }
 
@@ -234,8 +231,6 @@ bool IMovMuxer::Process(IO& io, Packet& packet) {
     }
   }
   if (!taker) return false;
-
-  _written_size += static_cast<unsigned long long>(packet.Size() > 0 ? packet.Size() : 0);
 
   IStream* running = nullptr;
   const bool audioLeads = _vidtag && _vidtag->audio_chunk_first;

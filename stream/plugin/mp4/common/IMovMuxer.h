@@ -95,8 +95,6 @@ class IMovMuxer : public IMov {
   bool _fragmented = false;  // moof/mdat pairs: updateMoov writes nothing
   unsigned _add_samples = 0;          // given to each track ahead of a packet
   long long _first_pts = 0;           // milliseconds, from the first video packet; 0 until then
-  unsigned long long _written_size = 0;  // bytes of the file so far, as the engine counts them
-  bool _has_audio = false;
   std::mutex _mutex;  // guards Process
   bool thumb = false;  // property: reserve a thumbnail in the file
   IBox* _thumb = nullptr;
