@@ -7,7 +7,6 @@
 #include "stream/base/Helpers.h"
 #include "stream/base/dbg/Log.h"
 #include "stream/plugin/mp4/common/BoxFactory.h"
-#include "stream/plugin/mp4/common/Stbl.h"
 
 namespace kiv {
 namespace plugin {
@@ -76,12 +75,7 @@ IBox* IBox::New(unsigned fcc, unsigned size) {
     LOGE << "!fcc";
     return nullptr;
   }
-  size_t n = 0;
-  const BoxCreator* rows = BoxCreators(n);
-  for (size_t i = 0; i < n; ++i)
-    if (rows[i].fcc == fcc) return rows[i].create(size);
-  LOGE << "unknow box:" << Hex(fcc);
-  return new cfakebox(fcc);
+  return CreateBox(fcc, size);
 }
 
 IBox* IBox::New(const char* fcc, unsigned size) {
