@@ -139,74 +139,14 @@ bool cfmp4::parse(IO& io) {
 }
 
 bool cfmp4::Parse(IO& io, AttrSet& ap, bool recurse) {
-  _parse_ap = &ap;
-  parse(io);
-  _parse_ap = nullptr;
-
-  long long end = 0;
-  if (!EndOf(Offset(), RealSize(), end) || io.Size() < end) {
-    LOGE << "pos1>io.Size()";
-    return false;
-  }
-
-  if (recurse) {
-    IOIntReader r(io);
-    while (io.Position() < end) {
-      const long long pos0 = io.Position();
-      // The header is counted before it is read, so a box that ends exactly at the end stops the walk.
-      const long long left = end - pos0 - 8;
-      const uint32_t size = r.Read32be();
-      if (size == 0) {
-        LOGE << Hex(pos0);
-        LOGE << Name() << ":size==0";
-        break;
-      }
-      if (left < static_cast<long long>(size)) {
-        LOGE << Name() << "," << size << ">" << left << "," << Name();
-        break;
-      }
-      const uint32_t fcc = r.Read32();
-      if (fcc == 0) {
-        LOGE << Name() << ":fcc==0";
-        break;
-      }
-      // The fragments are not walked here: the reader takes them one by one from this place on.
-      if (fcc == FCC("moof")) break;
-      uint64_t extended = 0;
-      if (size == 1) {
-        extended = r.Read64be();
-        if (extended == 0) {
-          LOGE << Name() << " err size.";
-          break;
-        }
-      }
-      IBox* bx = New(fcc);
-      if (!bx) {
-        LOGE << "(Hex(fcc))=" << Hex(fcc);
-        break;
-      }
-      bx->Size(size);
-      bx->ExtendedSize(extended);
-      bx->Offset(pos0);
-      Add(bx);
-      if (!bx->Parse(io, ap, true)) {
-        LOGE << "!bx->Parse(io, ap, recurse)" << "," << bx->Name();
-        return false;
-      }
-    }
-  }
-
-  if (io.Position() == end) return true;
-  const long long size = io.Size();
-  if (size < end) {
-    LOGE << "pos1>io.Size():" << end << ">" << size;
-    end = size;
-  }
-  if (!io.Seek(end, kiv::Position::front)) {
-    LOGE << "!io.Seek(pos1, Position::front)";
-    return false;
-  }
-  return true;
+  ChildWalk walk;
+  walk.stopAtMoof = true;
+  // The header is counted before it is read, so a box that ends exactly at the end stops the walk.
+  walk.headerCounted = true;
+  walk.sizeHint = false;
+  walk.depthLimited = false;
+  walk.spansStream = true;
+  return parseWalk(io, ap, recurse, walk);
 }
 
 // ---- containers
