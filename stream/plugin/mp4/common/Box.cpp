@@ -8,6 +8,7 @@
 
 #include "stream/base/Convert.h"
 #include "stream/base/dbg/Log.h"
+#include "stream/plugin/mp4/common/BoxText.h"
 
 namespace kiv {
 namespace plugin {
@@ -100,23 +101,6 @@ void Patch(IO& io, const IBox& box, unsigned rel, unsigned long long v, bool wid
     w.Write64be(v, at, kiv::Position::front);
   else
     w.Write32be(static_cast<uint32_t>(v), at, kiv::Position::front);
-}
-
-// A four-character code as its characters; bytes that do not print show as '.'.
-std::string FccText(unsigned code) {
-  std::string s(4, '.');
-  for (int i = 0; i < 4; ++i) {
-    const unsigned char c = static_cast<unsigned char>(code >> (8 * i));
-    if (c >= 0x20 && c < 0x7f) s[static_cast<size_t>(i)] = static_cast<char>(c);
-  }
-  return s;
-}
-
-template <class T>
-std::string HexText(T v) {
-  std::ostringstream os;
-  os << Hex(v);
-  return os.str();
 }
 
 std::string Matrix(const unsigned (&m)[9]) {

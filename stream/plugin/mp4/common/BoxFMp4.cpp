@@ -5,6 +5,7 @@
 #include <string>
 
 #include "stream/base/Convert.h"
+#include "stream/plugin/mp4/common/BoxText.h"
 #include "stream/base/dbg/Log.h"
 
 namespace kiv {
@@ -94,12 +95,6 @@ unsigned fitCount(const IBox& box, const char* what, unsigned count, unsigned ea
   if (count <= fit) return count;
   LOGE << box.Name() << ": " << what << "*" << each << ">" << left << ", " << count << " clamped to " << fit;
   return static_cast<unsigned>(fit);
-}
-
-std::string hexText(uint32_t v) {
-  std::ostringstream os;
-  os << Hex(v);
-  return os.str();
 }
 
 // The first few entries of a list and the number of the others.
@@ -226,13 +221,13 @@ bool ctfhd::parse(IO& io) {
 
 void ctfhd::fields(AttrSet& out) const {
   IMoov::fields(out);
-  out.SetOrAdd("flags", hexText(_flags));
+  out.SetOrAdd("flags", HexText(_flags));
   out.SetOrAdd("track_id", _track_id);
   if (_flags & kBaseDataOffset) out.SetOrAdd("base_data_offset", _base_data_offset);
   if (_flags & kSampleDescriptionIndex) out.SetOrAdd("sample_description_index", _sample_description_index);
   if (_flags & kDefaultSampleDuration) out.SetOrAdd("default_sample_duration", _default_sample_duration);
   if (_flags & kDefaultSampleSize) out.SetOrAdd("default_sample_size", _default_sample_size);
-  if (_flags & kDefaultSampleFlags) out.SetOrAdd("default_sample_flags", hexText(_default_sample_flags));
+  if (_flags & kDefaultSampleFlags) out.SetOrAdd("default_sample_flags", HexText(_default_sample_flags));
 }
 
 // ---- tfdt
@@ -337,10 +332,10 @@ bool ctrun::parseFinal() { return true; }
 
 void ctrun::fields(AttrSet& out) const {
   IMoov::fields(out);
-  out.SetOrAdd("flags", hexText(_flags));
+  out.SetOrAdd("flags", HexText(_flags));
   out.SetOrAdd("sample_count", _sample_count);
   if (_flags & kDataOffset) out.SetOrAdd("data_offset", _data_offset);
-  if (_flags & kFirstSampleFlags) out.SetOrAdd("first_sample_flags", hexText(_first_sample_flags));
+  if (_flags & kFirstSampleFlags) out.SetOrAdd("first_sample_flags", HexText(_first_sample_flags));
   if (_items.empty() || trunSampleBytes(_flags) == 0) return;
   // Only the members the box holds, joined by '/', in file order.
   const unsigned flags = _flags;

@@ -7,6 +7,7 @@
 #include "stream/base/Helpers.h"
 #include "stream/base/dbg/Log.h"
 #include "stream/base/reflect/IClass.h"
+#include "stream/plugin/mp4/common/BoxText.h"
 #include "stream/plugin/mp4/common/Stsd.h"
 
 namespace kiv {
@@ -113,15 +114,6 @@ T* ChildOf(const IBox& box, unsigned fcc) {
     if (c->FourCC() == fcc)
       if (T* t = dynamic_cast<T*>(c)) return t;
   return nullptr;
-}
-
-std::string FccText(unsigned long long code) {
-  std::string s;
-  for (int i = 0; i < 8 && (code >> (8 * i)); ++i) {
-    const char c = static_cast<char>((code >> (8 * i)) & 0xff);
-    s += (c >= 0x20 && c < 0x7f) ? c : '.';
-  }
-  return s;
 }
 
 // The first entries of a table as text, for dumps; a long table ends in "...".
@@ -349,7 +341,7 @@ bool cstbl::toAttrSet(AttrSet& ap) const {
 
 void cstbl::fields(AttrSet& out) const {
   IBox::fields(out);
-  if (_codec_fcc) out.SetOrAdd("codec", FccText(_codec_fcc));
+  if (_codec_fcc) out.SetOrAdd("codec", FccText(static_cast<uint32_t>(_codec_fcc)));
   out.SetOrAdd("chunks", _chunk_cnt);
   out.SetOrAdd("frames", _frame_cnt);
   if (_frame_with_chunk) out.SetOrAdd("frame_with_chunk", true);

@@ -7,6 +7,7 @@
 
 #include "stream/base/Convert.h"
 #include "stream/base/dbg/Log.h"
+#include "stream/plugin/mp4/common/BoxText.h"
 
 namespace kiv {
 namespace plugin {
@@ -16,30 +17,6 @@ using kiv::base::IOIntReader;
 using kiv::base::IOIntWriter;
 
 namespace {
-
-// A raw four-character code as text; bytes that do not print become '.'.
-std::string fccText(uint32_t raw) {
-  std::string s(4, '.');
-  for (int i = 0; i < 4; ++i) {
-    const unsigned char c = static_cast<unsigned char>(raw >> (8 * i));
-    if (c >= 0x20 && c < 0x7f) s[static_cast<size_t>(i)] = static_cast<char>(c);
-  }
-  return s;
-}
-
-// Bytes as hex, shortened to the first 16 for long runs.
-std::string hexBytes(const unsigned char* p, size_t n) {
-  static const char kDigits[] = "0123456789abcdef";
-  std::string s;
-  if (!p) return s;
-  const size_t shown = std::min<size_t>(n, 16);
-  for (size_t i = 0; i < shown; ++i) {
-    s += kDigits[p[i] >> 4];
-    s += kDigits[p[i] & 15];
-  }
-  if (shown < n) s += "...";
-  return s;
-}
 
 // Writes n bytes of a parameter set; a set with a size but no bytes is written as zeros, so that the
 // box still has the length it announces.
@@ -156,7 +133,7 @@ bool c_msi::parse(IO& io) {
 void c_msi::fields(AttrSet& out) const {
   out.SetOrAdd("version", static_cast<unsigned>(_version));
   out.SetOrAdd("revision", static_cast<unsigned>(_revision));
-  out.SetOrAdd("vendor", fccText(_vendor));
+  out.SetOrAdd("vendor", FccText(_vendor));
 }
 
 // ---- cvmsi
@@ -615,9 +592,9 @@ void cavcC::fields(AttrSet& out) const {
   out.SetOrAdd("profile", static_cast<unsigned>(_profile));
   out.SetOrAdd("compatibility", static_cast<unsigned>(_compatibility));
   out.SetOrAdd("level", static_cast<unsigned>(_level));
-  out.SetOrAdd("sps", hexBytes(_sps, _sps_size));
+  out.SetOrAdd("sps", HexBytes(_sps, _sps_size));
   out.SetOrAdd("sps_size", static_cast<unsigned>(_sps_size));
-  out.SetOrAdd("pps", hexBytes(_pps, _pps_size));
+  out.SetOrAdd("pps", HexBytes(_pps, _pps_size));
   out.SetOrAdd("pps_size", static_cast<unsigned>(_pps_size));
   if (gf_avc_is_rext_profile(_profile)) {
     out.SetOrAdd("chroma_format", static_cast<unsigned>(_chroma_format));
@@ -657,7 +634,7 @@ bool ccolr::parse(IO& io) {
 
 void ccolr::fields(AttrSet& out) const {
   IBox::fields(out);
-  out.SetOrAdd("colour_type", fccText(_colour_type));
+  out.SetOrAdd("colour_type", FccText(_colour_type));
   out.SetOrAdd("primaries", static_cast<unsigned>(_primaries));
   out.SetOrAdd("transfer", static_cast<unsigned>(_transfer));
   out.SetOrAdd("matrix", static_cast<unsigned>(_matrix));
@@ -785,7 +762,7 @@ void cesds::fields(AttrSet& out) const {
   out.SetOrAdd("type_indication", static_cast<unsigned>(_type_indication));
   out.SetOrAdd("avg_bitrate", _avg_bitrate);
   out.SetOrAdd("max_bitrate", _max_bitrate);
-  out.SetOrAdd("extra", hexBytes(_extra, _extra_size));
+  out.SetOrAdd("extra", HexBytes(_extra, _extra_size));
   out.SetOrAdd("extra_size", _extra_size);
   if (_has_es_id) {
     out.SetOrAdd("es_id", static_cast<unsigned>(_es_id));
@@ -815,7 +792,7 @@ bool cfrma::parse(IO& io) {
 
 void cfrma::fields(AttrSet& out) const {
   IBox::fields(out);
-  out.SetOrAdd("format", fccText(_format));
+  out.SetOrAdd("format", FccText(_format));
 }
 
 cmp4asub::cmp4asub() : IBox("mp4a", 0) { _statistics_size = 12; }
