@@ -5,6 +5,7 @@
 #include <string>
 
 #include "stream/base/dbg/Log.h"
+#include "stream/plugin/mp4/common/BoxReader.h"
 #include "stream/plugin/mp4/common/BoxText.h"
 #include "stream/plugin/mp4/common/Stsd.h"
 
@@ -300,7 +301,7 @@ void chvcC::fill(IO& io) {
   }
 }
 
-void chvcC::parseArray(BoxReadView& in, const char* what, size_t& used, const unsigned char*& set,
+void chvcC::parseArray(BoxReader& in, const char* what, size_t& used, const unsigned char*& set,
                        uint16_t& size, uint16_t& count) {
   IOIntReader r(in);
   if (used + sizeof kStartCode > kNalBufSize) {
@@ -325,7 +326,7 @@ void chvcC::parseArray(BoxReadView& in, const char* what, size_t& used, const un
     }
     if (n > kNalBufSize - used) {
       LOGE << what << " of " << n << " bytes bigger than hvcC buffer";
-      in.Skip(static_cast<long long>(n));
+      in.SkipUpTo(static_cast<long long>(n));
       return;
     }
     in.Bytes(_nal_buf + used, n);
@@ -336,7 +337,7 @@ void chvcC::parseArray(BoxReadView& in, const char* what, size_t& used, const un
 }
 
 bool chvcC::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   IOIntReader r(in);
   _configuration_version = r.Read8();
   in.Bytes(_profile_tier_level, sizeof _profile_tier_level);

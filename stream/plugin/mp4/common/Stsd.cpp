@@ -7,6 +7,7 @@
 
 #include "stream/base/Convert.h"
 #include "stream/base/dbg/Log.h"
+#include "stream/plugin/mp4/common/BoxReader.h"
 #include "stream/plugin/mp4/common/BoxText.h"
 
 namespace kiv {
@@ -36,7 +37,7 @@ void writeSet(IO& io, const unsigned char* p, size_t n, const char* what) {
 }
 
 // A length read from the file, cut to the bytes the box still has.
-size_t fitLength(BoxReadView& in, size_t n, const char* what) {
+size_t fitLength(BoxReader& in, size_t n, const char* what) {
   const long long left = in.Left();
   if (static_cast<unsigned long long>(n) <= static_cast<unsigned long long>(left)) return n;
   LOGE << what << " size " << n << ">" << left;
@@ -44,47 +45,6 @@ size_t fitLength(BoxReadView& in, size_t n, const char* what) {
 }
 
 }  // namespace
-
-// ---- BoxReadView
-
-BoxReadView::BoxReadView(IO& io, const IBox& box) : _io(io), _box(box), _end(box.ReadEnd(io)) {}
-
-BoxReadView::~BoxReadView() {
-  if (_missing > 0) LOGE << _box.Name() << ": " << _missing << " bytes missing behind the box's end";
-}
-
-long long BoxReadView::Left() {
-  const long long left = _end - _io.Position();
-  return left > 0 ? left : 0;
-}
-
-bool BoxReadView::Seek(long long offset, kiv::Position whence) {
-  const long long base = whence == kiv::Position::front ? 0 : whence == kiv::Position::current ? Position() : _end;
-  long long to = 0;
-  if (__builtin_add_overflow(base, offset, &to) || to < 0 || to > _end) return false;
-  return _io.Seek(to, kiv::Position::front);
-}
-
-long long BoxReadView::Read(void* data, long long size) {
-  if (size < 0 || !data) return -1;
-  const long long n = std::min(size, Left());
-  _missing += size - n;
-  if (n == 0) return 0;
-  const long long got = _io.Read(data, n);
-  if (got < n) _missing += n - std::max(got, 0LL);
-  return got;
-}
-
-void BoxReadView::Skip(long long n) {
-  const long long step = std::min(n, Left());
-  if (step > 0) _io.Seek(step, kiv::Position::current);
-}
-
-void BoxReadView::Bytes(void* dst, size_t n) {
-  const long long got = Read(dst, static_cast<long long>(n));
-  const size_t have = got > 0 ? static_cast<size_t>(got) : 0;
-  if (have < n) std::memset(static_cast<unsigned char*>(dst) + have, 0, n - have);
-}
 
 // ---- csdsc
 
@@ -98,7 +58,7 @@ void csdsc::fill(IO& io) {
 }
 
 bool csdsc::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   unsigned char reserved[6];
   in.Bytes(reserved, sizeof reserved);
   IOIntReader r(in);
@@ -315,7 +275,7 @@ void cavc1::fill(IO& io) {
   cvmsi::fill(io);
 }
 bool cavc1::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   const bool head = csdsc::parse(in);
   return cvmsi::parse(in) && head;
 }
@@ -330,7 +290,7 @@ void chvc1::fill(IO& io) {
   cvmsi::fill(io);
 }
 bool chvc1::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   const bool head = csdsc::parse(in);
   return cvmsi::parse(in) && head;
 }
@@ -345,7 +305,7 @@ void cjpeg::fill(IO& io) {
   cvmsi::fill(io);
 }
 bool cjpeg::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   const bool head = csdsc::parse(in);
   return cvmsi::parse(in) && head;
 }
@@ -362,7 +322,7 @@ void csowt::fill(IO& io) {
   camsi::fill(io);
 }
 bool csowt::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   const bool head = csdsc::parse(in);
   const bool ok = camsi::parse(in) && head;
   // Raw PCM: a chunk is read as one frame.
@@ -393,7 +353,7 @@ void clpcm::fill(IO& io) {
   camsi::fill(io);
 }
 bool clpcm::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   const bool head = csdsc::parse(in);
   const bool ok = camsi::parse(in) && head;
   if (_parse_ap) _parse_ap->SetOrAdd("frame_with_chunk", true);
@@ -410,7 +370,7 @@ void cmp4a::fill(IO& io) {
   camsi::fill(io);
 }
 bool cmp4a::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   const bool head = csdsc::parse(in);
   return camsi::parse(in) && head;
 }
@@ -444,7 +404,7 @@ void ctext::fill(IO& io) {
 }
 
 bool ctext::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   const bool head = csdsc::parse(in);
   IOIntReader r(in);
   _display_flags = r.Read32be();
@@ -478,7 +438,7 @@ IBox* cstsd::Add(IBox* box) {
 }
 
 bool cstsd::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   IOIntReader r(in);
   _version = r.Read8();
   _flags = r.Read24be();
@@ -533,7 +493,7 @@ void cavcC::fill(IO& io) {
 }
 
 bool cavcC::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   IOIntReader r(in);
   _sps = _pps = nullptr;
   _sps_size = _pps_size = 0;
@@ -620,7 +580,7 @@ void ccolr::fill(IO& io) {
 }
 
 bool ccolr::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   IOIntReader r(in);
   _colour_type = r.Read32();
   _primaries = r.Read16be();
@@ -739,20 +699,20 @@ void cesds::fill(IO& io) {
 }
 
 bool cesds::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   IOIntReader r(in);
   // Only the one-byte-length layout written above is understood.
-  in.Skip(16);
+  in.SkipUpTo(16);
   _avg_bitrate = r.Read32be();
   _max_bitrate = r.Read32be();
-  in.Skip(1);  // tag 5
+  in.SkipUpTo(1);  // tag 5
   size_t n = r.Read8();
   if (n > kExtraSize) n = kExtraSize;
   n = fitLength(in, n, "esds extra");
   in.Bytes(_extra_buf, n);
   _extra_size = static_cast<uint32_t>(n);
   _extra = _extra_buf;
-  in.Skip(3);
+  in.SkipUpTo(3);
   in.SkipRest();
   return !r.Failed();
 }
@@ -783,7 +743,7 @@ void cfrma::fill(IO& io) {
 }
 
 bool cfrma::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   IOIntReader r(in);
   _format = r.Read32();
   in.SkipRest();
@@ -803,7 +763,7 @@ void cmp4asub::fill(IO& io) {
 }
 
 bool cmp4asub::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   IOIntReader r(in);
   _value = r.Read32be();
   in.SkipRest();
@@ -831,7 +791,7 @@ void cchan::fill(IO& io) {
 }
 
 bool cchan::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   IOIntReader r(in);
   _version = r.Read8();
   _flags = r.Read24be();
