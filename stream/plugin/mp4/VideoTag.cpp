@@ -7,6 +7,7 @@
 #include "stream/base/Helpers.h"
 #include "stream/base/dbg/Log.h"
 #include "stream/plugin/mp4/BoxWeave.h"
+#include "stream/plugin/mp4/common/BoxText.h"
 
 namespace kiv {
 namespace plugin {
@@ -25,15 +26,6 @@ const uint8_t kCompressorTable[32] = {12, 'Q', 'u', 'o', 'r', 'e', 'l', ' ', 'A'
 void setText(uint8_t (&storage)[64], const char* text) {
   std::memset(storage, 0, sizeof storage);
   std::strncpy(reinterpret_cast<char*>(storage), text, sizeof storage - 1);
-}
-
-std::string fccText(uint32_t v) {
-  std::string s;
-  for (int i = 0; i < 4; ++i) {
-    const char c = static_cast<char>((v >> (8 * i)) & 0xff);
-    s += (c >= 0x20 && c < 0x7f) ? c : '.';
-  }
-  return s;
 }
 
 }  // namespace
@@ -129,15 +121,15 @@ std::ostream& videoTags::operator>>(std::ostream& os) {
     line(n, s.str());
     s.str(std::string());
   };
-  s << "major_brand: " << fccText(major_brand) << ", minor_version: " << minor_version
+  s << "major_brand: " << FccText(major_brand) << ", minor_version: " << minor_version
     << ", compatible_brands_cnt: " << compatible_brands_cnt << ", compatible_brands:";
-  for (uint32_t i = 0; compatible_brands && i < compatible_brands_cnt; ++i) s << " " << fccText(compatible_brands[i]);
+  for (uint32_t i = 0; compatible_brands && i < compatible_brands_cnt; ++i) s << " " << FccText(compatible_brands[i]);
   flush(__LINE__);
   s << "video_track_lang_id: " << video_track_lang_id << ", audio_track_lang_id: " << audio_track_lang_id
     << ", audio_has_edts: " << audio_has_edts;
   flush(__LINE__);
-  s << "vendor: " << fccText(vendor) << ", component_manuf: " << fccText(manufacturer)
-    << ", data_ref_type: " << fccText(datareftype) << ", tkhd_flags: " << tkhd_flags;
+  s << "vendor: " << FccText(vendor) << ", component_manuf: " << FccText(manufacturer)
+    << ", data_ref_type: " << FccText(datareftype) << ", tkhd_flags: " << tkhd_flags;
   flush(__LINE__);
   s << "stbl_order: " << int(stbl_order) << ", no_udta: " << int(no_udta) << ", no_freebox: " << int(no_freebox)
     << ", moov_first: " << int(moov_first);

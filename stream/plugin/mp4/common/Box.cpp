@@ -8,6 +8,8 @@
 
 #include "stream/base/Convert.h"
 #include "stream/base/dbg/Log.h"
+#include "stream/plugin/mp4/common/BoxReader.h"
+#include "stream/plugin/mp4/common/BoxText.h"
 
 namespace kiv {
 namespace plugin {
@@ -18,68 +20,6 @@ using kiv::base::IOIntReader;
 using kiv::base::IOIntWriter;
 
 namespace {
-
-// Reads the fields of one box without passing the box's end or the end of the stream. A field
-// that is not wholly there reads as zero, and so does everything behind it.
-class FieldReader {
- public:
-  FieldReader(IO& io, const IBox& box) : _io(io), _r(io), _end(box.ReadEnd(io)) {}
-
-  long long Left() {
-    if (_short) return 0;
-    const long long left = _end - _io.Position();
-    return left > 0 ? left : 0;
-  }
-  // Are n more bytes there? A no marks the rest of the box as missing.
-  bool Has(long long n) {
-    if (Left() >= n) return true;
-    _short = true;
-    return false;
-  }
-
-  uint8_t U8() { return Has(1) ? _r.Read8() : 0; }
-  uint16_t U16() { return Has(2) ? _r.Read16be() : 0; }
-  uint32_t U24() { return Has(3) ? _r.Read24be() : 0; }
-  uint32_t U32() { return Has(4) ? _r.Read32be() : 0; }
-  uint64_t U64() { return Has(8) ? _r.Read64be() : 0; }
-  // A four-character code, kept in file order.
-  uint32_t Raw32() { return Has(4) ? _r.Read32() : 0; }
-  // Version 1 fields are 64 bits wide, version 0 fields 32.
-  uint64_t Wide(bool v1) { return v1 ? U64() : U32(); }
-
-  // Up to n bytes into dst; returns how many came.
-  long long Bytes(void* dst, long long n) {
-    const long long want = std::min(n, Left());
-    long long got = want > 0 ? _io.Read(dst, want) : 0;
-    if (got < 0) got = 0;
-    if (got < n) _short = true;
-    return got;
-  }
-  void Skip(long long n) {
-    if (n <= 0) return;
-    if (!Has(n) || !_io.Seek(n, kiv::Position::current)) _short = true;
-  }
-
-  // The result of a parse: false, with one line naming the box, when the payload fell short.
-  bool Finish(const IBox& box) {
-    if (!_short && !_r.Failed()) return true;
-    LOGE << box.FCCString() << ": payload short of its fields at " << _io.Position();
-    return false;
-  }
-
- private:
-  IO& _io;
-  IOIntReader _r;
-  long long _end = 0;
-  bool _short = false;
-};
-
-// Moves behind a box whose body is not read, but never beyond the end of the stream.
-bool SkipBody(IO& io, const IBox& box) {
-  const long long end = box.ReadEnd(io);
-  if (io.Position() >= end) return true;
-  return io.Seek(end, kiv::Position::front);
-}
 
 void WriteWide(IOIntWriter& w, bool v1, unsigned long long v) {
   if (v1)
@@ -100,23 +40,6 @@ void Patch(IO& io, const IBox& box, unsigned rel, unsigned long long v, bool wid
     w.Write64be(v, at, kiv::Position::front);
   else
     w.Write32be(static_cast<uint32_t>(v), at, kiv::Position::front);
-}
-
-// A four-character code as its characters; bytes that do not print show as '.'.
-std::string FccText(unsigned code) {
-  std::string s(4, '.');
-  for (int i = 0; i < 4; ++i) {
-    const unsigned char c = static_cast<unsigned char>(code >> (8 * i));
-    if (c >= 0x20 && c < 0x7f) s[static_cast<size_t>(i)] = static_cast<char>(c);
-  }
-  return s;
-}
-
-template <class T>
-std::string HexText(T v) {
-  std::ostringstream os;
-  os << Hex(v);
-  return os.str();
 }
 
 std::string Matrix(const unsigned (&m)[9]) {
@@ -149,7 +72,7 @@ void cftyp::fill(IO& io) {
 }
 
 bool cftyp::parse(IO& io) {
-  FieldReader r(io, *this);
+  BoxReader r(io, *this);
   _major_brand = r.Raw32();
   _minor_version = r.U32();
   const unsigned long long payload = PayloadSize();
@@ -160,7 +83,7 @@ bool cftyp::parse(IO& io) {
   LOGI << "_compatible_brands_cnt: " << _compatible_brands_cnt;
   _compatible_brands = _brands;
   for (unsigned i = 0; i < 4; ++i) _brands[i] = i < _compatible_brands_cnt ? r.Raw32() : 0;
-  return r.Finish(*this);
+  return r.Finish();
 }
 
 void cftyp::fields(AttrSet& out) const {
@@ -210,7 +133,7 @@ void cmdat::fill(IO& io) {
 bool cmdat::parse(IO& io) {
   _pos = static_cast<unsigned long long>(io.Position());
   // The media is read by the tracks, never here.
-  if (!SkipBody(io, *this)) {
+  if (!BoxReader(io, *this).SkipRest()) {
     LOGE << "!io.Seek(_pos+size,Position::front)";
     return false;
   }
@@ -250,7 +173,7 @@ void cfree::fill(IO& io) {
   }
 }
 
-bool cfree::parse(IO& io) { return SkipBody(io, *this); }
+bool cfree::parse(IO& io) { return BoxReader(io, *this).SkipRest(); }
 
 void cfree::fields(AttrSet& out) const {
   IBox::fields(out);
@@ -310,7 +233,7 @@ void cudta::fill(IO& io) {
   if (_data && _size) io.Write(_data, _size);
 }
 
-bool cudta::parse(IO& io) { return SkipBody(io, *this); }
+bool cudta::parse(IO& io) { return BoxReader(io, *this).SkipRest(); }
 
 void cudta::fields(AttrSet& out) const {
   IBox::fields(out);
@@ -325,9 +248,9 @@ void cQUOR::fill(IO& io) {
 }
 
 bool cQUOR::parse(IO& io) {
-  FieldReader r(io, *this);
+  BoxReader r(io, *this);
   _quor = r.Raw32();
-  return r.Finish(*this);
+  return r.Finish();
 }
 
 void cQUOR::fields(AttrSet& out) const {
@@ -413,7 +336,7 @@ void cuuid::fill(IO& io) {
   }
 }
 
-bool cuuid::parse(IO& io) { return SkipBody(io, *this); }
+bool cuuid::parse(IO& io) { return BoxReader(io, *this).SkipRest(); }
 
 void cuuid::fields(AttrSet& out) const {
   IBox::fields(out);
@@ -450,7 +373,7 @@ void cmvhd::fill(IO& io) {
 }
 
 bool cmvhd::parse(IO& io) {
-  FieldReader r(io, *this);
+  BoxReader r(io, *this);
   if (r.Has(4)) IMoov::parse(io);
   const bool v1 = _version == 1;
   _createtime = r.Wide(v1);
@@ -468,7 +391,7 @@ bool cmvhd::parse(IO& io) {
   _selection_duration = r.U32();
   _current_time = r.U32();
   _next_track_id = r.U32();
-  return r.Finish(*this);
+  return r.Finish();
 }
 
 bool cmvhd::fromAttrSet(const AttrSet& ap) {
@@ -537,7 +460,7 @@ void ctkhd::fill(IO& io) {
 }
 
 bool ctkhd::parse(IO& io) {
-  FieldReader r(io, *this);
+  BoxReader r(io, *this);
   if (r.Has(4)) IMoov::parse(io);
   const bool v1 = _version == 1;
   _createtime = r.Wide(v1);
@@ -555,7 +478,7 @@ bool ctkhd::parse(IO& io) {
   r.Skip(2);
   _height = r.U16();
   r.Skip(2);
-  return r.Finish(*this);
+  return r.Finish();
 }
 
 bool ctkhd::fromAttrSet(const AttrSet& ap) {
@@ -604,7 +527,7 @@ void cmdhd::fill(IO& io) {
 }
 
 bool cmdhd::parse(IO& io) {
-  FieldReader r(io, *this);
+  BoxReader r(io, *this);
   if (r.Has(4)) IMoov::parse(io);
   const bool v1 = _version == 1;
   _createtime = r.Wide(v1);
@@ -613,7 +536,7 @@ bool cmdhd::parse(IO& io) {
   _duration = r.Wide(v1);
   _language = r.U16();
   _quality = r.U16();
-  return r.Finish(*this);
+  return r.Finish();
 }
 
 bool cmdhd::fromAttrSet(const AttrSet& ap) {
@@ -687,7 +610,7 @@ void celst::fill(IO& io) {
 }
 
 bool celst::parse(IO& io) {
-  FieldReader r(io, *this);
+  BoxReader r(io, *this);
   if (r.Has(4)) IMoov::parse(io);
   const bool v1 = _version == 1;
   unsigned num = r.U32();
@@ -708,7 +631,7 @@ bool celst::parse(IO& io) {
     _items.push_back(it);
   }
   _num = num;
-  return r.Finish(*this);
+  return r.Finish();
 }
 
 void celst::Duration(unsigned long long duration, IO* io) {
@@ -746,7 +669,7 @@ void ctapt::fill(IO& io) {
 bool ctapt::parse(IO& io) {
   // The aperture boxes are not read back: the box is passed over whole.
   _pos = static_cast<unsigned long long>(io.Position());
-  return SkipBody(io, *this);
+  return BoxReader(io, *this).SkipRest();
 }
 
 void ctapt::fields(AttrSet& out) const {
@@ -764,13 +687,13 @@ void caperture::fill(IO& io) {
 }
 
 bool caperture::parse(IO& io) {
-  FieldReader r(io, *this);
+  BoxReader r(io, *this);
   if (r.Has(4)) IMoov::parse(io);
   _width = r.U16();
   r.Skip(2);
   _height = r.U16();
   r.Skip(2);
-  return r.Finish(*this);
+  return r.Finish();
 }
 
 void caperture::fields(AttrSet& out) const {
@@ -790,10 +713,10 @@ void cmehd::fill(IO& io) {
 }
 
 bool cmehd::parse(IO& io) {
-  FieldReader r(io, *this);
+  BoxReader r(io, *this);
   if (r.Has(4)) IMoov::parse(io);
   _duration = r.Wide(_version == 1);
-  return r.Finish(*this);
+  return r.Finish();
 }
 
 void cmehd::Duration(unsigned long long duration, IO* io) {
@@ -819,14 +742,14 @@ void ctrex::fill(IO& io) {
 }
 
 bool ctrex::parse(IO& io) {
-  FieldReader r(io, *this);
+  BoxReader r(io, *this);
   if (r.Has(4)) IMoov::parse(io);
   _track_id = r.U32();
   _default_sample_description_index = r.U32();
   _default_sample_duration = r.U32();
   _default_sample_size = r.U32();
   _default_sample_flags = r.U32();
-  return r.Finish(*this);
+  return r.Finish();
 }
 
 void ctrex::fields(AttrSet& out) const {
@@ -869,7 +792,7 @@ void chdlr::fill(IO& io) {
 }
 
 bool chdlr::parse(IO& io) {
-  FieldReader r(io, *this);
+  BoxReader r(io, *this);
   if (r.Has(4)) IMoov::parse(io);
   _component_type = r.Raw32();
   _component_subtype = r.Raw32();
@@ -890,7 +813,7 @@ bool chdlr::parse(IO& io) {
     _name_len = static_cast<unsigned char>(1 + got);
   }
   r.Skip(room - got);
-  return r.Finish(*this);
+  return r.Finish();
 }
 
 void chdlr::fields(AttrSet& out) const {
@@ -917,13 +840,13 @@ void cvmhd::fill(IO& io) {
 }
 
 bool cvmhd::parse(IO& io) {
-  FieldReader r(io, *this);
+  BoxReader r(io, *this);
   if (r.Has(4)) IMoov::parse(io);
   _graphics_mode = r.U16();
   _opcolor_red = r.U16();
   _opcolor_green = r.U16();
   _opcolor_blue = r.U16();
-  return r.Finish(*this);
+  return r.Finish();
 }
 
 void cvmhd::fields(AttrSet& out) const {
@@ -951,10 +874,10 @@ bool cgmin::parse(IO& io) {
   _balance = 0;
   // A short vmhd part has been reported already, and nothing follows it.
   if (!cvmhd::parse(io)) return false;
-  FieldReader r(io, *this);
+  BoxReader r(io, *this);
   _balance = r.U16();
   r.Skip(2);
-  return r.Finish(*this);
+  return r.Finish();
 }
 
 void cgmin::fields(AttrSet& out) const {
@@ -972,11 +895,11 @@ void csmhd::fill(IO& io) {
 }
 
 bool csmhd::parse(IO& io) {
-  FieldReader r(io, *this);
+  BoxReader r(io, *this);
   if (r.Has(4)) IMoov::parse(io);
   _balance = r.U16();
   r.Skip(2);
-  return r.Finish(*this);
+  return r.Finish();
 }
 
 void csmhd::fields(AttrSet& out) const {
@@ -989,29 +912,29 @@ void csmhd::fields(AttrSet& out) const {
 cdref::cdref() : IMoovList("dref") {}
 
 bool cdref::parse(IO& io) {
-  FieldReader r(io, *this);
+  BoxReader r(io, *this);
   if (r.Has(4)) IMoov::parse(io);
   // The entries are counted as they are added; the file's count is only read past.
   const unsigned count = r.U32();
   if (Debug()) LOGL << "dref count in file " << count;
-  return r.Finish(*this);
+  return r.Finish();
 }
 
 curl_::curl_() : IMoov("url ", 0) {}
 
 bool curl_::parse(IO& io) {
-  FieldReader r(io, *this);
+  BoxReader r(io, *this);
   if (r.Has(4)) IMoov::parse(io);
-  return r.Finish(*this);
+  return r.Finish();
 }
 
 calis::calis() : IMoov("alis", 0) {}
 calis::calis(unsigned int fourcc) : IMoov(fourcc, 0) {}
 
 bool calis::parse(IO& io) {
-  FieldReader r(io, *this);
+  BoxReader r(io, *this);
   if (r.Has(4)) IMoov::parse(io);
-  return r.Finish(*this);
+  return r.Finish();
 }
 
 }  // namespace mov

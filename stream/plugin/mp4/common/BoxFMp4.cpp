@@ -1,11 +1,12 @@
 #include "stream/plugin/mp4/common/BoxFMp4.h"
 
-#include <climits>
 #include <sstream>
 #include <string>
 
 #include "stream/base/Convert.h"
 #include "stream/base/dbg/Log.h"
+#include "stream/plugin/mp4/common/BoxReader.h"
+#include "stream/plugin/mp4/common/BoxText.h"
 
 namespace kiv {
 namespace plugin {
@@ -24,68 +25,14 @@ constexpr unsigned kMaxBareSamples = 1u << 16;
 // Entries shown when a box is printed.
 constexpr size_t kShownEntries = 4;
 
-// Bytes between the stream's position and the end of the box, or of the stream when that comes first.
-long long bytesLeft(const IBox& box, IO& io) {
-  const long long pos = io.Position();
-  long long end = io.Size();
-  const unsigned long long real = box.RealSize();
-  long long boxEnd = 0;
-  if (real <= static_cast<unsigned long long>(LLONG_MAX) &&
-      !__builtin_add_overflow(box.Offset(), static_cast<long long>(real), &boxEnd) && boxEnd < end)
-    end = boxEnd;
-  return end > pos ? end - pos : 0;
-}
-
-// The fields of one full box, never read past its end: a field that is not there reads as 0, and the
-// first one missing is logged. Whatever the fields leave of the box is skipped, so that the bytes are
-// not taken for children.
-class FieldReader {
- public:
-  FieldReader(IMoov& box, IO& io) : _box(box), _io(io), _r(io), _left(bytesLeft(box, io)) {
-    _end = io.Position() + _left;
-  }
-  ~FieldReader() {
-    if (_io.Position() < _end) _io.Seek(_end, kiv::Position::front);
-  }
-  FieldReader(const FieldReader&) = delete;
-  FieldReader& operator=(const FieldReader&) = delete;
-
-  // Version and flags, by the base's parse.
-  bool Head() {
-    if (_left < 4) {
-      LOGE << _box.Name() << ": no room for version and flags";
-      _short = true;
-      return false;
-    }
-    _left -= 4;
-    return _box.IMoov::parse(_io);
-  }
-
-  long long Left() const { return _left; }
-  bool Short() const { return _short; }
-
-  uint32_t U24(const char* what) { return has(3, what) ? _r.Read24be() : 0; }
-  uint32_t U32(const char* what) { return has(4, what) ? _r.Read32be() : 0; }
-  uint64_t U64(const char* what) { return has(8, what) ? _r.Read64be() : 0; }
-
- private:
-  bool has(long long n, const char* what) {
-    if (!_short && _left >= n) {
-      _left -= n;
-      return true;
-    }
-    if (!_short) LOGE << _box.Name() << ": " << what << " missing, " << _left << " bytes left";
-    _short = true;
+// Version and flags, by the base's parse.
+bool head(BoxReader& f, IMoov& box, IO& io) {
+  if (!f.Has(4)) {
+    LOGE << box.Name() << ": no room for version and flags";
     return false;
   }
-
-  IMoov& _box;
-  IO& _io;
-  IOIntReader _r;
-  long long _left;
-  long long _end = 0;
-  bool _short = false;
-};
+  return box.IMoov::parse(io);
+}
 
 // A count of entries of `each` bytes, cut to what `left` bytes hold.
 unsigned fitCount(const IBox& box, const char* what, unsigned count, unsigned each, long long left) {
@@ -94,12 +41,6 @@ unsigned fitCount(const IBox& box, const char* what, unsigned count, unsigned ea
   if (count <= fit) return count;
   LOGE << box.Name() << ": " << what << "*" << each << ">" << left << ", " << count << " clamped to " << fit;
   return static_cast<unsigned>(fit);
-}
-
-std::string hexText(uint32_t v) {
-  std::ostringstream os;
-  os << Hex(v);
-  return os.str();
 }
 
 // The first few entries of a list and the number of the others.
@@ -139,74 +80,14 @@ bool cfmp4::parse(IO& io) {
 }
 
 bool cfmp4::Parse(IO& io, AttrSet& ap, bool recurse) {
-  _parse_ap = &ap;
-  parse(io);
-  _parse_ap = nullptr;
-
-  long long end = 0;
-  if (!EndOf(Offset(), RealSize(), end) || io.Size() < end) {
-    LOGE << "pos1>io.Size()";
-    return false;
-  }
-
-  if (recurse) {
-    IOIntReader r(io);
-    while (io.Position() < end) {
-      const long long pos0 = io.Position();
-      // The header is counted before it is read, so a box that ends exactly at the end stops the walk.
-      const long long left = end - pos0 - 8;
-      const uint32_t size = r.Read32be();
-      if (size == 0) {
-        LOGE << Hex(pos0);
-        LOGE << Name() << ":size==0";
-        break;
-      }
-      if (left < static_cast<long long>(size)) {
-        LOGE << Name() << "," << size << ">" << left << "," << Name();
-        break;
-      }
-      const uint32_t fcc = r.Read32();
-      if (fcc == 0) {
-        LOGE << Name() << ":fcc==0";
-        break;
-      }
-      // The fragments are not walked here: the reader takes them one by one from this place on.
-      if (fcc == FCC("moof")) break;
-      uint64_t extended = 0;
-      if (size == 1) {
-        extended = r.Read64be();
-        if (extended == 0) {
-          LOGE << Name() << " err size.";
-          break;
-        }
-      }
-      IBox* bx = New(fcc);
-      if (!bx) {
-        LOGE << "(Hex(fcc))=" << Hex(fcc);
-        break;
-      }
-      bx->Size(size);
-      bx->ExtendedSize(extended);
-      bx->Offset(pos0);
-      Add(bx);
-      if (!bx->Parse(io, ap, true)) {
-        LOGE << "!bx->Parse(io, ap, recurse)" << "," << bx->Name();
-        return false;
-      }
-    }
-  }
-
-  if (io.Position() == end) return true;
-  const long long size = io.Size();
-  if (size < end) {
-    LOGE << "pos1>io.Size():" << end << ">" << size;
-    end = size;
-  }
-  if (!io.Seek(end, kiv::Position::front)) {
-    LOGE << "!io.Seek(pos1, Position::front)";
-    return false;
-  }
-  return true;
+  ChildWalk walk;
+  walk.stopAtMoof = true;
+  // The header is counted before it is read, so a box that ends exactly at the end stops the walk.
+  walk.headerCounted = true;
+  walk.sizeHint = false;
+  walk.depthLimited = false;
+  walk.spansStream = true;
+  return parseWalk(io, ap, recurse, walk);
 }
 
 // ---- containers
@@ -227,8 +108,8 @@ void cmfhd::fill(IO& io) {
 }
 
 bool cmfhd::parse(IO& io) {
-  FieldReader f(*this, io);
-  if (!f.Head()) return false;
+  BoxReader f(io, *this, BoxReader::Rest::skip);
+  if (!head(f, *this, io)) return false;
   _sequence_number = f.U32("_sequence_number");
   return !f.Short();
 }
@@ -273,8 +154,8 @@ void ctfhd::fill(IO& io) {
 }
 
 bool ctfhd::parse(IO& io) {
-  FieldReader f(*this, io);
-  if (!f.Head()) return false;
+  BoxReader f(io, *this, BoxReader::Rest::skip);
+  if (!head(f, *this, io)) return false;
   _track_id = f.U32("_track_id");
   _base_data_offset = _flags & kBaseDataOffset ? f.U64("_base_data_offset") : 0;
   _sample_description_index = _flags & kSampleDescriptionIndex ? f.U32("_sample_description_index") : 0;
@@ -286,13 +167,13 @@ bool ctfhd::parse(IO& io) {
 
 void ctfhd::fields(AttrSet& out) const {
   IMoov::fields(out);
-  out.SetOrAdd("flags", hexText(_flags));
+  out.SetOrAdd("flags", HexText(_flags));
   out.SetOrAdd("track_id", _track_id);
   if (_flags & kBaseDataOffset) out.SetOrAdd("base_data_offset", _base_data_offset);
   if (_flags & kSampleDescriptionIndex) out.SetOrAdd("sample_description_index", _sample_description_index);
   if (_flags & kDefaultSampleDuration) out.SetOrAdd("default_sample_duration", _default_sample_duration);
   if (_flags & kDefaultSampleSize) out.SetOrAdd("default_sample_size", _default_sample_size);
-  if (_flags & kDefaultSampleFlags) out.SetOrAdd("default_sample_flags", hexText(_default_sample_flags));
+  if (_flags & kDefaultSampleFlags) out.SetOrAdd("default_sample_flags", HexText(_default_sample_flags));
 }
 
 // ---- tfdt
@@ -309,8 +190,8 @@ void ctfdt::fill(IO& io) {
 }
 
 bool ctfdt::parse(IO& io) {
-  FieldReader f(*this, io);
-  if (!f.Head()) return false;
+  BoxReader f(io, *this, BoxReader::Rest::skip);
+  if (!head(f, *this, io)) return false;
   _base_media_decode_time = _version == 1 ? f.U64("_base_media_decode_time") : f.U32("_base_media_decode_time");
   return !f.Short();
 }
@@ -366,8 +247,8 @@ void ctrun::fill(IO& io) {
 bool ctrun::parse(IO& io) {
   _items.clear();
   _sample_count = 0;
-  FieldReader f(*this, io);
-  if (!f.Head()) return false;
+  BoxReader f(io, *this, BoxReader::Rest::skip);
+  if (!head(f, *this, io)) return false;
   unsigned count = f.U32("_sample_count");
   _data_offset = _flags & kDataOffset ? f.U32("_data_offset") : 0;
   _first_sample_flags = _flags & kFirstSampleFlags ? f.U32("_first_sample_flags") : 0;
@@ -397,10 +278,10 @@ bool ctrun::parseFinal() { return true; }
 
 void ctrun::fields(AttrSet& out) const {
   IMoov::fields(out);
-  out.SetOrAdd("flags", hexText(_flags));
+  out.SetOrAdd("flags", HexText(_flags));
   out.SetOrAdd("sample_count", _sample_count);
   if (_flags & kDataOffset) out.SetOrAdd("data_offset", _data_offset);
-  if (_flags & kFirstSampleFlags) out.SetOrAdd("first_sample_flags", hexText(_first_sample_flags));
+  if (_flags & kFirstSampleFlags) out.SetOrAdd("first_sample_flags", HexText(_first_sample_flags));
   if (_items.empty() || trunSampleBytes(_flags) == 0) return;
   // Only the members the box holds, joined by '/', in file order.
   const unsigned flags = _flags;
@@ -455,8 +336,8 @@ bool ctfra::parse(IO& io) {
   _entries.clear();
   _items = nullptr;
   _num = 0;
-  FieldReader f(*this, io);
-  if (!f.Head()) return false;
+  BoxReader f(io, *this, BoxReader::Rest::skip);
+  if (!head(f, *this, io)) return false;
   _track_id = f.U32("_track_id");
   _length_sizes = f.U32("_length_sizes");
   unsigned num = f.U32("_num");
@@ -498,8 +379,8 @@ void cmfro::fill(IO& io) {
 }
 
 bool cmfro::parse(IO& io) {
-  FieldReader f(*this, io);
-  if (!f.Head()) return false;
+  BoxReader f(io, *this, BoxReader::Rest::skip);
+  if (!head(f, *this, io)) return false;
   _size = f.U32("_size");
   return !f.Short();
 }

@@ -1,6 +1,8 @@
-// The rows of IBox::New. A new box class adds its row here; the lookup in IBox.cpp does not change.
+// The rows of IBox::New. A new box class adds its row here.
 #include "stream/plugin/mp4/common/BoxFactory.h"
 
+#include "stream/base/Convert.h"
+#include "stream/base/dbg/Log.h"
 #include "stream/plugin/mp4/common/Box.h"
 #include "stream/plugin/mp4/common/BoxFMp4.h"
 #include "stream/plugin/mp4/common/IBox.h"
@@ -13,6 +15,11 @@ namespace plugin {
 namespace mov {
 
 namespace {
+
+struct BoxCreator {
+  unsigned fcc;
+  IBox* (*create)(unsigned size);  // only "mdat" uses the size
+};
 
 template <class T>
 IBox* make(unsigned /*size*/) {
@@ -94,9 +101,11 @@ constexpr BoxCreator kBoxes[] = {
 
 }  // namespace
 
-const BoxCreator* BoxCreators(size_t& count) {
-  count = sizeof(kBoxes) / sizeof(kBoxes[0]);
-  return kBoxes;
+IBox* CreateBox(unsigned fcc, unsigned size) {
+  for (const BoxCreator& row : kBoxes)
+    if (row.fcc == fcc) return row.create(size);
+  LOGE << "unknow box:" << kiv::base::Hex(fcc);
+  return new cfakebox(fcc);
 }
 
 }  // namespace mov

@@ -1,21 +1,15 @@
 // The one table from four-character code to box class.
 #pragma once
 
-#include <cstddef>
-
 namespace kiv {
 namespace plugin {
 namespace mov {
 
 class IBox;
 
-struct BoxCreator {
-  unsigned fcc;
-  IBox* (*create)(unsigned size);  // only "mdat" uses the size
-};
-
-// Every code the factory knows; count receives the number of rows.
-const BoxCreator* BoxCreators(size_t& count);
+// The box class for a non-zero code. A code without a row gives a cfakebox of that code, so that an
+// unknown box is kept and skipped and never fails a parse. Only "mdat" uses the size.
+IBox* CreateBox(unsigned fcc, unsigned size);
 
 }  // namespace mov
 }  // namespace plugin

@@ -5,6 +5,8 @@
 #include <string>
 
 #include "stream/base/dbg/Log.h"
+#include "stream/plugin/mp4/common/BoxReader.h"
+#include "stream/plugin/mp4/common/BoxText.h"
 #include "stream/plugin/mp4/common/Stsd.h"
 
 namespace kiv {
@@ -115,19 +117,6 @@ void writeArray(IO& io, uint8_t type, const unsigned char* set, uint16_t size) {
   // A size without bytes: keep the announced length.
   LOGE << "!set, type " << static_cast<unsigned>(type) << ", size " << size;
   for (uint16_t i = 0; i < size; ++i) w.Write8(0);
-}
-
-std::string hexBytes(const unsigned char* p, size_t n) {
-  static const char kDigits[] = "0123456789abcdef";
-  std::string s;
-  if (!p) return s;
-  const size_t shown = std::min<size_t>(n, 16);
-  for (size_t i = 0; i < shown; ++i) {
-    s += kDigits[p[i] >> 4];
-    s += kDigits[p[i] & 15];
-  }
-  if (shown < n) s += "...";
-  return s;
 }
 
 }  // namespace
@@ -312,7 +301,7 @@ void chvcC::fill(IO& io) {
   }
 }
 
-void chvcC::parseArray(BoxReadView& in, const char* what, size_t& used, const unsigned char*& set,
+void chvcC::parseArray(BoxReader& in, const char* what, size_t& used, const unsigned char*& set,
                        uint16_t& size, uint16_t& count) {
   IOIntReader r(in);
   if (used + sizeof kStartCode > kNalBufSize) {
@@ -337,7 +326,7 @@ void chvcC::parseArray(BoxReadView& in, const char* what, size_t& used, const un
     }
     if (n > kNalBufSize - used) {
       LOGE << what << " of " << n << " bytes bigger than hvcC buffer";
-      in.Skip(static_cast<long long>(n));
+      in.SkipUpTo(static_cast<long long>(n));
       return;
     }
     in.Bytes(_nal_buf + used, n);
@@ -348,7 +337,7 @@ void chvcC::parseArray(BoxReadView& in, const char* what, size_t& used, const un
 }
 
 bool chvcC::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   IOIntReader r(in);
   _configuration_version = r.Read8();
   in.Bytes(_profile_tier_level, sizeof _profile_tier_level);
@@ -381,7 +370,7 @@ bool chvcC::parse(IO& io) {
 void chvcC::fields(AttrSet& out) const {
   IBox::fields(out);
   out.SetOrAdd("configuration_version", static_cast<unsigned>(_configuration_version));
-  out.SetOrAdd("profile_tier_level", hexBytes(_profile_tier_level, sizeof _profile_tier_level));
+  out.SetOrAdd("profile_tier_level", HexBytes(_profile_tier_level, sizeof _profile_tier_level));
   out.SetOrAdd("chroma_idc", static_cast<unsigned>(_i_chroma_idc));
   out.SetOrAdd("bit_depth_luma_minus8", static_cast<unsigned>(_i_bit_depth_luma_minus8));
   out.SetOrAdd("numTemporalLayer", static_cast<unsigned>(_i_numTemporalLayer));

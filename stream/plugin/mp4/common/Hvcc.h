@@ -11,7 +11,7 @@ namespace kiv {
 namespace plugin {
 namespace mov {
 
-class BoxReadView;
+class BoxReader;
 
 // A reader of bits, most significant first, over [p, p_end).
 struct bs_t {
@@ -83,7 +83,7 @@ class chvcC : public IBox {
 
  private:
   // Reads one parameter-set array of the given type into _nal_buf behind `used`.
-  void parseArray(BoxReadView& in, const char* what, size_t& used, const unsigned char*& set, uint16_t& size,
+  void parseArray(BoxReader& in, const char* what, size_t& used, const unsigned char*& set, uint16_t& size,
                   uint16_t& count);
 };
 

@@ -7,7 +7,6 @@
 #include "stream/base/Helpers.h"
 #include "stream/base/dbg/Log.h"
 #include "stream/plugin/mp4/common/BoxFactory.h"
-#include "stream/plugin/mp4/common/Stbl.h"
 
 namespace kiv {
 namespace plugin {
@@ -23,11 +22,19 @@ namespace {
 constexpr int kMaxDepth = 64;
 thread_local int t_depth = 0;
 
+// Counts one level of nesting while it lives; a walk outside the limit counts nothing.
 struct DepthGuard {
-  DepthGuard() { ++t_depth; }
-  ~DepthGuard() { --t_depth; }
+  explicit DepthGuard(bool counts) : _counts(counts) {
+    if (_counts) ++t_depth;
+  }
+  ~DepthGuard() {
+    if (_counts) --t_depth;
+  }
   DepthGuard(const DepthGuard&) = delete;
   DepthGuard& operator=(const DepthGuard&) = delete;
+
+ private:
+  const bool _counts;
 };
 
 }  // namespace
@@ -76,12 +83,7 @@ IBox* IBox::New(unsigned fcc, unsigned size) {
     LOGE << "!fcc";
     return nullptr;
   }
-  size_t n = 0;
-  const BoxCreator* rows = BoxCreators(n);
-  for (size_t i = 0; i < n; ++i)
-    if (rows[i].fcc == fcc) return rows[i].create(size);
-  LOGE << "unknow box:" << Hex(fcc);
-  return new cfakebox(fcc);
+  return CreateBox(fcc, size);
 }
 
 IBox* IBox::New(const char* fcc, unsigned size) {
@@ -231,7 +233,9 @@ long long IBox::Fill(IO& io, bool recurse) {
 
 bool IBox::parse(IO&) { return true; }
 
-bool IBox::Parse(IO& io, AttrSet& ap, bool recurse) {
+bool IBox::Parse(IO& io, AttrSet& ap, bool recurse) { return parseWalk(io, ap, recurse, ChildWalk()); }
+
+bool IBox::parseWalk(IO& io, AttrSet& ap, bool recurse, const ChildWalk& walk) {
   _parse_ap = &ap;
   parse(io);
   _parse_ap = nullptr;
@@ -241,65 +245,71 @@ bool IBox::Parse(IO& io, AttrSet& ap, bool recurse) {
     LOGE << "pos1>io.Size()";
     return false;
   }
-
-  if (recurse) {
-    DepthGuard depth;
-    if (t_depth > kMaxDepth && io.Position() < pos1) {
-      LOGE << Name() << ":depth>" << kMaxDepth;
-    } else {
-      IOIntReader r(io);
-      while (io.Position() < pos1) {
-        const long long pos0 = io.Position();
-        const long long left = pos1 - pos0;
-        const uint32_t size = r.Read32be();
-        if (size == 0) {
-          LOGE << Hex(pos0);
-          LOGE << Name() << ":size==0";
-          break;
-        }
-        if (left < static_cast<long long>(size)) {
-          LOGE << Name() << "," << size << ">" << left << "," << Name();
-          break;
-        }
-        const uint32_t fcc = r.Read32();
-        if (fcc == 0) {
-          LOGE << Name() << ":fcc==0";
-          break;
-        }
-        uint64_t extended = 0;
-        if (size == 1) {
-          extended = r.Read64be();
-          if (extended == 0) {
-            LOGE << Name() << " err size.";
-            break;
-          }
-        }
-        IBox* bx = New(fcc, size);
-        if (!bx) {
-          LOGE << "(Hex(fcc))=" << Hex(fcc);
-          break;
-        }
-        bx->Size(size);
-        bx->ExtendedSize(extended);
-        bx->Offset(pos0);
-        Add(bx);
-        if (!bx->Parse(io, ap, true)) {
-          LOGE << "!bx->Parse(io, ap, recurse)" << "," << bx->Name();
-          return false;
-        }
-      }
-    }
-  }
+  if (recurse && !walkChildren(io, ap, pos1, walk)) return false;
 
   if (io.Position() == pos1) return true;
   const long long size = io.Size();
   if (size < pos1) {
-    LOGE << Name() << ":" << Offset() << "+" << RealSize() << ">" << size;
+    if (walk.spansStream)
+      LOGE << "pos1>io.Size():" << pos1 << ">" << size;
+    else
+      LOGE << Name() << ":" << Offset() << "+" << RealSize() << ">" << size;
     pos1 = size;
   }
   if (!io.Seek(pos1, kiv::Position::front)) {
     LOGE << "!io.Seek(pos1, Position::front)";
     return false;
+  }
+  return true;
+}
+
+bool IBox::walkChildren(IO& io, AttrSet& ap, long long pos1, const ChildWalk& walk) {
+  DepthGuard depth(walk.depthLimited);
+  if (walk.depthLimited && t_depth > kMaxDepth && io.Position() < pos1) {
+    LOGE << Name() << ":depth>" << kMaxDepth;
+    return true;
+  }
+  IOIntReader r(io);
+  while (io.Position() < pos1) {
+    const long long pos0 = io.Position();
+    const long long left = pos1 - pos0 - (walk.headerCounted ? 8 : 0);
+    const uint32_t size = r.Read32be();
+    if (size == 0) {
+      LOGE << Hex(pos0);
+      LOGE << Name() << ":size==0";
+      break;
+    }
+    if (left < static_cast<long long>(size)) {
+      LOGE << Name() << "," << size << ">" << left << "," << Name();
+      break;
+    }
+    const uint32_t fcc = r.Read32();
+    if (fcc == 0) {
+      LOGE << Name() << ":fcc==0";
+      break;
+    }
+    if (walk.stopAtMoof && fcc == FCC("moof")) break;
+    uint64_t extended = 0;
+    if (size == 1) {
+      extended = r.Read64be();
+      if (extended == 0) {
+        LOGE << Name() << " err size.";
+        break;
+      }
+    }
+    IBox* bx = New(fcc, walk.sizeHint ? size : 0);
+    if (!bx) {
+      LOGE << "(Hex(fcc))=" << Hex(fcc);
+      break;
+    }
+    bx->Size(size);
+    bx->ExtendedSize(extended);
+    bx->Offset(pos0);
+    Add(bx);
+    if (!bx->Parse(io, ap, true)) {
+      LOGE << "!bx->Parse(io, ap, recurse)" << "," << bx->Name();
+      return false;
+    }
   }
   return true;
 }

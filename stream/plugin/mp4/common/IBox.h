@@ -115,11 +115,25 @@ class IBox : public kiv::base::object {
   IBox* _parent = nullptr;
   AttrSet* _parse_ap = nullptr;  // only while parse runs
 
+  // How a box walks its children; the defaults are those of every box but the fragmented file's.
+  struct ChildWalk {
+    bool stopAtMoof = false;     // fragments stay unread: their reader takes them one by one
+    bool headerCounted = false;  // a child's 8 header bytes are taken off what is left before its size is compared
+    bool sizeHint = true;        // the factory is given the child's size
+    bool depthLimited = true;    // the walk counts against the nesting limit
+    bool spansStream = false;    // the box is the whole stream (only changes a log line)
+  };
+  // The read of a box whose header has been read: its own fields, its children by walk, and the
+  // stream left behind its end.
+  bool parseWalk(IO& io, AttrSet& ap, bool recurse, const ChildWalk& walk);
+
   // offset + size as a file position; false when it does not fit in a signed 64-bit position.
   static bool EndOf(long long offset, unsigned long long size, long long& end);
 
  private:
   void init(unsigned long long code, unsigned size);
+  // The children between the present position and end; false when a child fails its parse.
+  bool walkChildren(IO& io, AttrSet& ap, long long end, const ChildWalk& walk);
   IBox* findTree(unsigned long long code);
 
   mutable char _fourcc_text[9] = {};

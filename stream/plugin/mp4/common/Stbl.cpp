@@ -7,6 +7,8 @@
 #include "stream/base/Helpers.h"
 #include "stream/base/dbg/Log.h"
 #include "stream/base/reflect/IClass.h"
+#include "stream/plugin/mp4/common/BoxReader.h"
+#include "stream/plugin/mp4/common/BoxText.h"
 #include "stream/plugin/mp4/common/Stsd.h"
 
 namespace kiv {
@@ -60,7 +62,7 @@ void PatchCount(IO& io, long long countPos, uint32_t num) {
 }
 
 // A count read from the file never asks for more entries than the box's bytes hold.
-uint32_t ClampCount(BoxReadView& in, const IBox& box, uint32_t num, unsigned entryBytes) {
+uint32_t ClampCount(BoxReader& in, const IBox& box, uint32_t num, unsigned entryBytes) {
   const unsigned long long fit = static_cast<unsigned long long>(in.Left()) / entryBytes;
   if (num <= fit) return num;
   LOGE << box.Name() << ": _num " << num << " > " << fit << ", the entries the box holds";
@@ -70,7 +72,7 @@ uint32_t ClampCount(BoxReadView& in, const IBox& box, uint32_t num, unsigned ent
 // Reads n entries of entryBytes each, block by block, handing each entry's bytes to decode. Entries
 // that do not come (a failing stream) are left as they are and reported.
 template <class Decode>
-bool ReadEntries(BoxReadView& in, const IBox& box, unsigned long long n, unsigned entryBytes, Decode decode) {
+bool ReadEntries(BoxReader& in, const IBox& box, unsigned long long n, unsigned entryBytes, Decode decode) {
   unsigned char buf[4080];  // a multiple of 4, 8 and 12
   const unsigned long long perBlock = sizeof buf / entryBytes;
   unsigned long long done = 0;
@@ -92,13 +94,13 @@ bool ReadEntries(BoxReadView& in, const IBox& box, unsigned long long n, unsigne
 // box walk does not take it for boxes.
 class TableEnd {
  public:
-  explicit TableEnd(BoxReadView& in) : _in(in) {}
+  explicit TableEnd(BoxReader& in) : _in(in) {}
   ~TableEnd() { _in.SkipRest(); }
   TableEnd(const TableEnd&) = delete;
   TableEnd& operator=(const TableEnd&) = delete;
 
  private:
-  BoxReadView& _in;
+  BoxReader& _in;
 };
 
 template <class T>
@@ -113,15 +115,6 @@ T* ChildOf(const IBox& box, unsigned fcc) {
     if (c->FourCC() == fcc)
       if (T* t = dynamic_cast<T*>(c)) return t;
   return nullptr;
-}
-
-std::string FccText(unsigned long long code) {
-  std::string s;
-  for (int i = 0; i < 8 && (code >> (8 * i)); ++i) {
-    const char c = static_cast<char>((code >> (8 * i)) & 0xff);
-    s += (c >= 0x20 && c < 0x7f) ? c : '.';
-  }
-  return s;
 }
 
 // The first entries of a table as text, for dumps; a long table ends in "...".
@@ -349,7 +342,7 @@ bool cstbl::toAttrSet(AttrSet& ap) const {
 
 void cstbl::fields(AttrSet& out) const {
   IBox::fields(out);
-  if (_codec_fcc) out.SetOrAdd("codec", FccText(_codec_fcc));
+  if (_codec_fcc) out.SetOrAdd("codec", FccText(static_cast<uint32_t>(_codec_fcc)));
   out.SetOrAdd("chunks", _chunk_cnt);
   out.SetOrAdd("frames", _frame_cnt);
   if (_frame_with_chunk) out.SetOrAdd("frame_with_chunk", true);
@@ -420,7 +413,7 @@ unsigned long long cstts::statisticsSize() const {
 }
 
 bool cstts::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   const bool head = IMoovList::parse(in);
   FreeItems(_items);
   _total_samples = 0;
@@ -512,7 +505,7 @@ unsigned long long cctts::statisticsSize() const {
 }
 
 bool cctts::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   const bool head = IMoovList::parse(in);
   _num = ClampCount(in, *this, _num, 8);
   in.SkipRest();
@@ -568,7 +561,7 @@ unsigned long long cstsc::statisticsSize() const {
 }
 
 bool cstsc::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   const bool head = IMoovList::parse(in);
   FreeItems(_items);
   _num = ClampCount(in, *this, _num, 12);
@@ -680,7 +673,7 @@ unsigned long long cstsz::statisticsSize() const {
 }
 
 bool cstsz::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   const bool head = IMoov::parse(in);
   IOIntReader r(in);
   _size = r.Read32be();
@@ -791,7 +784,7 @@ unsigned long long cstco::statisticsSize() const { return 16 + 4 * ChunkOffsets(
 unsigned long long cco64::statisticsSize() const { return 16 + 8 * ChunkOffsets(ChunkList()); }
 
 bool cstco::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   const bool head = IMoovList::parse(in);
   FreeItems(_items);
   _num = ClampCount(in, *this, _num, 4);
@@ -807,7 +800,7 @@ bool cstco::parse(IO& io) {
 }
 
 bool cco64::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   const bool head = IMoovList::parse(in);
   FreeItems(_items);
   _num = ClampCount(in, *this, _num, 8);
@@ -856,7 +849,7 @@ unsigned long long cstss::statisticsSize() const {
 }
 
 bool cstss::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   const bool head = IMoovList::parse(in);
   FreeItems(_items);
   _num = ClampCount(in, *this, _num, 4);
@@ -906,7 +899,7 @@ unsigned long long csdtp::statisticsSize() const {
 
 // Nothing is read: the dependency flags of a read file do not reach the list.
 bool csdtp::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   in.SkipRest();
   return true;
 }

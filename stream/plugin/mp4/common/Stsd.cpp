@@ -7,6 +7,8 @@
 
 #include "stream/base/Convert.h"
 #include "stream/base/dbg/Log.h"
+#include "stream/plugin/mp4/common/BoxReader.h"
+#include "stream/plugin/mp4/common/BoxText.h"
 
 namespace kiv {
 namespace plugin {
@@ -16,30 +18,6 @@ using kiv::base::IOIntReader;
 using kiv::base::IOIntWriter;
 
 namespace {
-
-// A raw four-character code as text; bytes that do not print become '.'.
-std::string fccText(uint32_t raw) {
-  std::string s(4, '.');
-  for (int i = 0; i < 4; ++i) {
-    const unsigned char c = static_cast<unsigned char>(raw >> (8 * i));
-    if (c >= 0x20 && c < 0x7f) s[static_cast<size_t>(i)] = static_cast<char>(c);
-  }
-  return s;
-}
-
-// Bytes as hex, shortened to the first 16 for long runs.
-std::string hexBytes(const unsigned char* p, size_t n) {
-  static const char kDigits[] = "0123456789abcdef";
-  std::string s;
-  if (!p) return s;
-  const size_t shown = std::min<size_t>(n, 16);
-  for (size_t i = 0; i < shown; ++i) {
-    s += kDigits[p[i] >> 4];
-    s += kDigits[p[i] & 15];
-  }
-  if (shown < n) s += "...";
-  return s;
-}
 
 // Writes n bytes of a parameter set; a set with a size but no bytes is written as zeros, so that the
 // box still has the length it announces.
@@ -59,7 +37,7 @@ void writeSet(IO& io, const unsigned char* p, size_t n, const char* what) {
 }
 
 // A length read from the file, cut to the bytes the box still has.
-size_t fitLength(BoxReadView& in, size_t n, const char* what) {
+size_t fitLength(BoxReader& in, size_t n, const char* what) {
   const long long left = in.Left();
   if (static_cast<unsigned long long>(n) <= static_cast<unsigned long long>(left)) return n;
   LOGE << what << " size " << n << ">" << left;
@@ -67,47 +45,6 @@ size_t fitLength(BoxReadView& in, size_t n, const char* what) {
 }
 
 }  // namespace
-
-// ---- BoxReadView
-
-BoxReadView::BoxReadView(IO& io, const IBox& box) : _io(io), _box(box), _end(box.ReadEnd(io)) {}
-
-BoxReadView::~BoxReadView() {
-  if (_missing > 0) LOGE << _box.Name() << ": " << _missing << " bytes missing behind the box's end";
-}
-
-long long BoxReadView::Left() {
-  const long long left = _end - _io.Position();
-  return left > 0 ? left : 0;
-}
-
-bool BoxReadView::Seek(long long offset, kiv::Position whence) {
-  const long long base = whence == kiv::Position::front ? 0 : whence == kiv::Position::current ? Position() : _end;
-  long long to = 0;
-  if (__builtin_add_overflow(base, offset, &to) || to < 0 || to > _end) return false;
-  return _io.Seek(to, kiv::Position::front);
-}
-
-long long BoxReadView::Read(void* data, long long size) {
-  if (size < 0 || !data) return -1;
-  const long long n = std::min(size, Left());
-  _missing += size - n;
-  if (n == 0) return 0;
-  const long long got = _io.Read(data, n);
-  if (got < n) _missing += n - std::max(got, 0LL);
-  return got;
-}
-
-void BoxReadView::Skip(long long n) {
-  const long long step = std::min(n, Left());
-  if (step > 0) _io.Seek(step, kiv::Position::current);
-}
-
-void BoxReadView::Bytes(void* dst, size_t n) {
-  const long long got = Read(dst, static_cast<long long>(n));
-  const size_t have = got > 0 ? static_cast<size_t>(got) : 0;
-  if (have < n) std::memset(static_cast<unsigned char*>(dst) + have, 0, n - have);
-}
 
 // ---- csdsc
 
@@ -121,7 +58,7 @@ void csdsc::fill(IO& io) {
 }
 
 bool csdsc::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   unsigned char reserved[6];
   in.Bytes(reserved, sizeof reserved);
   IOIntReader r(in);
@@ -156,7 +93,7 @@ bool c_msi::parse(IO& io) {
 void c_msi::fields(AttrSet& out) const {
   out.SetOrAdd("version", static_cast<unsigned>(_version));
   out.SetOrAdd("revision", static_cast<unsigned>(_revision));
-  out.SetOrAdd("vendor", fccText(_vendor));
+  out.SetOrAdd("vendor", FccText(_vendor));
 }
 
 // ---- cvmsi
@@ -338,7 +275,7 @@ void cavc1::fill(IO& io) {
   cvmsi::fill(io);
 }
 bool cavc1::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   const bool head = csdsc::parse(in);
   return cvmsi::parse(in) && head;
 }
@@ -353,7 +290,7 @@ void chvc1::fill(IO& io) {
   cvmsi::fill(io);
 }
 bool chvc1::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   const bool head = csdsc::parse(in);
   return cvmsi::parse(in) && head;
 }
@@ -368,7 +305,7 @@ void cjpeg::fill(IO& io) {
   cvmsi::fill(io);
 }
 bool cjpeg::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   const bool head = csdsc::parse(in);
   return cvmsi::parse(in) && head;
 }
@@ -385,7 +322,7 @@ void csowt::fill(IO& io) {
   camsi::fill(io);
 }
 bool csowt::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   const bool head = csdsc::parse(in);
   const bool ok = camsi::parse(in) && head;
   // Raw PCM: a chunk is read as one frame.
@@ -416,7 +353,7 @@ void clpcm::fill(IO& io) {
   camsi::fill(io);
 }
 bool clpcm::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   const bool head = csdsc::parse(in);
   const bool ok = camsi::parse(in) && head;
   if (_parse_ap) _parse_ap->SetOrAdd("frame_with_chunk", true);
@@ -433,7 +370,7 @@ void cmp4a::fill(IO& io) {
   camsi::fill(io);
 }
 bool cmp4a::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   const bool head = csdsc::parse(in);
   return camsi::parse(in) && head;
 }
@@ -467,7 +404,7 @@ void ctext::fill(IO& io) {
 }
 
 bool ctext::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   const bool head = csdsc::parse(in);
   IOIntReader r(in);
   _display_flags = r.Read32be();
@@ -501,7 +438,7 @@ IBox* cstsd::Add(IBox* box) {
 }
 
 bool cstsd::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   IOIntReader r(in);
   _version = r.Read8();
   _flags = r.Read24be();
@@ -556,7 +493,7 @@ void cavcC::fill(IO& io) {
 }
 
 bool cavcC::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   IOIntReader r(in);
   _sps = _pps = nullptr;
   _sps_size = _pps_size = 0;
@@ -615,9 +552,9 @@ void cavcC::fields(AttrSet& out) const {
   out.SetOrAdd("profile", static_cast<unsigned>(_profile));
   out.SetOrAdd("compatibility", static_cast<unsigned>(_compatibility));
   out.SetOrAdd("level", static_cast<unsigned>(_level));
-  out.SetOrAdd("sps", hexBytes(_sps, _sps_size));
+  out.SetOrAdd("sps", HexBytes(_sps, _sps_size));
   out.SetOrAdd("sps_size", static_cast<unsigned>(_sps_size));
-  out.SetOrAdd("pps", hexBytes(_pps, _pps_size));
+  out.SetOrAdd("pps", HexBytes(_pps, _pps_size));
   out.SetOrAdd("pps_size", static_cast<unsigned>(_pps_size));
   if (gf_avc_is_rext_profile(_profile)) {
     out.SetOrAdd("chroma_format", static_cast<unsigned>(_chroma_format));
@@ -643,7 +580,7 @@ void ccolr::fill(IO& io) {
 }
 
 bool ccolr::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   IOIntReader r(in);
   _colour_type = r.Read32();
   _primaries = r.Read16be();
@@ -657,7 +594,7 @@ bool ccolr::parse(IO& io) {
 
 void ccolr::fields(AttrSet& out) const {
   IBox::fields(out);
-  out.SetOrAdd("colour_type", fccText(_colour_type));
+  out.SetOrAdd("colour_type", FccText(_colour_type));
   out.SetOrAdd("primaries", static_cast<unsigned>(_primaries));
   out.SetOrAdd("transfer", static_cast<unsigned>(_transfer));
   out.SetOrAdd("matrix", static_cast<unsigned>(_matrix));
@@ -762,20 +699,20 @@ void cesds::fill(IO& io) {
 }
 
 bool cesds::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   IOIntReader r(in);
   // Only the one-byte-length layout written above is understood.
-  in.Skip(16);
+  in.SkipUpTo(16);
   _avg_bitrate = r.Read32be();
   _max_bitrate = r.Read32be();
-  in.Skip(1);  // tag 5
+  in.SkipUpTo(1);  // tag 5
   size_t n = r.Read8();
   if (n > kExtraSize) n = kExtraSize;
   n = fitLength(in, n, "esds extra");
   in.Bytes(_extra_buf, n);
   _extra_size = static_cast<uint32_t>(n);
   _extra = _extra_buf;
-  in.Skip(3);
+  in.SkipUpTo(3);
   in.SkipRest();
   return !r.Failed();
 }
@@ -785,7 +722,7 @@ void cesds::fields(AttrSet& out) const {
   out.SetOrAdd("type_indication", static_cast<unsigned>(_type_indication));
   out.SetOrAdd("avg_bitrate", _avg_bitrate);
   out.SetOrAdd("max_bitrate", _max_bitrate);
-  out.SetOrAdd("extra", hexBytes(_extra, _extra_size));
+  out.SetOrAdd("extra", HexBytes(_extra, _extra_size));
   out.SetOrAdd("extra_size", _extra_size);
   if (_has_es_id) {
     out.SetOrAdd("es_id", static_cast<unsigned>(_es_id));
@@ -806,7 +743,7 @@ void cfrma::fill(IO& io) {
 }
 
 bool cfrma::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   IOIntReader r(in);
   _format = r.Read32();
   in.SkipRest();
@@ -815,7 +752,7 @@ bool cfrma::parse(IO& io) {
 
 void cfrma::fields(AttrSet& out) const {
   IBox::fields(out);
-  out.SetOrAdd("format", fccText(_format));
+  out.SetOrAdd("format", FccText(_format));
 }
 
 cmp4asub::cmp4asub() : IBox("mp4a", 0) { _statistics_size = 12; }
@@ -826,7 +763,7 @@ void cmp4asub::fill(IO& io) {
 }
 
 bool cmp4asub::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   IOIntReader r(in);
   _value = r.Read32be();
   in.SkipRest();
@@ -854,7 +791,7 @@ void cchan::fill(IO& io) {
 }
 
 bool cchan::parse(IO& io) {
-  BoxReadView in(io, *this);
+  BoxReader in(io, *this);
   IOIntReader r(in);
   _version = r.Read8();
   _flags = r.Read24be();

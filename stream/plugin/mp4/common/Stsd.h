@@ -14,41 +14,6 @@ namespace kiv {
 namespace plugin {
 namespace mov {
 
-// A read-only view of a stream that ends where a box ends (or where the stream ends, if that comes
-// first). Reads are cut at that end, so a box's parse cannot wander into its neighbours; what a read
-// asked for beyond the end is counted and reported once, when the view goes away.
-class BoxReadView : public kiv::base::IO {
- public:
-  BoxReadView(IO& io, const IBox& box);
-  ~BoxReadView() override;
-  BoxReadView(const BoxReadView&) = delete;
-  BoxReadView& operator=(const BoxReadView&) = delete;
-
-  // Positions are those of the underlying stream; Size() is the box's end.
-  long long Size() override { return _end; }
-  long long Position() override { return _io.Position(); }
-  bool Seek(long long offset, kiv::Position whence) override;
-  long long Read(void* data, long long size) override;
-  long long Write(const void*, long long) override { return -1; }
-
-  // Bytes between the present position and the box's end.
-  long long Left();
-  // Moves on by up to n bytes, never past the end. Skipped bytes are not counted as missing.
-  void Skip(long long n);
-  // Reads n bytes into dst; what is not there reads as zero.
-  void Bytes(void* dst, size_t n);
-  // Places the stream at the box's end. A box without children calls it when done, so that bytes it
-  // did not understand are not taken for child boxes.
-  void SkipRest() { Skip(Left()); }
-  long long Missing() const { return _missing; }
-
- private:
-  IO& _io;
-  const IBox& _box;
-  long long _end = 0;
-  long long _missing = 0;
-};
-
 // Head of every sample entry: six reserved bytes and the data reference index.
 class csdsc : public IBox {
  public:

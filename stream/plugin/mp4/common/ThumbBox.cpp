@@ -9,6 +9,7 @@
 #include "stream/base/dbg/Log.h"
 #include "stream/base/io/File.h"
 #include "stream/base/io/IUrl.h"
+#include "stream/plugin/mp4/common/BoxReader.h"
 
 namespace kiv {
 namespace plugin {
@@ -57,18 +58,15 @@ bool cthumb::parse(IO& io) {
     _size = 0;
     return false;
   }
-  long long got = _size ? io.Read(_data.get(), _size) : 0;
+  BoxReader in(io, *this);
+  const long long want = std::min<long long>(_size, in.Left());
+  long long got = want > 0 ? io.Read(_data.get(), want) : 0;
   if (got < 0) got = 0;
   if (got < static_cast<long long>(_size)) {
     LOGE << "thum: " << got << " of " << _size << " bytes";
     std::memset(_data.get() + got, 0, _size - static_cast<size_t>(got));
   }
-  // The box's end, where the stream holds it.
-  const unsigned long long real = RealSize();
-  long long end = 0;
-  if (real <= static_cast<unsigned long long>(LLONG_MAX) &&
-      !__builtin_add_overflow(Offset(), static_cast<long long>(real), &end) && end <= io.Size())
-    io.Seek(end, kiv::Position::front);
+  in.SkipRest();
   return true;
 }
 
