@@ -8,6 +8,7 @@
 
 #include "stream/core/Fifo.h"
 #include "stream/plugin/mp4/common/IStream.h"
+#include "stream/plugin/mp4/common/Mp4aEntry.h"
 
 namespace kiv {
 namespace plugin {
@@ -16,7 +17,7 @@ namespace mov {
 class StreamAac : public IStream {
  public:
   // The file type of the QuickTime flavour (hash of "mov"), which picks the entry form.
-  static constexpr uint32_t kQuickTimeType = 0xd19e5c79u;
+  static constexpr uint32_t kQuickTimeType = kQuickTimeFileType;
 
   StreamAac();
   ~StreamAac() override;
