@@ -14,7 +14,6 @@
 #pragma once
 
 #include <cstdint>
-#include <initializer_list>
 #include <utility>
 #include <vector>
 
@@ -39,6 +38,7 @@ namespace mov {
 
 class IBox;
 class IStblFile;
+enum class StblKind;
 class cmdhd;
 class chdlr;
 class cminf;
@@ -187,12 +187,13 @@ class IStream : public kiv::base::Object {
   // The scratch arrays of fragment mode, n elements each.
   void allocScratch(unsigned n);
   void pushScratch(unsigned size, unsigned pts);
-  // Table-on-file mode: a buffer over "<drive>:/<table>.<name>.<tags>" reserving `reserved` bytes, and
-  // under stbl the filler that aligns the output in front of the table when the buffer went to a
-  // file. The caller makes the table on the buffer and owns the buffer.
-  kiv::base::IOFileBuffer* newTableBuffer(IBox* stbl, const char* table, const void* tags, long long reserved);
+  // A sample table of the kind under stbl. In table-on-file mode it is the _file form on a buffer of
+  // its own over "<drive>:/<table>.<name>.<tags>" reserving `reserved` bytes, behind the filler that
+  // aligns the output in front of the table when the buffer went to a file; the stream keeps the
+  // buffer and feeds the table in concateFill. Otherwise the plain table (reserved is not used).
+  void addTable(IBox* stbl, StblKind kind, const void* tags, long long reserved);
   // Table-on-file mode: hands the records of the chunk list to each table, then empties the list.
-  void concateFill(std::initializer_list<IStblFile*> tables);
+  void concateFill();
   // The boxes of every kind of track between its header and its sample table, in their order: edts
   // with an empty elst if asked for, then mdia with mdhd (language set), hdlr, and minf with the media
   // header given, a data handler dhlr if asked for (subtype and name from the profile), and dinf with
@@ -213,6 +214,14 @@ class IStream : public kiv::base::Object {
   void growMdat(long long n);
 
   unsigned _scratchMax = 0;
+
+ private:
+  // Table-on-file mode: a table of the track and the buffer it writes into, owned by the stream.
+  struct TableFile {
+    IStblFile* table;
+    kiv::base::IOFileBuffer* buffer;
+  };
+  std::vector<TableFile> _tableFiles;  // in the order the tables stand in the stbl
 };
 
 }  // namespace mov

@@ -297,6 +297,44 @@ void csdtp_file::fillFinal(IO&) {
   _io->Flush();
 }
 
+// ============================================================ kinds
+
+const char* StblKindName(StblKind kind) {
+  switch (kind) {
+    case StblKind::stts: return "stts";
+    case StblKind::ctts: return "ctts";
+    case StblKind::stss: return "stss";
+    case StblKind::sdtp: return "sdtp";
+    case StblKind::stsc: return "stsc";
+    case StblKind::stsz: return "stsz";
+    case StblKind::stco: return "stco";
+    case StblKind::co64: return "co64";
+  }
+  return "";
+}
+
+namespace {
+template <class Plain, class OnFile>
+IStbl* Make(IO* onFile) {
+  if (onFile) return new OnFile(*onFile);
+  return new Plain();
+}
+}  // namespace
+
+IStbl* NewTable(StblKind kind, IO* onFile) {
+  switch (kind) {
+    case StblKind::stts: return Make<cxstts, cxstts_file>(onFile);
+    case StblKind::ctts: return Make<cctts, cctts_file>(onFile);
+    case StblKind::stss: return Make<cstss, cstss_file>(onFile);
+    case StblKind::sdtp: return Make<csdtp, csdtp_file>(onFile);
+    case StblKind::stsc: return Make<cstsc, cstsc_file>(onFile);
+    case StblKind::stsz: return Make<cstsz, cstsz_file>(onFile);
+    case StblKind::stco: return Make<cstco, cstco_file>(onFile);
+    case StblKind::co64: return Make<cco64, cco64_file>(onFile);
+  }
+  return nullptr;
+}
+
 }  // namespace mov
 }  // namespace plugin
 }  // namespace kiv

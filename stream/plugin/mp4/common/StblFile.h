@@ -186,6 +186,16 @@ class csdtp_file : public TStblFile<csdtp> {
   void begin();
 };
 
+// The sample tables a track may have, for code that builds a track's "stbl" without knowing in which
+// form its tables are kept.
+enum class StblKind { stts, ctts, stss, sdtp, stsc, stsz, stco, co64 };
+
+// The table's four-character code as text.
+const char* StblKindName(StblKind kind);
+// A new table box of the kind: the plain form, or with onFile the _file form writing into it. "stts"
+// is the form whose records count one sample each (cxstts), the one every track here uses.
+IStbl* NewTable(StblKind kind, IO* onFile);
+
 }  // namespace mov
 }  // namespace plugin
 }  // namespace kiv

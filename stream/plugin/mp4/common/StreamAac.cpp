@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "stream/base/dbg/Log.h"
-#include "stream/base/io/IOFileBuffer.h"
 #include "stream/core/IMedia.h"
 #include "stream/core/Packet.h"
 #include "stream/plugin/mp4/BoxWeave.h"
@@ -19,7 +18,6 @@ namespace kiv {
 namespace plugin {
 namespace mov {
 
-using kiv::base::IOFileBuffer;
 
 namespace {
 
@@ -28,14 +26,6 @@ void releasePacket(Packet*& p) { kiv::base::Release(p); }
 constexpr unsigned kRates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000, 7350};
 constexpr unsigned kChannels[] = {0, 1, 2, 3, 4, 5, 6, 8};
 
-template <class T>
-void addTableFile(IBox* stbl, IOFileBuffer* buffer, IStblFile*& box, IOFileBuffer*& owned) {
-  T* t = new T(*buffer);
-  stbl->Add(t);
-  box = t;
-  owned = buffer;
-}
-
 }  // namespace
 
 StreamAac::StreamAac() : IStream("mp4a") {}
@@ -43,11 +33,6 @@ StreamAac::StreamAac() : IStream("mp4a") {}
 StreamAac::~StreamAac() {
   delete _fifo;
   _fifo = nullptr;
-  delete _sttsBuf;
-  delete _stscBuf;
-  delete _stszBuf;
-  delete _stcoBuf;
-  delete _co64Buf;
 }
 
 // ---------------------------------------------------------------- the trak tree
@@ -103,29 +88,19 @@ bool StreamAac::muxConfig(kiv::base::Object* tagsObject) {
   auto* stsd = new cstsd();
   stbl->Add(stsd);
 
-  // Reservations for the planned number of frames, rate * planSeconds / 1024, truncated once.
+  // Reservations of the tables on file for the planned number of frames, rate * planSeconds / 1024,
+  // truncated once.
   const long long frames64 = static_cast<long long>(rate) * _planSeconds;
   auto reserve = [&](long long k) -> long long { return (k * frames64) >> 10; };
   const unsigned aspc = tags->audiosampleperchunk;
-  if (!_concate) {
-    stbl->Add(new cxstts());
-    stbl->Add(new cstsc());
-    stbl->Add(new cstsz());
-    if (_use64)
-      stbl->Add(new cco64());
-    else
-      stbl->Add(new cstco());
-  } else {
-    addTableFile<cxstts_file>(stbl, newTableBuffer(stbl, "stts", tags, para.fixedRate ? 32 : reserve(8)), _stts,
-                              _sttsBuf);
-    addTableFile<cstsc_file>(stbl, newTableBuffer(stbl, "stsc", tags, aspc <= 1 ? 32 : reserve(12) / aspc), _stsc,
-                             _stscBuf);
-    addTableFile<cstsz_file>(stbl, newTableBuffer(stbl, "stsz", tags, reserve(4)), _stsz, _stszBuf);
-    if (_use64)
-      addTableFile<cco64_file>(stbl, newTableBuffer(stbl, "co64", tags, reserve(8)), _co64, _co64Buf);
-    else
-      addTableFile<cstco_file>(stbl, newTableBuffer(stbl, "stco", tags, reserve(4)), _stco, _stcoBuf);
-  }
+  // The reservations count only for tables on file.
+  addTable(stbl, StblKind::stts, tags, para.fixedRate ? 32 : reserve(8));
+  addTable(stbl, StblKind::stsc, tags, aspc <= 1 ? 32 : reserve(12) / aspc);
+  addTable(stbl, StblKind::stsz, tags, reserve(4));
+  if (_use64)
+    addTable(stbl, StblKind::co64, tags, reserve(8));
+  else
+    addTable(stbl, StblKind::stco, tags, reserve(4));
   stsd->Add(NewMp4aEntry(*tags, *_media, rate, chn, depth, bitrate));
 
   // ---- the fields
@@ -157,7 +132,7 @@ bool StreamAac::muxConfig(kiv::base::Object* tagsObject) {
   return true;
 }
 
-void StreamAac::ConcateModeUpdate() { concateFill({_stts, _stsc, _stsz, _co64, _stco}); }
+void StreamAac::ConcateModeUpdate() { concateFill(); }
 
 // ---------------------------------------------------------------- samples
 

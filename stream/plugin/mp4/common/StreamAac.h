@@ -56,16 +56,6 @@ class StreamAac : public IStream {
   unsigned _chunkCount = 0;
   unsigned long long _chunkMs = 0;
   unsigned long long _sampleTotal = 0;
-  IStblFile* _stts = nullptr;
-  kiv::base::IOFileBuffer* _sttsBuf = nullptr;
-  IStblFile* _stsc = nullptr;
-  kiv::base::IOFileBuffer* _stscBuf = nullptr;
-  IStblFile* _stsz = nullptr;
-  kiv::base::IOFileBuffer* _stszBuf = nullptr;
-  IStblFile* _stco = nullptr;
-  kiv::base::IOFileBuffer* _stcoBuf = nullptr;
-  IStblFile* _co64 = nullptr;
-  kiv::base::IOFileBuffer* _co64Buf = nullptr;
 
  protected:
   // Pops n frames and writes them as the records of one chunk; returns the bytes written.

@@ -6,7 +6,6 @@
 #include <new>
 
 #include "stream/base/dbg/Log.h"
-#include "stream/base/io/IOFileBuffer.h"
 #include "stream/core/IMedia.h"
 #include "stream/core/Packet.h"
 #include "stream/plugin/mp4/BoxWeave.h"
@@ -21,7 +20,6 @@ namespace plugin {
 namespace mov {
 
 using kiv::base::Fraction;
-using kiv::base::IOFileBuffer;
 
 namespace {
 
@@ -40,16 +38,6 @@ inline void put32be(unsigned char* p, uint32_t v) {
 
 void releasePacket(Packet*& p) { kiv::base::Release(p); }
 
-// Table-on-file mode: the table goes to a buffer of its own, behind its filler.
-template <class T>
-T* addTableFile(IBox* stbl, IOFileBuffer* buffer, IStblFile*& box, IOFileBuffer*& owned) {
-  T* t = new T(*buffer);
-  stbl->Add(t);
-  box = t;
-  owned = buffer;
-  return t;
-}
-
 }  // namespace
 
 StreamH264::StreamH264() : IStream("h264") {}
@@ -58,14 +46,6 @@ StreamH264::~StreamH264() {
   // The fifo's element destructor releases the packets still waiting.
   delete _fifo;
   _fifo = nullptr;
-  delete _sttsBuf;
-  delete _cttsBuf;
-  delete _sdtpBuf;
-  delete _stscBuf;
-  delete _stszBuf;
-  delete _stcoBuf;
-  delete _co64Buf;
-  delete _stssBuf;
 }
 
 // ---------------------------------------------------------------- the trak tree
@@ -115,65 +95,36 @@ bool StreamH264::muxConfig(kiv::base::Object* tagsObject) {
   auto* stsd = new cstsd();
   stbl->Add(stsd);
 
-  // Reservations for the planned number of frames, k * N / div with N = planSeconds * rate.
+  // Reservations of the tables on file for the planned number of frames, k * N / div with
+  // N = planSeconds * rate.
   auto reserve = [&](long long k, long long div) -> long long {
     if (!den) return 0;
     const long long v = k * _planSeconds * num / den;
     return div > 1 ? v / div : v;
   };
-  const unsigned vspc = tags->videosampleperchunk;
-  auto addStts = [&] {
-    if (!_concate) {
-      stbl->Add(new cxstts());
-      return;
+  auto reserved = [&](StblKind kind) -> long long {
+    const unsigned vspc = tags->videosampleperchunk;
+    switch (kind) {
+      case StblKind::stts: return para.fixedRate ? 32 : reserve(8, 1);
+      case StblKind::ctts: return reserve(16, 3);
+      case StblKind::stss: return reserve(4, 15);
+      case StblKind::sdtp: return reserve(1, 1);
+      case StblKind::stsc: return vspc <= 1 ? 32768 : reserve(12, vspc);
+      case StblKind::stsz: return reserve(4, 1);
+      case StblKind::stco: return reserve(4, 1);
+      case StblKind::co64: return reserve(8, 1);
     }
-    auto* buf = newTableBuffer(stbl, "stts", tags, para.fixedRate ? 32 : reserve(8, 1));
-    addTableFile<cxstts_file>(stbl, buf, _stts, _sttsBuf);
+    return 0;
   };
-  auto addStss = [&] {
-    if (!_concate) {
-      stbl->Add(new cstss());
-      return;
-    }
-    auto* buf = newTableBuffer(stbl, "stss", tags, reserve(4, 15));
-    addTableFile<cstss_file>(stbl, buf, _stss, _stssBuf);
-  };
-
-  addStts();
-  if (ibbp) {
-    if (!_concate)
-      stbl->Add(new cctts());
-    else
-      addTableFile<cctts_file>(stbl, newTableBuffer(stbl, "ctts", tags, reserve(16, 3)), _ctts, _cttsBuf);
-  }
-  if (!tags->stbl_order && !iiii) addStss();
-  if (tags->ios_support_box_add) {
-    if (!_concate)
-      stbl->Add(new csdtp());
-    else
-      addTableFile<csdtp_file>(stbl, newTableBuffer(stbl, "sdtp", tags, reserve(1, 1)), _sdtp, _sdtpBuf);
-  }
-  if (!_concate)
-    stbl->Add(new cstsc());
-  else
-    addTableFile<cstsc_file>(stbl, newTableBuffer(stbl, "stsc", tags, vspc <= 1 ? 32768 : reserve(12, vspc)), _stsc,
-                             _stscBuf);
-  if (!_concate)
-    stbl->Add(new cstsz());
-  else
-    addTableFile<cstsz_file>(stbl, newTableBuffer(stbl, "stsz", tags, reserve(4, 1)), _stsz, _stszBuf);
-  if (_use64) {
-    if (!_concate)
-      stbl->Add(new cco64());
-    else
-      addTableFile<cco64_file>(stbl, newTableBuffer(stbl, "co64", tags, reserve(8, 1)), _co64, _co64Buf);
-  } else {
-    if (!_concate)
-      stbl->Add(new cstco());
-    else
-      addTableFile<cstco_file>(stbl, newTableBuffer(stbl, "stco", tags, reserve(4, 1)), _stco, _stcoBuf);
-  }
-  if (tags->stbl_order && !iiii) addStss();
+  auto add = [&](StblKind kind) { addTable(stbl, kind, tags, reserved(kind)); };
+  add(StblKind::stts);
+  if (ibbp) add(StblKind::ctts);
+  if (!tags->stbl_order && !iiii) add(StblKind::stss);
+  if (tags->ios_support_box_add) add(StblKind::sdtp);
+  add(StblKind::stsc);
+  add(StblKind::stsz);
+  add(_use64 ? StblKind::co64 : StblKind::stco);
+  if (tags->stbl_order && !iiii) add(StblKind::stss);
 
   auto* avc1 = new cavc1();
   stsd->Add(avc1);
@@ -342,7 +293,7 @@ bool StreamH264::muxUpdate() {
   return true;
 }
 
-void StreamH264::ConcateModeUpdate() { concateFill({_stts, _ctts, _sdtp, _stsc, _stsz, _co64, _stco, _stss}); }
+void StreamH264::ConcateModeUpdate() { concateFill(); }
 
 // ---------------------------------------------------------------- samples
 

@@ -56,22 +56,6 @@ class StreamH264 : public IStream {
   unsigned _spc = 1;
   unsigned long long _firstChunkMs = 0;
   unsigned _chunkCount = 0;
-  IStblFile* _stts = nullptr;
-  kiv::base::IOFileBuffer* _sttsBuf = nullptr;
-  IStblFile* _ctts = nullptr;
-  kiv::base::IOFileBuffer* _cttsBuf = nullptr;
-  IStblFile* _sdtp = nullptr;
-  kiv::base::IOFileBuffer* _sdtpBuf = nullptr;
-  IStblFile* _stsc = nullptr;
-  kiv::base::IOFileBuffer* _stscBuf = nullptr;
-  IStblFile* _stsz = nullptr;
-  kiv::base::IOFileBuffer* _stszBuf = nullptr;
-  IStblFile* _stco = nullptr;
-  kiv::base::IOFileBuffer* _stcoBuf = nullptr;
-  IStblFile* _co64 = nullptr;
-  kiv::base::IOFileBuffer* _co64Buf = nullptr;
-  IStblFile* _stss = nullptr;
-  kiv::base::IOFileBuffer* _stssBuf = nullptr;
   unsigned char _naluHeader[256] = {};
   kiv::base::Fraction _frameRate{0, 0};  // property "frameRate", set by the engine
   uint32_t _struct = 0;                  // media "struct": "ibbp" (B-frames), "iiii" (all intra)
