@@ -106,6 +106,21 @@ class IStream : public kiv::base::Object {
   // Turns a sample read from the file back into what downstream expects.
   virtual Packet* demuxUpdatePacket(IO& io, Packet* packet);
 
+  // The boxes of every kind of track between its header and its sample table, in their order: edts
+  // with an empty elst if asked for, then mdia with mdhd (language set), hdlr, and minf with the media
+  // header given, a data handler dhlr if asked for (subtype and name from the profile), and dinf with
+  // dref and alis. The caller adds stbl to minf and fills mdhd's and hdlr's fields. Needs no stream:
+  // the trak builders of the codecs (AvcTrak.h) use it for tracks of any base.
+  struct MediaBoxes {
+    cmdhd* mdhd;
+    chdlr* hdlr;
+    cminf* minf;
+    calis* alis;
+  };
+  static MediaBoxes addMediaBoxes(IBox* trak, unsigned char version, bool edts, uint16_t language,
+                                  IBox* mediaHeader, bool dataHandler, const void* dataHandlerName,
+                                  unsigned nameLength, uint32_t dataRefType);
+
   // ---- plain operations
   int TrackID() const { return _trackId; }
   void TrackID(int id) { _trackId = id; }
@@ -194,18 +209,6 @@ class IStream : public kiv::base::Object {
   void addTable(IBox* stbl, StblKind kind, const void* tags, long long reserved);
   // Table-on-file mode: hands the records of the chunk list to each table, then empties the list.
   void concateFill();
-  // The boxes of every kind of track between its header and its sample table, in their order: edts
-  // with an empty elst if asked for, then mdia with mdhd (language set), hdlr, and minf with the media
-  // header given, a data handler dhlr if asked for (subtype and name from the profile), and dinf with
-  // dref and alis. The caller adds stbl to minf and fills mdhd's and hdlr's fields.
-  struct MediaBoxes {
-    cmdhd* mdhd;
-    chdlr* hdlr;
-    cminf* minf;
-    calis* alis;
-  };
-  MediaBoxes addMediaBoxes(IBox* trak, unsigned char version, bool edts, uint16_t language, IBox* mediaHeader,
-                           bool dataHandler, const void* dataHandlerName, unsigned nameLength, uint32_t dataRefType);
   // Whether mdat holds anything yet (a following track writes nothing before).
   bool mdatHasContent() const;
   // Holds the packet in the track's fifo of grouped samples; false when it could not be held (logged).

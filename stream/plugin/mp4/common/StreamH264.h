@@ -1,7 +1,7 @@
-// The H.264 track. Muxing: builds the whole trak tree from the media and the profile, turns the
-// Annex-B start codes of a sample into four-byte lengths while writing (only the head of a sample is
-// copied for that; the slice data goes to the file from the packet), and groups samples into chunks
-// through a fifo when the profile asks for several samples a chunk. Demuxing: rebuilds a media from
+// The H.264 track. Muxing: builds the trak tree from the media and the profile (AvcTrak.h), turns the
+// Annex-B start codes of a sample into four-byte lengths while writing (AvcNal.h: only the head of a
+// sample is copied for that; the slice data goes to the file from the packet), and groups samples
+// into chunks through a fifo when the profile asks for several samples a chunk. Demuxing: rebuilds a media from
 // "avc1" and "avcC" and puts the start codes back into a sample read from the file.
 #pragma once
 
