@@ -26,6 +26,7 @@ using kiv::base::IOFileBuffer;
 IStream::IStream(const char* name) { Name(name); }
 
 IStream::~IStream() {
+  for (const TableFile& t : _tableFiles) delete t.buffer;
   delete _listFile;
   _listFile = nullptr;
   if (_demuxSide && _media) _media->Release();
@@ -371,19 +372,24 @@ void IStream::pushScratch(unsigned size, unsigned pts) {
   _ptsList[_ptsCount++] = pts;
 }
 
-IOFileBuffer* IStream::newTableBuffer(IBox* stbl, const char* table, const void* tags, long long reserved) {
+void IStream::addTable(IBox* stbl, StblKind kind, const void* tags, long long reserved) {
+  if (!_concate) {
+    stbl->Add(NewTable(kind, nullptr));
+    return;
+  }
   char path[128];
-  std::snprintf(path, sizeof path, "%c:/%s.%s.%p", param().drive, table, Name(), tags);
+  std::snprintf(path, sizeof path, "%c:/%s.%s.%p", param().drive, StblKindName(kind), Name(), tags);
   auto* buffer = new IOFileBuffer(path, reserved < 0 ? 0 : reserved, nullptr);
   // The filler pads only when the table will be joined from a file of its own.
-  if (stbl) stbl->Add(new cfree_concate(GetClusterSize(path), [buffer](void*) { return buffer->HasFileData(); }));
-  return buffer;
+  stbl->Add(new cfree_concate(GetClusterSize(path), [buffer](void*) { return buffer->HasFileData(); }));
+  IStbl* table = NewTable(kind, buffer);
+  stbl->Add(table);
+  _tableFiles.push_back({dynamic_cast<IStblFile*>(table), buffer});
 }
 
-void IStream::concateFill(std::initializer_list<IStblFile*> tables) {
+void IStream::concateFill() {
   if (!_concate || !_chunkList || _chunkList->empty()) return;
-  for (IStblFile* t : tables)
-    if (t && t->TableIO()) t->fill(*t->TableIO(), _chunkList);
+  for (const TableFile& t : _tableFiles) t.table->fill(*t.buffer, _chunkList);
   _chunkList->clear();
 }
 

@@ -14,7 +14,6 @@
 #pragma once
 
 #include <cstdint>
-#include <initializer_list>
 #include <utility>
 #include <vector>
 
@@ -39,6 +38,7 @@ namespace mov {
 
 class IBox;
 class IStblFile;
+enum class StblKind;
 class cmdhd;
 class chdlr;
 class cminf;
@@ -105,6 +105,21 @@ class IStream : public kiv::base::Object {
   virtual Packet* GetPacket(IO& io);
   // Turns a sample read from the file back into what downstream expects.
   virtual Packet* demuxUpdatePacket(IO& io, Packet* packet);
+
+  // The boxes of every kind of track between its header and its sample table, in their order: edts
+  // with an empty elst if asked for, then mdia with mdhd (language set), hdlr, and minf with the media
+  // header given, a data handler dhlr if asked for (subtype and name from the profile), and dinf with
+  // dref and alis. The caller adds stbl to minf and fills mdhd's and hdlr's fields. Needs no stream:
+  // the trak builders of the codecs (AvcTrak.h) use it for tracks of any base.
+  struct MediaBoxes {
+    cmdhd* mdhd;
+    chdlr* hdlr;
+    cminf* minf;
+    calis* alis;
+  };
+  static MediaBoxes addMediaBoxes(IBox* trak, unsigned char version, bool edts, uint16_t language,
+                                  IBox* mediaHeader, bool dataHandler, const void* dataHandlerName,
+                                  unsigned nameLength, uint32_t dataRefType);
 
   // ---- plain operations
   int TrackID() const { return _trackId; }
@@ -187,24 +202,13 @@ class IStream : public kiv::base::Object {
   // The scratch arrays of fragment mode, n elements each.
   void allocScratch(unsigned n);
   void pushScratch(unsigned size, unsigned pts);
-  // Table-on-file mode: a buffer over "<drive>:/<table>.<name>.<tags>" reserving `reserved` bytes, and
-  // under stbl the filler that aligns the output in front of the table when the buffer went to a
-  // file. The caller makes the table on the buffer and owns the buffer.
-  kiv::base::IOFileBuffer* newTableBuffer(IBox* stbl, const char* table, const void* tags, long long reserved);
+  // A sample table of the kind under stbl. In table-on-file mode it is the _file form on a buffer of
+  // its own over "<drive>:/<table>.<name>.<tags>" reserving `reserved` bytes, behind the filler that
+  // aligns the output in front of the table when the buffer went to a file; the stream keeps the
+  // buffer and feeds the table in concateFill. Otherwise the plain table (reserved is not used).
+  void addTable(IBox* stbl, StblKind kind, const void* tags, long long reserved);
   // Table-on-file mode: hands the records of the chunk list to each table, then empties the list.
-  void concateFill(std::initializer_list<IStblFile*> tables);
-  // The boxes of every kind of track between its header and its sample table, in their order: edts
-  // with an empty elst if asked for, then mdia with mdhd (language set), hdlr, and minf with the media
-  // header given, a data handler dhlr if asked for (subtype and name from the profile), and dinf with
-  // dref and alis. The caller adds stbl to minf and fills mdhd's and hdlr's fields.
-  struct MediaBoxes {
-    cmdhd* mdhd;
-    chdlr* hdlr;
-    cminf* minf;
-    calis* alis;
-  };
-  MediaBoxes addMediaBoxes(IBox* trak, unsigned char version, bool edts, uint16_t language, IBox* mediaHeader,
-                           bool dataHandler, const void* dataHandlerName, unsigned nameLength, uint32_t dataRefType);
+  void concateFill();
   // Whether mdat holds anything yet (a following track writes nothing before).
   bool mdatHasContent() const;
   // Holds the packet in the track's fifo of grouped samples; false when it could not be held (logged).
@@ -213,6 +217,14 @@ class IStream : public kiv::base::Object {
   void growMdat(long long n);
 
   unsigned _scratchMax = 0;
+
+ private:
+  // Table-on-file mode: a table of the track and the buffer it writes into, owned by the stream.
+  struct TableFile {
+    IStblFile* table;
+    kiv::base::IOFileBuffer* buffer;
+  };
+  std::vector<TableFile> _tableFiles;  // in the order the tables stand in the stbl
 };
 
 }  // namespace mov

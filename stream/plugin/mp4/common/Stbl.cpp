@@ -9,6 +9,7 @@
 #include "stream/base/reflect/IClass.h"
 #include "stream/plugin/mp4/common/BoxReader.h"
 #include "stream/plugin/mp4/common/BoxText.h"
+#include "stream/plugin/mp4/common/StblRules.h"
 #include "stream/plugin/mp4/common/Stsd.h"
 
 namespace kiv {
@@ -20,46 +21,6 @@ using kiv::base::IOIntWriter;
 using kiv::base::Object;
 
 namespace {
-
-// Big-endian entries gathered into one block, so that a table of many thousand entries costs a few
-// writes on the output and not one a field. Flush before patching a count behind the entries.
-class BeOut {
- public:
-  explicit BeOut(IO& io) : _io(io) {}
-  ~BeOut() { flush(); }
-  BeOut(const BeOut&) = delete;
-  BeOut& operator=(const BeOut&) = delete;
-
-  void u8(uint8_t v) {
-    room(1);
-    _buf[_n++] = v;
-  }
-  void u32(uint32_t v) {
-    room(4);
-    for (int i = 3; i >= 0; --i) _buf[_n++] = static_cast<unsigned char>(v >> (8 * i));
-  }
-  void u64(uint64_t v) {
-    room(8);
-    for (int i = 7; i >= 0; --i) _buf[_n++] = static_cast<unsigned char>(v >> (8 * i));
-  }
-  void flush() {
-    if (_n) _io.Write(_buf, static_cast<long long>(_n));
-    _n = 0;
-  }
-
- private:
-  void room(size_t k) {
-    if (_n + k > sizeof _buf) flush();
-  }
-  IO& _io;
-  unsigned char _buf[4096];
-  size_t _n = 0;
-};
-
-// The count field of a table sits right behind the header; the stream returns to where it was.
-void PatchCount(IO& io, long long countPos, uint32_t num) {
-  IOIntWriter(io).Write32be(num, countPos, kiv::Position::front);
-}
 
 // A count read from the file never asks for more entries than the box's bytes hold.
 uint32_t ClampCount(BoxReader& in, const IBox& box, uint32_t num, unsigned entryBytes) {
@@ -369,47 +330,33 @@ cxstts::cxstts() { _unitRun = true; }
 
 namespace {
 
-// One pass over the list: a run is a maximal stretch of equal durations. The first comparison is
-// against 0, so leading records of duration 0 get their entry without a count for it: kept.
-template <class Entry>
-unsigned sttsWalk(const std::vector<ChunkParam>* list, bool unitRun, Entry entry) {
-  unsigned num = 0;
-  uint32_t run = 0, last = 0;
-  if (list)
-    for (const ChunkParam& r : *list) {
-      if (r.duration != last) {
-        ++num;
-        if (run) {
-          entry(run, last);
-          run = 0;
-        }
-      }
-      run += unitRun ? 1 : r.count;
-      last = r.duration;
-    }
-  if (run) entry(run, last);
-  return num;
+// A table whose count sits right behind its header: the header, the entries that the rule gives for
+// the whole list, then the count. Returns the finished rule.
+template <class Rule, class Put>
+Rule FillTable(IStbl& box, IO& io, Rule rule, Put put) {
+  box.IMoovList::fill(io);
+  const long long countPos = io.Position() - 4;
+  {
+    BeOut out(io);
+    rule = RunRule(rule, box.ChunkList(), [&](const auto& e) { put(out, e); });
+  }
+  PatchCount(io, countPos, rule.count());
+  return rule;
 }
+
+const auto kPut = [](BeOut& out, const auto& e) { out.put(e); };
+const auto kPut32 = [](BeOut& out, uint32_t v) { out.u32(v); };
 
 }  // namespace
 
 void cstts::fill(IO& io) {
-  IStbl::fill(io);
-  const long long countPos = io.Position() - 4;
-  BeOut out(io);
-  _num = sttsWalk(ChunkList(), _unitRun, [&](uint32_t run, uint32_t delta) {
-    _total_samples += run;
-    out.u32(run);
-    out.u32(delta);
-  });
-  out.flush();
-  PatchCount(io, countPos, _num);
+  const SttsRule rule = FillTable(*this, io, SttsRule(_unitRun), kPut);
+  _num = rule.count();
+  _total_samples += rule.samples();
 }
 
 unsigned long long cstts::statisticsSize() const {
-  unsigned long long entries = 0;
-  sttsWalk(ChunkList(), _unitRun, [&](uint32_t, uint32_t) { ++entries; });
-  return IMoovList::statisticsSize() + 8 * entries;
+  return IMoovList::statisticsSize() + SttsEntry::kBytes * EntriesOf(SttsRule(_unitRun), ChunkList());
 }
 
 bool cstts::parse(IO& io) {
@@ -476,32 +423,15 @@ void cstts::fields(AttrSet& out) const {
 cctts::cctts() : IStbl("ctts") {}
 
 void cctts::fill(IO& io) {
-  IStbl::fill(io);
-  const long long countPos = io.Position() - 4;
-  _num = 0;
-  BeOut out(io);
+  const CttsRule rule = FillTable(*this, io, CttsRule(), kPut);
+  _num = rule.count();
   const std::vector<ChunkParam>* list = ChunkList();
-  const size_t n = list ? list->size() : 0;
-  // The "ibbp" shape: one offset for a group of three records.
-  for (size_t i = 0; i < n; i += 3) {
-    uint32_t s = (*list)[i].duration;
-    if (i + 1 < n) s += (*list)[i + 1].duration;
-    if (i + 2 < n) s += (*list)[i + 2].duration;
-    out.u32(1);
-    out.u32(s);
-    out.u32(2);
-    out.u32(0);
-    _num += 2;
-  }
-  if (n % 3) LOGE << "list->size() " << n << " is no multiple of 3: the last group counts missing records as 0";
-  out.flush();
-  PatchCount(io, countPos, _num);
+  if (list && list->size() % 3)
+    LOGE << "list->size() " << list->size() << " is no multiple of 3: the last group counts missing records as 0";
 }
 
 unsigned long long cctts::statisticsSize() const {
-  const std::vector<ChunkParam>* list = ChunkList();
-  const unsigned long long groups = list ? (list->size() + 2) / 3 : 0;
-  return IMoovList::statisticsSize() + 16 * groups;
+  return IMoovList::statisticsSize() + CttsEntry::kBytes * EntriesOf(CttsRule(), ChunkList());
 }
 
 bool cctts::parse(IO& io) {
@@ -516,48 +446,10 @@ bool cctts::parse(IO& io) {
 
 cstsc::cstsc() : IStbl("stsc") {}
 
-namespace {
-
-// A chunk is count consecutive records; an entry is written whenever the chunk shape changes.
-template <class Entry>
-void stscWalk(const std::vector<ChunkParam>* list, Entry entry) {
-  if (!list) return;
-  unsigned long long end = 0, idx = 0;
-  uint32_t lastCount = 0, chunk = 1;
-  uint8_t lastDesc = 0;
-  for (const ChunkParam& r : *list) {
-    ++idx;
-    if (end < idx) end += r.count;
-    if (r.count != lastCount || r.descIndex != lastDesc) {
-      entry(chunk, r.count, r.descIndex);
-      lastCount = r.count;
-      lastDesc = r.descIndex;
-    }
-    if (end == idx) ++chunk;
-  }
-}
-
-}  // namespace
-
-void cstsc::fill(IO& io) {
-  IStbl::fill(io);
-  const long long countPos = io.Position() - 4;
-  _num = 0;
-  BeOut out(io);
-  stscWalk(ChunkList(), [&](uint32_t chunk, uint32_t count, uint32_t desc) {
-    ++_num;
-    out.u32(chunk);
-    out.u32(count);
-    out.u32(desc);
-  });
-  out.flush();
-  PatchCount(io, countPos, _num);
-}
+void cstsc::fill(IO& io) { _num = FillTable(*this, io, StscRule(), kPut).count(); }
 
 unsigned long long cstsc::statisticsSize() const {
-  unsigned long long entries = 0;
-  stscWalk(ChunkList(), [&](uint32_t, uint32_t, uint32_t) { ++entries; });
-  return IMoovList::statisticsSize() + 12 * entries;
+  return IMoovList::statisticsSize() + StscEntry::kBytes * EntriesOf(StscRule(), ChunkList());
 }
 
 bool cstsc::parse(IO& io) {
@@ -583,25 +475,9 @@ unsigned long long cstsc::GetSampleNumber(int chunkCount) const {
     LOGE << "!_items";
     return 0;
   }
-  // 64-bit products of 32-bit numbers; the sum saturates instead of wrapping.
-  unsigned long long sum = 0;
-  auto add = [&sum](unsigned long long v) { sum = v > ULLONG_MAX - sum ? ULLONG_MAX : sum + v; };
-  const size_t n = _items.size();
-  for (size_t i = 0; i + 1 < n; ++i) {
-    const Item& it = _items[i];
-    if (!it.samples_per_chunk) continue;
-    const uint32_t next = _items[i + 1].first_chunk;
-    if (next < it.first_chunk) {
-      LOGE << "first_chunk " << next << " < " << it.first_chunk;
-      continue;
-    }
-    add(static_cast<unsigned long long>(it.samples_per_chunk) * (next - it.first_chunk));
-  }
-  const Item& last = _items[n - 1];
-  const long long chunks = static_cast<long long>(chunkCount) - last.first_chunk + 1;
-  if (last.samples_per_chunk && chunks > 0)
-    add(static_cast<unsigned long long>(last.samples_per_chunk) * static_cast<unsigned long long>(chunks));
-  return sum;
+  StscSamples samples;
+  for (const Item& it : _items) samples.add(it);
+  return samples.total(chunkCount);
 }
 
 bool cstsc::parseFinal() {
@@ -654,23 +530,20 @@ void cstsc::fields(AttrSet& out) const {
 cstsz::cstsz() : IStbl("stsz") { _statistics_size = 20; }
 
 void cstsz::fill(IO& io) {
-  const std::vector<ChunkParam>* list = ChunkList();
-  _num = list ? static_cast<unsigned>(list->size()) : 0;
+  // The uniform size comes first, the count behind it.
   IMoov::fill(io);
   BeOut out(io);
   out.u32(_size);
-  // With a uniform size (PCM: bytes a sample frame, records of sample frames) the count is records
-  // times the first record's frames: the track's sample frames.
-  if (_size && list && !list->empty()) _num *= list->front().size;
-  out.u32(_num);
-  if (!_size && list)
-    for (const ChunkParam& r : *list) out.u32(r.size);
+  out.u32(0);
+  out.flush();
+  const long long countPos = io.Position() - 4;
+  const StszRule rule = RunRule(StszRule(_size), ChunkList(), [&](uint32_t size) { out.u32(size); });
+  out.flush();
+  _num = rule.count();
+  PatchCount(io, countPos, _num);
 }
 
-unsigned long long cstsz::statisticsSize() const {
-  const std::vector<ChunkParam>* list = ChunkList();
-  return 20 + (!_size && list ? 4ull * list->size() : 0);
-}
+unsigned long long cstsz::statisticsSize() const { return 20 + 4 * EntriesOf(StszRule(_size), ChunkList()); }
 
 bool cstsz::parse(IO& io) {
   BoxReader in(io, *this);
@@ -725,32 +598,6 @@ cco64::cco64() : IStbl("co64") {}
 
 namespace {
 
-unsigned long long ChunkOffsets(const std::vector<ChunkParam>* list) {
-  unsigned long long n = 0;
-  if (list)
-    for (const ChunkParam& r : *list) n += r.offset != 0;
-  return n;
-}
-
-// The count stays the list's size in the box; only the file holds the number of offsets written.
-template <class Put>
-void FillOffsets(IStbl& box, IO& io, const std::vector<ChunkParam>* list, Put put) {
-  box.Num(list ? static_cast<unsigned>(list->size()) : 0);
-  box.IMoovList::fill(io);
-  const long long pos = io.Position();
-  uint32_t real = 0;
-  {
-    BeOut out(io);
-    if (list)
-      for (const ChunkParam& r : *list)
-        if (r.offset) {
-          put(out, r.offset);
-          ++real;
-        }
-  }
-  PatchCount(io, pos - 4, real);
-}
-
 // Offsets into the first records: at this point a record index is a chunk index.
 template <class T>
 bool OffsetsToList(IStbl& box, std::vector<T>& items) {
@@ -771,17 +618,19 @@ bool OffsetsToList(IStbl& box, std::vector<T>& items) {
 
 }  // namespace
 
+// The box keeps the number of records as its count; only the file holds the number of offsets.
 void cstco::fill(IO& io) {
   // Only the low 32 bits: a track that needs more writes "co64".
-  FillOffsets(*this, io, ChunkList(), [](BeOut& out, uint64_t v) { out.u32(static_cast<uint32_t>(v)); });
+  const auto put = [](BeOut& out, uint64_t v) { out.u32(static_cast<uint32_t>(v)); };
+  _num = FillTable(*this, io, ChunkOffsetRule(), put).records();
 }
 
 void cco64::fill(IO& io) {
-  FillOffsets(*this, io, ChunkList(), [](BeOut& out, uint64_t v) { out.u64(v); });
+  _num = FillTable(*this, io, ChunkOffsetRule(), [](BeOut& out, uint64_t v) { out.u64(v); }).records();
 }
 
-unsigned long long cstco::statisticsSize() const { return 16 + 4 * ChunkOffsets(ChunkList()); }
-unsigned long long cco64::statisticsSize() const { return 16 + 8 * ChunkOffsets(ChunkList()); }
+unsigned long long cstco::statisticsSize() const { return 16 + 4 * EntriesOf(ChunkOffsetRule(), ChunkList()); }
+unsigned long long cco64::statisticsSize() const { return 16 + 8 * EntriesOf(ChunkOffsetRule(), ChunkList()); }
 
 bool cstco::parse(IO& io) {
   BoxReader in(io, *this);
@@ -822,31 +671,9 @@ bool cco64::parseFinal() { return OffsetsToList(*this, _items); }
 
 cstss::cstss() : IStbl("stss") {}
 
-void cstss::fill(IO& io) {
-  IStbl::fill(io);
-  const long long countPos = io.Position() - 4;
-  _num = 0;
-  BeOut out(io);
-  if (const std::vector<ChunkParam>* list = ChunkList()) {
-    uint32_t index = 0;
-    for (const ChunkParam& r : *list) {
-      ++index;
-      if (r.flags & 1) {
-        out.u32(index);
-        ++_num;
-      }
-    }
-  }
-  out.flush();
-  PatchCount(io, countPos, _num);
-}
+void cstss::fill(IO& io) { _num = FillTable(*this, io, StssRule(), kPut32).count(); }
 
-unsigned long long cstss::statisticsSize() const {
-  unsigned long long n = 0;
-  if (const std::vector<ChunkParam>* list = ChunkList())
-    for (const ChunkParam& r : *list) n += r.flags & 1;
-  return 16 + 4 * n;
-}
+unsigned long long cstss::statisticsSize() const { return 16 + 4 * EntriesOf(StssRule(), ChunkList()); }
 
 bool cstss::parse(IO& io) {
   BoxReader in(io, *this);
@@ -888,14 +715,10 @@ csdtp::csdtp() : IStbl("sdtp") { _statistics_size = 12; }
 void csdtp::fill(IO& io) {
   IMoov::fill(io);
   BeOut out(io);
-  if (const std::vector<ChunkParam>* list = ChunkList())
-    for (const ChunkParam& r : *list) out.u8(Flags(r));
+  RunRule(SdtpRule(), ChunkList(), [&](uint8_t b) { out.u8(b); });
 }
 
-unsigned long long csdtp::statisticsSize() const {
-  const std::vector<ChunkParam>* list = ChunkList();
-  return 12 + (list ? list->size() : 0);
-}
+unsigned long long csdtp::statisticsSize() const { return 12 + EntriesOf(SdtpRule(), ChunkList()); }
 
 // Nothing is read: the dependency flags of a read file do not reach the list.
 bool csdtp::parse(IO& io) {

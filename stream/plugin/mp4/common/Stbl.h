@@ -1,8 +1,8 @@
 // The sample-table boxes. A recording track keeps no tables: it keeps one list of ChunkParam records
-// in its "stbl" box (cstbl), and every table box is a view of that list. Writing, each table derives
-// its entries from the list in one pass; reading, each table parses its entries (parse) and, once the
-// list has its final length, writes its part into the list (parseFinal). Also the stand-in for boxes
-// that the factory does not know.
+// in its "stbl" box (cstbl), and every table box is a view of that list. Writing, each table runs its
+// rule (StblRules.h) over the list in one pass; reading, each table parses its entries (parse) and,
+// once the list has its final length, writes its part into the list (parseFinal). Also the stand-in
+// for boxes that the factory does not know.
 #pragma once
 
 #include <cstdint>
@@ -12,6 +12,7 @@
 #include "stream/base/reflect/Object.h"
 #include "stream/plugin/mp4/common/IBox.h"
 #include "stream/plugin/mp4/common/IListFile.h"
+#include "stream/plugin/mp4/common/StblRules.h"
 
 namespace kiv {
 namespace plugin {
@@ -79,10 +80,7 @@ class cstbl : public IBox {
 // "stts": runs of equal sample durations.
 class cstts : public IStbl {
  public:
-  struct Item {
-    uint32_t run;
-    uint32_t delta;
-  };
+  using Item = SttsEntry;
 
   cstts();
   void fill(IO& io) override;
@@ -119,11 +117,7 @@ class cctts : public IStbl {
 // "stsc": one entry whenever the shape of the chunks changes.
 class cstsc : public IStbl {
  public:
-  struct Item {
-    uint32_t first_chunk;
-    uint32_t samples_per_chunk;
-    uint32_t desc_index;
-  };
+  using Item = StscEntry;
 
   cstsc();
   void fill(IO& io) override;
@@ -195,9 +189,6 @@ class csdtp : public IStbl {
   void fill(IO& io) override;
   bool parse(IO& io) override;
   unsigned long long statisticsSize() const override;
-
-  // The byte a record stands for in the table.
-  static unsigned char Flags(const ChunkParam& r) { return (r.flags & 1) ? 32 : (r.flags & 2) ? 24 : 16; }
 };
 
 // A box kept only by its header, for codes without a class of their own. It is skipped when read;

@@ -17,10 +17,6 @@ namespace {
 
 const ChunkParam kNoRecord{};
 
-void PatchCount(IO& io, long long countPos, uint32_t num) {
-  IOIntWriter(io).Write32be(num, countPos, kiv::Position::front);
-}
-
 // Adds a shift to every chunk offset of a table written in io, which stands at the box's start.
 // The blocks are counted in table bytes but read from the box's start, so a table that fills its
 // blocks exactly keeps its last header's worth of bytes unshifted; the caller places the stream. The
@@ -99,6 +95,11 @@ const ChunkParam& IStblFile::firstOf(const std::vector<ChunkParam>* list) {
   return kNoRecord;
 }
 
+void IStblFile::finishTable(uint32_t count) {
+  PatchCount(*_io, _countPos, count);
+  _io->Flush();
+}
+
 void IStblFile::copyTable(IO& out) {
   if (_io->HasFileData()) {
     out.Copy(*_io);
@@ -115,44 +116,35 @@ void IStblFile::copyTable(IO& out) {
 
 // ============================================================ stts
 
+namespace {
+const auto kPut = [](BeOut& out, const auto& e) { out.put(e); };
+const auto kPut32 = [](BeOut& out, uint32_t v) { out.u32(v); };
+}  // namespace
+
 cstts_file::cstts_file(IO& io) : TStblFile(io) {}
 cxstts_file::cxstts_file(IO& io) : cstts_file(io) { _unitRun = true; }
 
 void cstts_file::begin() {
   writeHeader();
-  _last = 0;
-  _run = 0;
+  _rule = SttsRule(_unitRun);
 }
 
 void cstts_file::fill(IO&, std::vector<ChunkParam>* list) {
   const ChunkParam& r = lastOf(list);
   if (_first) begin();
-  _current = r.duration;
-  if (_current != _last) {
-    ++_num;
-    if (_run) {
-      _total_samples += _run;
-      IOIntWriter w(*_io);
-      w.Write32be(_run);
-      w.Write32be(_last);
-      _run = 0;
-    }
-  }
-  _run += _unitRun ? 1 : r.count;
-  _last = _current;
+  feed(_rule, r, kPut);
+  _num = _rule.count();
+  _total_samples = _rule.samples();
 }
 
 void cstts_file::fillFinal(IO&) {
   if (_first) begin();
-  if (_run) {
-    _total_samples += _run;
-    IOIntWriter w(*_io);
-    w.Write32be(_run);
-    w.Write32be(_last);
-    _run = 0;
+  {
+    BeOut out(*_io);
+    _rule.finish([&](const SttsEntry& e) { out.put(e); });
   }
-  PatchCount(*_io, _countPos, _num);
-  _io->Flush();
+  _total_samples = _rule.samples();
+  finishTable(_num = _rule.count());
 }
 
 // ============================================================ ctts
@@ -161,29 +153,20 @@ cctts_file::cctts_file(IO& io) : TStblFile(io) {}
 
 void cctts_file::begin() {
   writeHeader();
-  _acc = 0;
-  _seen = 0;
+  _rule = CttsRule();
 }
 
 void cctts_file::fill(IO&, std::vector<ChunkParam>* list) {
   const ChunkParam& r = lastOf(list);
   if (_first) begin();
-  _acc += r.duration;
-  // A trailing group of one or two records writes nothing.
-  if (++_seen % 3) return;
-  IOIntWriter w(*_io);
-  w.Write32be(1);
-  w.Write32be(_acc);
-  w.Write32be(2);
-  w.Write32be(0);
-  _num += 2;
-  _acc = 0;
+  feed(_rule, r, kPut);
+  _num = _rule.count();
 }
 
+// A torn group of one or two records is left out here, unlike in the whole-list table.
 void cctts_file::fillFinal(IO&) {
   if (_first) begin();
-  PatchCount(*_io, _countPos, _num);
-  _io->Flush();
+  finishTable(_rule.count());
 }
 
 // ============================================================ stsc
@@ -192,115 +175,86 @@ cstsc_file::cstsc_file(IO& io) : TStblFile(io) {}
 
 void cstsc_file::begin() {
   writeHeader();
-  _chunk = 1;
-  _idx = 0;
-  _end = 0;
-  _lastCount = 0;
-  _lastDesc = 0;
+  _rule = StscRule();
 }
 
 void cstsc_file::fill(IO&, std::vector<ChunkParam>* list) {
   const ChunkParam& r = lastOf(list);
   if (_first) begin();
-  ++_idx;
-  if (_end < _idx) _end += r.count;
-  if (r.count != _lastCount || r.descIndex != _lastDesc) {
-    ++_num;
-    IOIntWriter w(*_io);
-    w.Write32be(_chunk);
-    w.Write32be(r.count);
-    w.Write32be(r.descIndex);
-    _lastCount = r.count;
-    _lastDesc = r.descIndex;
-  }
-  if (_end == _idx) ++_chunk;
+  feed(_rule, r, kPut);
+  _num = _rule.count();
 }
 
 void cstsc_file::fillFinal(IO&) {
   if (_first) begin();
-  PatchCount(*_io, _countPos, _num);
-  _io->Flush();
+  finishTable(_rule.count());
 }
 
 // ============================================================ stsz
 
 cstsz_file::cstsz_file(IO& io) : TStblFile(io) {}
 
-void cstsz_file::begin(const std::vector<ChunkParam>* list) {
+// The uniform size comes first, the count behind it.
+void cstsz_file::begin() {
   _first = false;
   _num = 0;
   IMoov::fill(*_io);
   IOIntWriter w(*_io);
   w.Write32be(_size);
   _countPos = _io->Position();
-  if (_size && list && !list->empty()) _firstSize = list->front().size;
-  w.Write32be(list && !list->empty() ? 1 : 0);  // the count so far; patched at the end
+  w.Write32be(0);
+  _rule = StszRule(_size);
 }
 
+// The sample sizes take the list's first record.
 void cstsz_file::fill(IO&, std::vector<ChunkParam>* list) {
   const ChunkParam& r = firstOf(list);
-  if (_first) begin(list);
-  ++_num;
-  if (!_size) IOIntWriter(*_io).Write32be(r.size);
+  if (_first) begin();
+  feed(_rule, r, kPut32);
+  _num = _rule.records();
 }
 
 void cstsz_file::fillFinal(IO&) {
-  if (_first) begin(nullptr);
-  // With a uniform size the count is records times the first record's sample frames.
-  if (_size) _num *= _firstSize;
-  _firstSize = 1;  // a second final pass leaves the count as it is
-  PatchCount(*_io, _countPos, _num);
-  _io->Flush();
+  if (_first) begin();
+  finishTable(_num = _rule.count());
 }
 
 // ============================================================ stco, co64
 
-cstco_file::cstco_file(IO& io) : TStblFile(io) {}
-cco64_file::cco64_file(IO& io) : TStblFile(io) {}
-
-void cstco_file::begin() {
-  writeHeader();
-  _real = 0;
-}
-
-void cco64_file::begin() {
-  writeHeader();
-  _real = 0;
-}
-
-void cstco_file::fill(IO&, std::vector<ChunkParam>* list) {
-  const ChunkParam& r = lastOf(list);
-  if (_first) begin();
-  ++_num;
-  if (!r.offset) return;
-  IOIntWriter(*_io).Write32be(static_cast<uint32_t>(r.offset));
-  ++_real;
-}
-
-void cco64_file::fill(IO&, std::vector<ChunkParam>* list) {
-  const ChunkParam& r = lastOf(list);
-  if (_first) begin();
-  ++_num;
-  if (!r.offset) return;
-  IOIntWriter(*_io).Write64be(r.offset);
-  ++_real;
+template <class Table, class Entry>
+void TChunkOffsetFile<Table, Entry>::fill(IO&, std::vector<ChunkParam>* list) {
+  const ChunkParam& r = this->lastOf(list);
+  if (this->_first) {
+    this->writeHeader();
+    _rule = ChunkOffsetRule();
+  }
+  // "stco" keeps only the low 32 bits: a track that needs more writes "co64".
+  this->feed(_rule, r, [](BeOut& out, uint64_t v) {
+    if (sizeof(Entry) == 4)
+      out.u32(static_cast<uint32_t>(v));
+    else
+      out.u64(v);
+  });
+  this->_num = _rule.records();
 }
 
 // The box's _num counts records; the file holds the offsets really written.
-void cstco_file::fillFinal(IO&) {
-  if (_first) begin();
-  PatchCount(*_io, _countPos, _real);
-  _io->Flush();
+template <class Table, class Entry>
+void TChunkOffsetFile<Table, Entry>::fillFinal(IO&) {
+  if (this->_first) {
+    this->writeHeader();
+    _rule = ChunkOffsetRule();
+  }
+  this->finishTable(_rule.count());
 }
 
-void cco64_file::fillFinal(IO&) {
-  if (_first) begin();
-  PatchCount(*_io, _countPos, _real);
-  _io->Flush();
+template <class Table, class Entry>
+bool TChunkOffsetFile<Table, Entry>::fromAttrSet(const AttrSet& ap) {
+  return ShiftOffsets<Entry>(*this, ap);
 }
 
-bool cstco_file::fromAttrSet(const AttrSet& ap) { return ShiftOffsets<uint32_t>(*this, ap); }
-bool cco64_file::fromAttrSet(const AttrSet& ap) { return ShiftOffsets<uint64_t>(*this, ap); }
+template class TChunkOffsetFile<cstco, uint32_t>;
+template class TChunkOffsetFile<cco64, uint64_t>;
 
 // ============================================================ stss
 
@@ -308,22 +262,19 @@ cstss_file::cstss_file(IO& io) : TStblFile(io) {}
 
 void cstss_file::begin() {
   writeHeader();
-  _index = 0;
+  _rule = StssRule();
 }
 
 void cstss_file::fill(IO&, std::vector<ChunkParam>* list) {
   const ChunkParam& r = lastOf(list);
   if (_first) begin();
-  ++_index;
-  if (!(r.flags & 1)) return;
-  IOIntWriter(*_io).Write32be(_index);
-  ++_num;
+  feed(_rule, r, kPut32);
+  _num = _rule.count();
 }
 
 void cstss_file::fillFinal(IO&) {
   if (_first) begin();
-  PatchCount(*_io, _countPos, _num);
-  _io->Flush();
+  finishTable(_rule.count());
 }
 
 // ============================================================ sdtp
@@ -338,12 +289,50 @@ void csdtp_file::begin() {
 void csdtp_file::fill(IO&, std::vector<ChunkParam>* list) {
   const ChunkParam& r = lastOf(list);
   if (_first) begin();
-  IOIntWriter(*_io).Write8(Flags(r));
+  IOIntWriter(*_io).Write8(SdtpRule::Byte(r));
 }
 
 void csdtp_file::fillFinal(IO&) {
   if (_first) begin();
   _io->Flush();
+}
+
+// ============================================================ kinds
+
+const char* StblKindName(StblKind kind) {
+  switch (kind) {
+    case StblKind::stts: return "stts";
+    case StblKind::ctts: return "ctts";
+    case StblKind::stss: return "stss";
+    case StblKind::sdtp: return "sdtp";
+    case StblKind::stsc: return "stsc";
+    case StblKind::stsz: return "stsz";
+    case StblKind::stco: return "stco";
+    case StblKind::co64: return "co64";
+  }
+  return "";
+}
+
+namespace {
+template <class Plain, class OnFile>
+IStbl* Make(IO* onFile) {
+  if (onFile) return new OnFile(*onFile);
+  return new Plain();
+}
+}  // namespace
+
+IStbl* NewTable(StblKind kind, IO* onFile) {
+  switch (kind) {
+    case StblKind::stts: return Make<cxstts, cxstts_file>(onFile);
+    case StblKind::ctts: return Make<cctts, cctts_file>(onFile);
+    case StblKind::stss: return Make<cstss, cstss_file>(onFile);
+    case StblKind::sdtp: return Make<csdtp, csdtp_file>(onFile);
+    case StblKind::stsc: return Make<cstsc, cstsc_file>(onFile);
+    case StblKind::stsz: return Make<cstsz, cstsz_file>(onFile);
+    case StblKind::stco: return Make<cstco, cstco_file>(onFile);
+    case StblKind::co64: return Make<cco64, cco64_file>(onFile);
+  }
+  return nullptr;
 }
 
 }  // namespace mov

@@ -3,7 +3,8 @@
 // its own (a kiv::base::IOFileBuffer that moves to a temporary file when it outgrows its reservation).
 // At the end the finished table, header included, is copied into the output; when it sits in a file,
 // a cfree_concate in front of it has aligned the output to a cluster first. The layouts are those of
-// the plain tables, and for the same records the bytes are the same.
+// the plain tables, and each form runs the same rule (StblRules.h) as its plain table, one record a
+// step, so for the same records the bytes are the same.
 #pragma once
 
 #include <algorithm>
@@ -40,6 +41,14 @@ class IStblFile {
   // The record a step works on; a missing one reads as zeros, with a log line.
   static const ChunkParam& lastOf(const std::vector<ChunkParam>* list);
   static const ChunkParam& firstOf(const std::vector<ChunkParam>* list);
+  // One record into the table's rule; the entries it completes go to the table's IO at once.
+  template <class Rule, class Put>
+  void feed(Rule& rule, const ChunkParam& r, Put put) {
+    BeOut out(*_io);
+    rule.add(r, [&](const auto& e) { put(out, e); });
+  }
+  // The count into the header, and the table out to its medium.
+  void finishTable(uint32_t count);
 
   IO* _io;              // not owned
   bool _first = true;   // no header written yet
@@ -79,11 +88,8 @@ class cstts_file : public TStblFile<cstts> {
   void fill(IO& io, std::vector<ChunkParam>* list) override;
   void fillFinal(IO& io) override;
 
-  uint32_t _last = 0;     // delta of the open run
-  uint32_t _run = 0;      // samples of the open run
-  uint32_t _current = 0;  // delta of the record being added
-
  private:
+  SttsRule _rule;
   void begin();
 };
 
@@ -100,10 +106,8 @@ class cctts_file : public TStblFile<cctts> {
   void fill(IO& io, std::vector<ChunkParam>* list) override;
   void fillFinal(IO& io) override;
 
-  uint32_t _acc = 0;   // durations of the open group of three
-  uint32_t _seen = 0;  // records so far
-
  private:
+  CttsRule _rule;
   void begin();
 };
 
@@ -114,13 +118,8 @@ class cstsc_file : public TStblFile<cstsc> {
   void fill(IO& io, std::vector<ChunkParam>* list) override;
   void fillFinal(IO& io) override;
 
-  uint32_t _chunk = 1;
-  unsigned long long _idx = 0;
-  unsigned long long _end = 0;
-  uint32_t _lastCount = 0;
-  uint8_t _lastDesc = 0;
-
  private:
+  StscRule _rule;
   void begin();
 };
 
@@ -131,40 +130,37 @@ class cstsz_file : public TStblFile<cstsz> {
   void fill(IO& io, std::vector<ChunkParam>* list) override;
   void fillFinal(IO& io) override;
 
-  uint32_t _firstSize = 0;  // with a uniform size: the first record's sample frames
-
  private:
-  void begin(const std::vector<ChunkParam>* list);
+  void begin();
+  StszRule _rule;
 };
 
-class cstco_file : public TStblFile<cstco> {
+// "stco" and "co64" on file; Entry is the width of an offset in the table.
+template <class Table, class Entry>
+class TChunkOffsetFile : public TStblFile<Table> {
  public:
-  using TStblFile::fill;
-  explicit cstco_file(IO& io);
+  using TStblFile<Table>::fill;
   void fill(IO& io, std::vector<ChunkParam>* list) override;
   void fillFinal(IO& io) override;
   // "io" (an IO pointer standing at the box's start) and "shift_offset": adds the shift to the
   // offsets of the table written there.
   bool fromAttrSet(const AttrSet& ap) override;
 
-  uint32_t _real = 0;  // offsets written
+ protected:
+  explicit TChunkOffsetFile(IO& io) : TStblFile<Table>(io) {}
 
  private:
-  void begin();
+  ChunkOffsetRule _rule;
 };
 
-class cco64_file : public TStblFile<cco64> {
+class cstco_file : public TChunkOffsetFile<cstco, uint32_t> {
  public:
-  using TStblFile::fill;
-  explicit cco64_file(IO& io);
-  void fill(IO& io, std::vector<ChunkParam>* list) override;
-  void fillFinal(IO& io) override;
-  bool fromAttrSet(const AttrSet& ap) override;
+  explicit cstco_file(IO& io) : TChunkOffsetFile(io) {}
+};
 
-  uint32_t _real = 0;
-
- private:
-  void begin();
+class cco64_file : public TChunkOffsetFile<cco64, uint64_t> {
+ public:
+  explicit cco64_file(IO& io) : TChunkOffsetFile(io) {}
 };
 
 class cstss_file : public TStblFile<cstss> {
@@ -174,9 +170,8 @@ class cstss_file : public TStblFile<cstss> {
   void fill(IO& io, std::vector<ChunkParam>* list) override;
   void fillFinal(IO& io) override;
 
-  uint32_t _index = 0;  // 1-based number of the last record
-
  private:
+  StssRule _rule;
   void begin();
 };
 
@@ -190,6 +185,16 @@ class csdtp_file : public TStblFile<csdtp> {
  private:
   void begin();
 };
+
+// The sample tables a track may have, for code that builds a track's "stbl" without knowing in which
+// form its tables are kept.
+enum class StblKind { stts, ctts, stss, sdtp, stsc, stsz, stco, co64 };
+
+// The table's four-character code as text.
+const char* StblKindName(StblKind kind);
+// A new table box of the kind: the plain form, or with onFile the _file form writing into it. "stts"
+// is the form whose records count one sample each (cxstts), the one every track here uses.
+IStbl* NewTable(StblKind kind, IO* onFile);
 
 }  // namespace mov
 }  // namespace plugin

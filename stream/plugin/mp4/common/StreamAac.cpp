@@ -4,12 +4,12 @@
 #include <cstring>
 
 #include "stream/base/dbg/Log.h"
-#include "stream/base/io/IOFileBuffer.h"
 #include "stream/core/IMedia.h"
 #include "stream/core/Packet.h"
 #include "stream/plugin/mp4/BoxWeave.h"
 #include "stream/plugin/mp4/VideoTag.h"
 #include "stream/plugin/mp4/common/Box.h"
+#include "stream/plugin/mp4/common/Mp4aEntry.h"
 #include "stream/plugin/mp4/common/Stbl.h"
 #include "stream/plugin/mp4/common/StblFile.h"
 #include "stream/plugin/mp4/common/Stsd.h"
@@ -18,7 +18,6 @@ namespace kiv {
 namespace plugin {
 namespace mov {
 
-using kiv::base::IOFileBuffer;
 
 namespace {
 
@@ -27,26 +26,6 @@ void releasePacket(Packet*& p) { kiv::base::Release(p); }
 constexpr unsigned kRates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000, 7350};
 constexpr unsigned kChannels[] = {0, 1, 2, 3, 4, 5, 6, 8};
 
-// The upper word of a version-2 entry's rate (a big-endian double whose lower word is 0).
-uint32_t rateHighWord(unsigned rate) {
-  switch (rate) {
-    case 48000: return 0x40E77000u;
-    case 44100: return 0x40E58880u;
-    case 24000: return 0x40D77000u;
-    case 22050: return 0x40D58880u;
-    case 12000: return 0x40C77000u;
-    default: return 0x40C58880u;  // 11025
-  }
-}
-
-template <class T>
-void addTableFile(IBox* stbl, IOFileBuffer* buffer, IStblFile*& box, IOFileBuffer*& owned) {
-  T* t = new T(*buffer);
-  stbl->Add(t);
-  box = t;
-  owned = buffer;
-}
-
 }  // namespace
 
 StreamAac::StreamAac() : IStream("mp4a") {}
@@ -54,11 +33,6 @@ StreamAac::StreamAac() : IStream("mp4a") {}
 StreamAac::~StreamAac() {
   delete _fifo;
   _fifo = nullptr;
-  delete _sttsBuf;
-  delete _stscBuf;
-  delete _stszBuf;
-  delete _stcoBuf;
-  delete _co64Buf;
 }
 
 // ---------------------------------------------------------------- the trak tree
@@ -114,31 +88,20 @@ bool StreamAac::muxConfig(kiv::base::Object* tagsObject) {
   auto* stsd = new cstsd();
   stbl->Add(stsd);
 
-  // Reservations for the planned number of frames, rate * planSeconds / 1024, truncated once.
+  // Reservations of the tables on file for the planned number of frames, rate * planSeconds / 1024,
+  // truncated once.
   const long long frames64 = static_cast<long long>(rate) * _planSeconds;
   auto reserve = [&](long long k) -> long long { return (k * frames64) >> 10; };
   const unsigned aspc = tags->audiosampleperchunk;
-  if (!_concate) {
-    stbl->Add(new cxstts());
-    stbl->Add(new cstsc());
-    stbl->Add(new cstsz());
-    if (_use64)
-      stbl->Add(new cco64());
-    else
-      stbl->Add(new cstco());
-  } else {
-    addTableFile<cxstts_file>(stbl, newTableBuffer(stbl, "stts", tags, para.fixedRate ? 32 : reserve(8)), _stts,
-                              _sttsBuf);
-    addTableFile<cstsc_file>(stbl, newTableBuffer(stbl, "stsc", tags, aspc <= 1 ? 32 : reserve(12) / aspc), _stsc,
-                             _stscBuf);
-    addTableFile<cstsz_file>(stbl, newTableBuffer(stbl, "stsz", tags, reserve(4)), _stsz, _stszBuf);
-    if (_use64)
-      addTableFile<cco64_file>(stbl, newTableBuffer(stbl, "co64", tags, reserve(8)), _co64, _co64Buf);
-    else
-      addTableFile<cstco_file>(stbl, newTableBuffer(stbl, "stco", tags, reserve(4)), _stco, _stcoBuf);
-  }
-  auto* mp4a = new cmp4a();
-  stsd->Add(mp4a);
+  // The reservations count only for tables on file.
+  addTable(stbl, StblKind::stts, tags, para.fixedRate ? 32 : reserve(8));
+  addTable(stbl, StblKind::stsc, tags, aspc <= 1 ? 32 : reserve(12) / aspc);
+  addTable(stbl, StblKind::stsz, tags, reserve(4));
+  if (_use64)
+    addTable(stbl, StblKind::co64, tags, reserve(8));
+  else
+    addTable(stbl, StblKind::stco, tags, reserve(4));
+  stsd->Add(NewMp4aEntry(*tags, *_media, rate, chn, depth, bitrate));
 
   // ---- the fields
   _chunkList = stbl->ChunkList();
@@ -152,59 +115,6 @@ bool StreamAac::muxConfig(kiv::base::Object* tagsObject) {
   hdlr->_component_manufacturer = tags->manufacturer;
   hdlr->ComponentName(tags->audhandercomname, tags->audhandercomnamelen);
   alis->Flags(1);
-
-  auto* esds = new cesds();
-  esds->_sample_rate = static_cast<uint32_t>(rate);
-  esds->_has_es_id = 1;
-  esds->_es_id = tags->audio_ES_ID;
-  esds->_priority = static_cast<uint8_t>(tags->audio_streamPrority);
-  esds->_buffer_size = tags->audio_bufferSizeDB;
-  esds->_fcc = FCC("mp4a");
-  esds->getType_indication();
-  esds->_extra = _media->Extra();
-  esds->_extra_size = static_cast<uint32_t>(_media->ExtraSize());
-  esds->_max_bitrate = static_cast<uint32_t>(bitrate);
-  esds->_avg_bitrate = static_cast<uint32_t>(bitrate);
-
-  const bool quickTime = tags->file_type == kQuickTimeType;
-  LOGI << "file type: " << kiv::base::Hex(tags->file_type);
-  if (chn < 3 || !quickTime) {
-    // A plain sound entry with "esds" right under it.
-    mp4a->Add(esds);
-    mp4a->_channels = static_cast<uint16_t>(chn);
-    mp4a->_sample_size = static_cast<uint16_t>(depth);
-    mp4a->_compression_id = quickTime ? 0xFFFE : tags->audio_compression_id;
-    mp4a->_packet_size = 0;
-    mp4a->_sample_rate = static_cast<uint16_t>(rate);
-    mp4a->_sample_rate_fraction = 0;
-  } else {
-    // QuickTime with more than two channels: a version-2 entry, "esds" inside "wave".
-    auto* wave = new cwave();
-    mp4a->Add(wave);
-    auto* frma = new cfrma();
-    frma->_format = FCC("mp4a");
-    wave->Add(frma);
-    wave->Add(new cmp4asub());
-    wave->Add(esds);
-    auto* chan = new cchan();
-    chan->_channels = static_cast<uint16_t>(chn);
-    wave->Add(chan);
-    mp4a->_version = 2;
-    mp4a->_channels = 3;
-    mp4a->_sample_size = 16;
-    mp4a->_compression_id = 0xFFFE;
-    mp4a->_packet_size = 0;
-    mp4a->_sample_rate = 1;
-    mp4a->_sample_rate_fraction = 0;
-    mp4a->_word_a = 72;
-    mp4a->_word_b = rateHighWord(static_cast<unsigned>(rate));
-    mp4a->_word_c = 0;
-    mp4a->_word_d = static_cast<uint32_t>(chn);
-    mp4a->_bits_per_channel = 16;
-    mp4a->_format_flags = 12;
-    mp4a->_bytes_per_audio_packet = 2u * static_cast<unsigned>(chn);
-    mp4a->_frames_per_audio_packet = 0;
-  }
 
   _media->Get("adtslen", _adtslen);
   _media->Get("frmSampNum", _frmSampNum);
@@ -222,7 +132,7 @@ bool StreamAac::muxConfig(kiv::base::Object* tagsObject) {
   return true;
 }
 
-void StreamAac::ConcateModeUpdate() { concateFill({_stts, _stsc, _stsz, _co64, _stco}); }
+void StreamAac::ConcateModeUpdate() { concateFill(); }
 
 // ---------------------------------------------------------------- samples
 

@@ -8,6 +8,7 @@
 
 #include "stream/core/Fifo.h"
 #include "stream/plugin/mp4/common/IStream.h"
+#include "stream/plugin/mp4/common/Mp4aEntry.h"
 
 namespace kiv {
 namespace plugin {
@@ -16,7 +17,7 @@ namespace mov {
 class StreamAac : public IStream {
  public:
   // The file type of the QuickTime flavour (hash of "mov"), which picks the entry form.
-  static constexpr uint32_t kQuickTimeType = 0xd19e5c79u;
+  static constexpr uint32_t kQuickTimeType = kQuickTimeFileType;
 
   StreamAac();
   ~StreamAac() override;
@@ -55,16 +56,6 @@ class StreamAac : public IStream {
   unsigned _chunkCount = 0;
   unsigned long long _chunkMs = 0;
   unsigned long long _sampleTotal = 0;
-  IStblFile* _stts = nullptr;
-  kiv::base::IOFileBuffer* _sttsBuf = nullptr;
-  IStblFile* _stsc = nullptr;
-  kiv::base::IOFileBuffer* _stscBuf = nullptr;
-  IStblFile* _stsz = nullptr;
-  kiv::base::IOFileBuffer* _stszBuf = nullptr;
-  IStblFile* _stco = nullptr;
-  kiv::base::IOFileBuffer* _stcoBuf = nullptr;
-  IStblFile* _co64 = nullptr;
-  kiv::base::IOFileBuffer* _co64Buf = nullptr;
 
  protected:
   // Pops n frames and writes them as the records of one chunk; returns the bytes written.

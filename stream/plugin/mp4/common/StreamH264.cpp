@@ -3,14 +3,14 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <new>
 
 #include "stream/base/dbg/Log.h"
-#include "stream/base/io/IOFileBuffer.h"
 #include "stream/core/IMedia.h"
 #include "stream/core/Packet.h"
 #include "stream/plugin/mp4/BoxWeave.h"
 #include "stream/plugin/mp4/VideoTag.h"
+#include "stream/plugin/mp4/common/AvcNal.h"
+#include "stream/plugin/mp4/common/AvcTrak.h"
 #include "stream/plugin/mp4/common/Box.h"
 #include "stream/plugin/mp4/common/Stbl.h"
 #include "stream/plugin/mp4/common/StblFile.h"
@@ -21,34 +21,10 @@ namespace plugin {
 namespace mov {
 
 using kiv::base::Fraction;
-using kiv::base::IOFileBuffer;
 
 namespace {
 
-constexpr unsigned char kStartCode[4] = {0, 0, 0, 1};
-
-inline bool isStartCode(const unsigned char* p) { return p[0] == 0 && p[1] == 0 && p[2] == 0 && p[3] == 1; }
-// NAL types 1 and 5: the coded slices.
-inline bool isSlice(unsigned char b) { return (b & 27) == 1; }
-
-inline void put32be(unsigned char* p, uint32_t v) {
-  p[0] = static_cast<unsigned char>(v >> 24);
-  p[1] = static_cast<unsigned char>(v >> 16);
-  p[2] = static_cast<unsigned char>(v >> 8);
-  p[3] = static_cast<unsigned char>(v);
-}
-
 void releasePacket(Packet*& p) { kiv::base::Release(p); }
-
-// Table-on-file mode: the table goes to a buffer of its own, behind its filler.
-template <class T>
-T* addTableFile(IBox* stbl, IOFileBuffer* buffer, IStblFile*& box, IOFileBuffer*& owned) {
-  T* t = new T(*buffer);
-  stbl->Add(t);
-  box = t;
-  owned = buffer;
-  return t;
-}
 
 }  // namespace
 
@@ -58,14 +34,6 @@ StreamH264::~StreamH264() {
   // The fifo's element destructor releases the packets still waiting.
   delete _fifo;
   _fifo = nullptr;
-  delete _sttsBuf;
-  delete _cttsBuf;
-  delete _sdtpBuf;
-  delete _stscBuf;
-  delete _stszBuf;
-  delete _stcoBuf;
-  delete _co64Buf;
-  delete _stssBuf;
 }
 
 // ---------------------------------------------------------------- the trak tree
@@ -74,243 +42,50 @@ bool StreamH264::muxConfig(kiv::base::Object* tagsObject) {
   videoTags* tags = profileOf(tagsObject);
   if (!tags) return false;
   const MuxerParam& para = param();
-  const unsigned char version = _version1 ? 1 : 0;
-
-  // The tree first, then its fields: a failing attribute leaves a half-filled tree behind.
-  auto* trak = new ctrak();
-  _trak = trak;
-  _struct = 0;
-  if (_media) _media->Get("struct", _struct);
-  const bool ibbp = _struct == FCC("ibbp");
-  const bool iiii = _struct == FCC("iiii");
-
-  auto* tkhd = new ctkhd(version);
-  trak->Add(tkhd);
-  caperture* aperture[3] = {nullptr, nullptr, nullptr};
-  if (tags->ios_support_box_add) {
-    auto* tapt = new ctapt();
-    trak->Add(tapt);
-    aperture[0] = new cclef();
-    aperture[1] = new cprof();
-    aperture[2] = new cenof();
-    for (caperture* a : aperture) tapt->Add(a);
-  }
-  auto* vmhd = new cvmhd();
-  const MediaBoxes media =
-      addMediaBoxes(trak, version, tags->video_has_edts, tags->video_track_lang_id, vmhd,
-                    tags->video_handler_minf_present, tags->vidhandlerrefcomname, tags->vidhandlerrefcomnamelen,
-                    tags->datareftype);
-  cmdhd* mdhd = media.mdhd;
-  chdlr* hdlr = media.hdlr;
-  cminf* minf = media.minf;
-  calis* alis = media.alis;
 
   const long long num = _frameRate.Num();
   const long long den = _frameRate.Den();
   if (para.rsvdSeconds > 0 && !_concate) _rsvdSize = den ? static_cast<unsigned>(num * para.rsvdSeconds / den) : 0;
   if (Debug()) LOGL << "Video rsvdSize: " << _rsvdSize;
 
-  auto* stbl = new cstbl(_rsvdSize);
-  minf->Add(stbl);
-  auto* stsd = new cstsd();
-  stbl->Add(stsd);
-
-  // Reservations for the planned number of frames, k * N / div with N = planSeconds * rate.
+  // Reservations of the tables on file for the planned number of frames, k * N / div with
+  // N = planSeconds * rate.
   auto reserve = [&](long long k, long long div) -> long long {
     if (!den) return 0;
     const long long v = k * _planSeconds * num / den;
     return div > 1 ? v / div : v;
   };
-  const unsigned vspc = tags->videosampleperchunk;
-  auto addStts = [&] {
-    if (!_concate) {
-      stbl->Add(new cxstts());
-      return;
+  auto reserved = [&](StblKind kind) -> long long {
+    const unsigned vspc = tags->videosampleperchunk;
+    switch (kind) {
+      case StblKind::stts: return para.fixedRate ? 32 : reserve(8, 1);
+      case StblKind::ctts: return reserve(16, 3);
+      case StblKind::stss: return reserve(4, 15);
+      case StblKind::sdtp: return reserve(1, 1);
+      case StblKind::stsc: return vspc <= 1 ? 32768 : reserve(12, vspc);
+      case StblKind::stsz: return reserve(4, 1);
+      case StblKind::stco: return reserve(4, 1);
+      case StblKind::co64: return reserve(8, 1);
     }
-    auto* buf = newTableBuffer(stbl, "stts", tags, para.fixedRate ? 32 : reserve(8, 1));
-    addTableFile<cxstts_file>(stbl, buf, _stts, _sttsBuf);
-  };
-  auto addStss = [&] {
-    if (!_concate) {
-      stbl->Add(new cstss());
-      return;
-    }
-    auto* buf = newTableBuffer(stbl, "stss", tags, reserve(4, 15));
-    addTableFile<cstss_file>(stbl, buf, _stss, _stssBuf);
+    return 0;
   };
 
-  addStts();
-  if (ibbp) {
-    if (!_concate)
-      stbl->Add(new cctts());
-    else
-      addTableFile<cctts_file>(stbl, newTableBuffer(stbl, "ctts", tags, reserve(16, 3)), _ctts, _cttsBuf);
-  }
-  if (!tags->stbl_order && !iiii) addStss();
-  if (tags->ios_support_box_add) {
-    if (!_concate)
-      stbl->Add(new csdtp());
-    else
-      addTableFile<csdtp_file>(stbl, newTableBuffer(stbl, "sdtp", tags, reserve(1, 1)), _sdtp, _sdtpBuf);
-  }
-  if (!_concate)
-    stbl->Add(new cstsc());
-  else
-    addTableFile<cstsc_file>(stbl, newTableBuffer(stbl, "stsc", tags, vspc <= 1 ? 32768 : reserve(12, vspc)), _stsc,
-                             _stscBuf);
-  if (!_concate)
-    stbl->Add(new cstsz());
-  else
-    addTableFile<cstsz_file>(stbl, newTableBuffer(stbl, "stsz", tags, reserve(4, 1)), _stsz, _stszBuf);
-  if (_use64) {
-    if (!_concate)
-      stbl->Add(new cco64());
-    else
-      addTableFile<cco64_file>(stbl, newTableBuffer(stbl, "co64", tags, reserve(8, 1)), _co64, _co64Buf);
-  } else {
-    if (!_concate)
-      stbl->Add(new cstco());
-    else
-      addTableFile<cstco_file>(stbl, newTableBuffer(stbl, "stco", tags, reserve(4, 1)), _stco, _stcoBuf);
-  }
-  if (tags->stbl_order && !iiii) addStss();
-
-  auto* avc1 = new cavc1();
-  stsd->Add(avc1);
-  auto* avcc = new cavcC();
-  avc1->Add(avcc);
-  if (tags->video_has_color_param) {
-    auto* colr = new ccolr();
-    colr->_colour_type = (tags->file_type != 0 && !tags->video_colr_use_nclc) ? FCC("nclx") : FCC("nclc");
-    const unsigned c = tags->video_color_param;
-    const unsigned low = c & 0x7F;
-    colr->_not_bt709 = static_cast<uint8_t>(low);
-    if (low) {
-      colr->_full_range = (c & 0x80) ? 1 : 0;
-      colr->_primaries = 6;
-      colr->_transfer = 1;
-      colr->_matrix = 6;
-    } else {
-      // The opposite sense of the bit in this case, as the profiles in the field expect it.
-      colr->_full_range = (c & 0x80) ? 0 : 1;
-      colr->_primaries = 1;
-      colr->_transfer = 1;
-      colr->_matrix = 1;
-    }
-    if (const uint64_t cus = tags->video_cus_color_param) {
-      colr->_primaries = static_cast<uint16_t>(cus & 0xff);
-      colr->_transfer = static_cast<uint16_t>((cus >> 16) & 0xff);
-      colr->_matrix = static_cast<uint16_t>((cus >> 32) & 0xff);
-    }
-    avc1->Add(colr);
-  }
-
-  // ---- the fields
-  _chunkList = stbl->ChunkList();
-
-  int width = 1920;
-  int height = 1080;
-  bool interlace = false;
-  if (!_media || !_media->Get("width", width)) {
-    LOGE << "!_media->Get(\"width\", width)";
-    return false;
-  }
-  if (!_media->Get("height", height)) {
-    LOGE << "!_media->Get(\"height\", height)";
-    return false;
-  }
-  if (!_media->Get("interlace", interlace)) {
-    LOGE << "!_media->Get(\"interlace\", interlace)";
-    return false;
-  }
-  if (interlace) height *= 2;
-  LOGI << "width : " << width << "," << "height : " << height;
-
-  _scale.Scale(tags->timescale);
-
-  tkhd->_track_id = static_cast<unsigned>(_trackId);
-  tkhd->_width = static_cast<unsigned short>(width);
-  tkhd->_height = static_cast<unsigned short>(height);
-  tkhd->Flags(tags->tkhd_flags);
-  if (tags->video_track_matrix) std::memcpy(tkhd->_matrix, tags->video_track_matrix, sizeof tkhd->_matrix);
-  for (caperture* a : aperture) {
-    if (!a) continue;
-    a->_width = static_cast<unsigned short>(width);
-    a->_height = static_cast<unsigned short>(height);
-  }
-  mdhd->_timescale = tags->timescale;
-
-  hdlr->_component_type = tags->video_handler_type;
-  hdlr->_component_subtype = FCC("vide");
-  hdlr->_component_manufacturer = tags->manufacturer;
-  hdlr->ComponentName(tags->vidhandercomname, tags->vidhandercomnamelen);
-  vmhd->Flags(1);
-  alis->Flags(1);
-
-  avc1->_vendor = tags->vendor;
-  avc1->_temporal_quality = tags->temporal_quality;
-  avc1->_spatial_quality = tags->spatial_quality;
-  avc1->_width = static_cast<uint16_t>(width);
-  avc1->_height = static_cast<uint16_t>(height);
-  avc1->_horizontal_resolution = 0x480000;
-  avc1->_vertical_resolution = 0x480000;
-  avc1->_frame_count = 1;
-  avc1->CompressorName(static_cast<unsigned char>(tags->compressorlen), tags->compressorname,
-                       cvmsi::kCompressorNameSize);
-  avc1->_depth = 24;
-  avc1->_color_table_id = 0xffff;
-
-  unsigned profile = 0, level = 0, ipps = 0, isps = 0;
-  unsigned char* pps = nullptr;
-  unsigned char* sps = nullptr;
-  if (!_media->Get("profile", profile)) {
-    LOGE << "!_media->Get(\"profile\", profile)";
-    return false;
-  }
-  if (!_media->Get("level", level)) {
-    LOGE << "!_media->Get(\"level\", level)";
-    return false;
-  }
-  if (!_media->Get("pps", pps)) {
-    LOGE << "!_media->Get(\"pps\", pps)";
-    return false;
-  }
-  if (!_media->Get("ipps", ipps)) {
-    LOGE << "!_media->Get(\"ipps\", ipps)";
-    return false;
-  }
-  if (!_media->Get("sps", sps)) {
-    LOGE << "!_media->Get(\"sps\", sps)";
-    return false;
-  }
-  if (!_media->Get("isps", isps)) {
-    LOGE << "!_media->Get(\"isps\", isps)";
-    return false;
-  }
-  _extraSize = ipps + isps;
-
-  avcc->_configuration_version = 1;
-  avcc->_profile = static_cast<uint8_t>(tags->AVCProfileIndication ? tags->AVCProfileIndication : profile);
-  avcc->_compatibility = tags->profile_compatibility;
-  avcc->_level = static_cast<uint8_t>(tags->AVCLevelIndication ? tags->AVCLevelIndication : level);
-  avcc->_pps = pps;
-  avcc->_pps_size = static_cast<uint16_t>(ipps);
-  avcc->_sps = sps;
-  avcc->_sps_size = static_cast<uint16_t>(isps);
-  unsigned chroma = 0;
-  if (!_media->Get("chroma_format_idc", chroma)) {
-    LOGE << "!_media->Get(\"chroma_format_idc\", avcc->_chroma_format_idc)";
-    return false;
-  }
-  avcc->_chroma_format = static_cast<uint8_t>(chroma);
-  if (!_media->Get("bit_depth_luma_minus8", avcc->_luma_bit_depth)) {
-    LOGE << "!_media->Get(\"bit_depth_luma_minus8\", avcc->_bit_depth_luma_minus8)";
-    return false;
-  }
-  if (!_media->Get("bit_depth_chroma_minus8", avcc->_chroma_bit_depth)) {
-    LOGE << "!_media->Get(\"bit_depth_chroma_minus8\", avcc->_bit_depth_chroma_minus8)";
-    return false;
-  }
+  AvcTrakSetup setup;
+  setup.tags = tags;
+  setup.media = _media;
+  setup.version1 = _version1;
+  setup.use64 = _use64;
+  setup.trackId = _trackId;
+  setup.listCapacity = _rsvdSize;
+  setup.scale = &_scale;
+  setup.addTable = [&](IBox* stbl, StblKind kind) { addTable(stbl, kind, tags, reserved(kind)); };
+  AvcTrak built;
+  const bool ok = BuildAvcTrak(setup, built);
+  _trak = built.trak;
+  _struct = built.structure;
+  _chunkList = built.stbl ? built.stbl->ChunkList() : nullptr;
+  _extraSize = built.extraSize;
+  if (!ok) return false;
 
   if (tags->videosampleperchunk < 2) return true;
   groupSetup(tags, true);
@@ -342,7 +117,7 @@ bool StreamH264::muxUpdate() {
   return true;
 }
 
-void StreamH264::ConcateModeUpdate() { concateFill({_stts, _ctts, _sdtp, _stsc, _stsz, _co64, _stco, _stss}); }
+void StreamH264::ConcateModeUpdate() { concateFill(); }
 
 // ---------------------------------------------------------------- samples
 
@@ -452,64 +227,14 @@ long long StreamH264::WriteData(IO& io, Packet& packet) {
   return head + written;
 }
 
-int StreamH264::GetSliceDataOffset(const Packet& packet) {
-  const unsigned char* d = packet.Data();
-  const int n = packet.Size();
-  if (!d) return 0;
-  for (int i = 0; n - i >= 6; ++i)
-    if (isStartCode(d + i) && isSlice(d[i + 4])) return i;
-  return 0;
-}
+int StreamH264::GetSliceDataOffset(const Packet& packet) { return AvcSliceOffset(packet.Data(), packet.Size()); }
 
 long long StreamH264::WriteNaluHeader(IO& io, const Packet& packet) {
-  const unsigned off = static_cast<unsigned>(GetSliceDataOffset(packet));
-  const unsigned head = off + 4;
-  const unsigned copy = off + 8;
-  unsigned char* buffer = _naluHeader;
-  unsigned char* owned = nullptr;
-  if (head > 252) {
-    // A long head (big SEI or parameter sets): the member buffer cannot hold it.
-    owned = new (std::nothrow) unsigned char[copy];
-    if (!owned) {
-      LOGE << "!buffer " << copy;
-      return 0;
-    }
-    buffer = owned;
-    std::memset(buffer, 0, copy);
-  } else {
-    std::memset(buffer, 0, sizeof _naluHeader);
-  }
-  const unsigned have = packet.Size() > 0 ? static_cast<unsigned>(packet.Size()) : 0;
-  const unsigned take = std::min(copy, have);
-  if (take) std::memcpy(buffer, packet.Data(), take);
-  if (take < copy) LOGE << "sample of " << have << " bytes, head needs " << copy << ": missing bytes read as 0";
-  UpdateNaluHeader(buffer, copy, have);
-  io.Write(buffer, head);
-  delete[] owned;
-  return head;
+  return WriteAvcHead(io, packet.Data(), packet.Size(), _naluHeader);
 }
 
 void StreamH264::UpdateNaluHeader(unsigned char* buffer, unsigned int headerLength, unsigned int packetSize) {
-  if (!buffer || headerLength == 0) return;
-  unsigned char* const end = buffer + headerLength;
-  unsigned char* open = buffer;  // start of the unit whose length is not known yet
-  bool seen = false;
-  for (unsigned char* cur = buffer; end - cur >= 6; ++cur) {
-    if (!isStartCode(cur)) continue;
-    const unsigned char b = cur[4];
-    if (isSlice(b)) {
-      put32be(open, static_cast<uint32_t>(cur - open - 4));
-      // The slice runs to the end of the sample; for a slice alone this replaces the write above.
-      put32be(cur, static_cast<uint32_t>(packetSize - 4 - static_cast<unsigned>(cur - buffer)));
-      return;
-    }
-    const unsigned type = b & 31;
-    if (seen && type >= 6 && type <= 9) {
-      put32be(open, static_cast<uint32_t>(cur - open - 4));
-      open = cur;
-    }
-    seen = true;
-  }
+  AvcHeadToLengths(buffer, headerLength, packetSize);
 }
 
 bool StreamH264::SetAVCInfo(const Packet& packet) {
@@ -541,7 +266,7 @@ bool StreamH264::SetAVCInfo(const Packet& packet) {
   };
   int prev = -1;
   for (int i = 0; n - i >= 6; ++i) {
-    if (!isStartCode(d + i)) continue;
+    if (!AvcIsStartCode(d + i)) continue;
     if (prev >= 0 && _extraSize == 0) {
       // The unit that ends at this start code.
       const unsigned char* body = d + prev + 4;
@@ -603,9 +328,9 @@ bool StreamH264::setExtraData(IMedia* media) {
     sps = std::min<unsigned>(sps, sizeof buffer - 8);
     pps = std::min<unsigned>(pps, static_cast<unsigned>(sizeof buffer) - 8 - sps);
   }
-  std::memcpy(buffer, kStartCode, 4);
+  std::memcpy(buffer, kAvcStartCode, 4);
   if (sps) std::memcpy(buffer + 4, avcc->_sps, sps);
-  std::memcpy(buffer + 4 + sps, kStartCode, 4);
+  std::memcpy(buffer + 4 + sps, kAvcStartCode, 4);
   if (pps) std::memcpy(buffer + 8 + sps, avcc->_pps, pps);
   if (!media || !media->Extra(buffer, static_cast<int>(sps + pps + 8))) {
     LOGE << "!media->Extra(pbuf, nSpsPpsSize)";
@@ -639,7 +364,7 @@ Packet* StreamH264::demuxUpdatePacket(IO&, Packet* packet) {
   };
   auto nal = [&]() -> unsigned { return byteAt(at + 4); };
   auto toStartCode = [&]() {
-    if (at >= 0 && at + 4 <= size) std::memcpy(data + at, kStartCode, 4);
+    if (at >= 0 && at + 4 <= size) std::memcpy(data + at, kAvcStartCode, 4);
   };
   auto next = [&](uint32_t len) { at += 4 + static_cast<long long>(len); };
 
@@ -660,8 +385,8 @@ Packet* StreamH264::demuxUpdatePacket(IO&, Packet* packet) {
     toStartCode();
     next(len);
     len = length();
-    if (len == 1 || isSlice(static_cast<unsigned char>(nal()))) toStartCode();
-  } else if (isSlice(static_cast<unsigned char>(nal()))) {
+    if (len == 1 || AvcIsSlice(static_cast<unsigned char>(nal()))) toStartCode();
+  } else if (AvcIsSlice(static_cast<unsigned char>(nal()))) {
     toStartCode();
   }
   packet->CheckKey();

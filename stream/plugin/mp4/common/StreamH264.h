@@ -1,7 +1,7 @@
-// The H.264 track. Muxing: builds the whole trak tree from the media and the profile, turns the
-// Annex-B start codes of a sample into four-byte lengths while writing (only the head of a sample is
-// copied for that; the slice data goes to the file from the packet), and groups samples into chunks
-// through a fifo when the profile asks for several samples a chunk. Demuxing: rebuilds a media from
+// The H.264 track. Muxing: builds the trak tree from the media and the profile (AvcTrak.h), turns the
+// Annex-B start codes of a sample into four-byte lengths while writing (AvcNal.h: only the head of a
+// sample is copied for that; the slice data goes to the file from the packet), and groups samples
+// into chunks through a fifo when the profile asks for several samples a chunk. Demuxing: rebuilds a media from
 // "avc1" and "avcC" and puts the start codes back into a sample read from the file.
 #pragma once
 
@@ -56,22 +56,6 @@ class StreamH264 : public IStream {
   unsigned _spc = 1;
   unsigned long long _firstChunkMs = 0;
   unsigned _chunkCount = 0;
-  IStblFile* _stts = nullptr;
-  kiv::base::IOFileBuffer* _sttsBuf = nullptr;
-  IStblFile* _ctts = nullptr;
-  kiv::base::IOFileBuffer* _cttsBuf = nullptr;
-  IStblFile* _sdtp = nullptr;
-  kiv::base::IOFileBuffer* _sdtpBuf = nullptr;
-  IStblFile* _stsc = nullptr;
-  kiv::base::IOFileBuffer* _stscBuf = nullptr;
-  IStblFile* _stsz = nullptr;
-  kiv::base::IOFileBuffer* _stszBuf = nullptr;
-  IStblFile* _stco = nullptr;
-  kiv::base::IOFileBuffer* _stcoBuf = nullptr;
-  IStblFile* _co64 = nullptr;
-  kiv::base::IOFileBuffer* _co64Buf = nullptr;
-  IStblFile* _stss = nullptr;
-  kiv::base::IOFileBuffer* _stssBuf = nullptr;
   unsigned char _naluHeader[256] = {};
   kiv::base::Fraction _frameRate{0, 0};  // property "frameRate", set by the engine
   uint32_t _struct = 0;                  // media "struct": "ibbp" (B-frames), "iiii" (all intra)
