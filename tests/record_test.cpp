@@ -28,8 +28,13 @@ TEST(Record, InputErrorsHaveMessagesAndStatuses) {
       {"record -o " + dir + "/no/such/dir/x.mov" + v, 1, "cannot record to"},
       {o + v + " --set no_such_tag=1", 2, "unknown tag"},
       {o + v + " --fps 0", 2, "--fps"},
-      {"record" + v, 2, "-o OUT"},
-      {o + v + " --cache-block 4096", 2, "go together"},
+      {"record" + v, 2, "-o is required"},
+      {o + v + " --cache-block 4096", 2, "--cache-block requires --cache-blocks"},
+      {o + v + " --cache-block 0 --cache-blocks 2", 2, "--cache-block"},
+      {o + v + " --format avi", 2, "--format"},
+      {o + v + " --set videosampleperchunk", 2, "wants TAG=VALUE"},
+      {o + v + " --fps 30/0", 2, "--fps"},
+      {o + " --format mp4", 2, "needs --video FILE or --audio FILE"},
   };
   for (const auto& c : cases) {
     const ToolResult r = RunTool(c.args);

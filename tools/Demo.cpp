@@ -1,9 +1,10 @@
 // "demo": the main job on the built-in default: the bundled sample recorded as .mov and .mp4.
 #include <sys/stat.h>
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
+#include <memory>
 #include <string>
-#include <vector>
 
 #include "tools/Cli.h"
 
@@ -26,11 +27,7 @@ std::string sampleDir() {
   return "";
 }
 
-}  // namespace
-
-int RunDemo(const std::vector<std::string>& args) {
-  if (args.size() > 1) return UsageError("demo takes at most one directory");
-  const std::string dir = args.empty() ? "boxweave-demo" : args[0];
+int demo(const std::string& dir) {
   const std::string samples = sampleDir();
   if (samples.empty()) {
     std::fprintf(stderr, "boxweave: the bundled sample (samples/sample.h264, samples/sample.aac) is missing\n");
@@ -44,13 +41,28 @@ int RunDemo(const std::vector<std::string>& args) {
     const std::string out = dir + "/sample." + ext;
     std::printf("== recording %s\n", out.c_str());
     std::fflush(stdout);
-    const int status = RunRecord({"-o", out, "--video", samples + "/sample.h264", "--audio", samples + "/sample.aac",
-                                  "--fps", "30"});
+    RecordOptions o;
+    o.out = out;
+    o.video = samples + "/sample.h264";
+    o.audio = samples + "/sample.aac";
+    const int status = Record(o);
     if (status != kOk) return status;
-    const int info = RunInfo({"--summary", out});
+    InfoOptions summary;
+    summary.path = out;
+    summary.summary = true;
+    const int info = Info(summary);
     if (info != kOk) return info;
   }
   return kOk;
+}
+
+}  // namespace
+
+Verb AddDemo(CLI::App& app) {
+  auto dir = std::make_shared<std::string>("boxweave-demo");
+  CLI::App* cmd = app.add_subcommand("demo", "record the bundled sample into DIR as .mov and .mp4 at 30 fps");
+  cmd->add_option("DIR", *dir, "the directory to record into")->capture_default_str();
+  return {cmd, [dir] { return demo(*dir); }};
 }
 
 }  // namespace boxweave

@@ -1,86 +1,99 @@
-// "info": the box tree of a movie file, as text or as JSON.
+// "info": the box tree of a movie file as text or JSON, or its tracks in short, and whether the file
+// is whole. The verdict comes from the boxes' sizes alone: the parser complains about much that is no
+// damage (a file-type box longer than it reads, a sample entry it has no class for), so its error
+// lines are shown as notes.
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "stream/base/dbg/Log.h"
 #include "stream/base/io/IOBlockReader.h"
 #include "stream/plugin/mp4/common/IBox.h"
+#include "stream/plugin/mp4/common/Stbl.h"
 #include "tools/Cli.h"
 
 namespace boxweave {
 namespace {
 
 using kiv::base::AttrSet;
+using kiv::base::IOIntReader;
+using kiv::base::Printable;
 using kiv::plugin::mov::IBox;
+using json = nlohmann::ordered_json;
 
-std::string jsonString(const std::string& s) {
-  std::string out = "\"";
-  for (unsigned char c : s) {
-    switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\t': out += "\\t"; break;
-      default:
-        if (c < 0x20) {
-          char buf[8];
-          std::snprintf(buf, sizeof buf, "\\u%04x", c);
-          out += buf;
-        } else {
-          out += static_cast<char>(c);
-        }
-    }
-  }
-  return out + "\"";
+std::string quoted(const std::string& code) { return "'" + Printable(code) + "'"; }
+
+// ---- the verdict
+
+struct Header {
+  unsigned long long size = 0;  // what the header claims; 0: up to the end of the parent
+  std::string code;
+  bool whole = false;  // false: fewer than a header's bytes are left
+};
+
+Header readHeader(kiv::base::IO& io, long long at, long long end) {
+  Header h;
+  if (end - at < 8 || !io.Seek(at, kiv::Position::front)) return h;
+  IOIntReader r(io);
+  h.size = r.Read32be();
+  char code[4];
+  if (io.Read(code, 4) != 4) return h;
+  h.code.assign(code, 4);
+  if (h.size == 1) h.size = end - at >= 16 ? r.Read64be() : 0;
+  h.whole = !r.Failed();
+  return h;
 }
 
-// A field's text is written as a JSON number when it is a plain decimal integer.
-std::string jsonValue(const char* v) {
-  const char* p = v;
-  if (*p == '-') ++p;
-  bool digits = *p != '\0' && !(p[0] == '0' && p[1] != '\0');
-  for (const char* q = p; *q && digits; ++q) digits = *q >= '0' && *q <= '9';
-  return digits && std::strlen(p) <= 18 ? std::string(v) : jsonString(v);
+std::string holder(const IBox& parent) {
+  return parent.Parent() ? "its parent " + quoted(parent.FCCString()) + " holds" : "the file holds";
 }
 
-void printText(const IBox& box, int depth, std::ostream& os) {
-  AttrSet f;
-  box.fields(f);
-  os << std::string(static_cast<size_t>(depth) * 2, ' ') << box.FCCString() << "  offset=" << box.Offset()
-     << " size=" << box.RealSize();
-  for (size_t i = 0; i < f.Size(); ++i) {
-    const std::string key = f.Key(i);
-    if (key != "offset" && key != "size") os << ' ' << key << '=' << f.Value(i);
-  }
-  os << '\n';
-  for (const IBox* c = box.Child(); c; c = c->Next()) printText(*c, depth + 1, os);
-}
-
-void printJson(const IBox& box, int depth, std::ostream& os) {
-  const std::string pad(static_cast<size_t>(depth) * 2, ' ');
-  AttrSet f;
-  box.fields(f);
-  os << pad << "{\"type\": " << jsonString(box.FCCString()) << ", \"offset\": " << box.Offset()
-     << ", \"size\": " << box.RealSize();
-  for (size_t i = 0; i < f.Size(); ++i) {
-    const std::string key = f.Key(i);
-    if (key == "type" || key == "offset" || key == "size" || key == "children") continue;
-    os << ", " << jsonString(key) << ": " << jsonValue(f.Value(i));
-  }
-  os << ", \"children\": [";
-  bool first = true;
+// The first box that does not fit where it stands, or the place the walk could not go on from; empty
+// for a whole tree. A box of the tree that runs past its parent was read all the same; one whose
+// header the parser refused stands behind the last child read.
+std::string damageIn(const IBox& box, long long end, kiv::base::IO& io) {
+  // Where the children start is known for the root and the plain containers; for others only from
+  // a first child (behind fields of their own).
+  static const char* const kContainers[] = {"moov", "trak", "mdia", "minf", "dinf", "stbl",
+                                            "edts", "mvex", "moof", "traf", "mfra"};
+  long long pos = -1;
+  if (!box.Parent()) pos = 0;
+  for (const char* c : kContainers)
+    if (box.Parent() && std::strcmp(box.FCCString(), c) == 0) pos = box.PayloadPostion();
   for (const IBox* c = box.Child(); c; c = c->Next()) {
-    os << (first ? "\n" : ",\n");
-    printJson(*c, depth + 1, os);
-    first = false;
+    const unsigned long long room = end > c->Offset() ? static_cast<unsigned long long>(end - c->Offset()) : 0;
+    if (c->RealSize() > room)
+      return "box " + quoted(c->FCCString()) + " at offset " + std::to_string(c->Offset()) + " claims " +
+             std::to_string(c->RealSize()) + " bytes; " + holder(box) + " " + std::to_string(room) + " from there";
+    const std::string inner = damageIn(*c, c->Offset() + static_cast<long long>(c->RealSize()), io);
+    if (!inner.empty()) return inner;
+    pos = c->Offset() + static_cast<long long>(c->RealSize());
   }
-  if (!first) os << "\n" << pad;
-  os << "]}";
+  if (pos < 0 || pos >= end) return "";
+  const Header h = readHeader(io, pos, end);
+  const std::string room = std::to_string(end - pos);
+  if (!h.whole) {
+    // A few bytes behind the last child are padding inside a box, a cut header at the top.
+    if (box.Parent()) return "";
+    return "the file ends " + room + " bytes behind offset " + std::to_string(pos) + ", too few for a box header";
+  }
+  if (h.size == 0) return "";  // up to the end of the parent (or a terminator inside one)
+  if (h.size > static_cast<unsigned long long>(end - pos))
+    return "box " + quoted(h.code) + " at offset " + std::to_string(pos) + " claims " + std::to_string(h.size) +
+           " bytes; " + holder(box) + " " + room + " from there";
+  if (h.size < 8)
+    return "box " + quoted(h.code) + " at offset " + std::to_string(pos) + " claims " + std::to_string(h.size) +
+           " bytes, less than its header";
+  return "";
 }
+
+// ---- the summary
 
 const IBox* child(const IBox* box, const char* code) {
   for (const IBox* c = box ? box->Child() : nullptr; c; c = c->Next())
@@ -88,39 +101,93 @@ const IBox* child(const IBox* box, const char* code) {
   return nullptr;
 }
 
-const char* field(const IBox* box, const char* key, AttrSet& store) {
-  store.Clear();
-  if (box) box->fields(store);
-  return store.GetOrDef(key, "?");
+std::string field(const IBox* box, const char* key) {
+  AttrSet f;
+  if (box) box->fields(f);
+  return f.GetOrDef(key, "?");
+}
+
+// The channel configuration of the AudioSpecificConfig in an "esds" box; 0 when there is none. The
+// descriptors are walked as the file holds them (lengths of one to four bytes).
+unsigned esdsChannels(const IBox& esds, kiv::base::IO& io) {
+  const long long start = esds.PayloadPostion() + 4, end = esds.Offset() + static_cast<long long>(esds.RealSize());
+  if (end - start <= 0 || end - start > 4096 || !io.Seek(start, kiv::Position::front)) return 0;
+  std::vector<unsigned char> b(static_cast<size_t>(end - start));
+  if (io.Read(b.data(), static_cast<long long>(b.size())) != static_cast<long long>(b.size())) return 0;
+  size_t p = 0;
+  auto descriptor = [&](unsigned tag) {  // enters the descriptor when the next one has this tag
+    if (p >= b.size() || b[p++] != tag) return false;
+    for (int i = 0; i < 4 && p < b.size(); ++i)
+      if (!(b[p++] & 0x80)) return true;
+    return false;
+  };
+  if (!descriptor(3) || p + 3 > b.size()) return 0;
+  const unsigned flags = b[p + 2];
+  p += 3 + ((flags & 0x80) ? 2 : 0) + ((flags & 0x20) ? 2 : 0);
+  if ((flags & 0x40) && p < b.size()) p += 1u + b[p];
+  if (!descriptor(4) || (p += 13) > b.size() || !descriptor(5) || p + 2 > b.size()) return 0;
+  // object type: 5 bits (31: 6 more); rate index: 4 bits (15: 24 more); then the channels, 4 bits.
+  unsigned bit = 0;
+  auto bits = [&](unsigned n) {
+    unsigned v = 0;
+    for (; n > 0; --n, ++bit) {
+      if (p + bit / 8 >= b.size()) return 0u;
+      v = v << 1 | ((b[p + bit / 8] >> (7 - bit % 8)) & 1u);
+    }
+    return v;
+  };
+  if (bits(5) == 31) bits(6);
+  if (bits(4) == 15) bits(24);
+  return bits(4);
 }
 
 // One line for the file, one a track: what a user checks first.
-void printSummary(const IBox& root, const std::string& path, long long size, std::ostream& os) {
+void printSummary(const IBox& root, const std::string& path, long long size, kiv::base::IO& io, std::ostream& os) {
   std::string top;
-  for (const IBox* c = root.Child(); c; c = c->Next()) top += std::string(top.empty() ? "" : " ") + c->FCCString();
-  os << path << ": " << size << " bytes, boxes: " << top << "\n";
+  int fragments = 0;
+  for (const IBox* c = root.Child(); c; c = c->Next()) {
+    top += (top.empty() ? "" : " ") + Printable(c->FCCString());
+    fragments += std::strcmp(c->FCCString(), "moof") == 0;
+  }
+  os << Printable(path) << ": " << size << " bytes, boxes: " << top << "\n";
   const IBox* moov = child(&root, "moov");
   int n = 0;
   for (const IBox* trak = moov ? moov->Child() : nullptr; trak; trak = trak->Next()) {
     if (std::strcmp(trak->FCCString(), "trak") != 0) continue;
     const IBox* tkhd = child(trak, "tkhd");
     const IBox* mdia = child(trak, "mdia");
-    const IBox* mdhd = child(mdia, "mdhd");
-    const IBox* hdlr = child(mdia, "hdlr");
     const IBox* stbl = child(child(mdia, "minf"), "stbl");
     const IBox* stsd = child(stbl, "stsd");
     const IBox* entry = stsd ? stsd->Child() : nullptr;
-    AttrSet f;
-    const std::string kind = field(hdlr, "component_subtype", f);
+    const std::string kind = field(child(mdia, "hdlr"), "component_subtype");
     long long scale = 0, duration = 0;
     AttrSet m;
-    if (mdhd) mdhd->fields(m);
+    if (const IBox* mdhd = child(mdia, "mdhd")) mdhd->fields(m);
     m.Get("timescale", scale);
     m.Get("duration", duration);
-    os << "  track " << ++n << ": " << kind << " " << (entry ? entry->FCCString() : "?");
-    if (kind == "vide") os << " " << field(tkhd, "width", f) << "x" << field(tkhd, "height", f);
-    if (kind == "soun") os << " " << field(entry, "sample_rate", f) << " Hz " << field(entry, "channels", f) << " ch";
-    os << ", " << field(child(stbl, "stsz"), "entries", f) << " samples";
+    os << "  track " << ++n << ": " << Printable(kind) << " ";
+    // A code the plug-in has no class for is read as a bare header: nothing of it can be shown.
+    if (!entry) {
+      os << "?";
+    } else if (dynamic_cast<const kiv::plugin::mov::cfakebox*>(entry)) {
+      os << "unsupported codec " << quoted(entry->FCCString());
+    } else {
+      os << Printable(entry->FCCString());
+      if (kind == "vide") os << " " << field(tkhd, "width") << "x" << field(tkhd, "height");
+      if (kind == "soun") {
+        const IBox* esds = child(entry, "esds");
+        const unsigned configured = esds ? esdsChannels(*esds, io) : 0;
+        os << " " << field(entry, "sample_rate") << " Hz "
+           << (configured ? std::to_string(configured) : field(entry, "channels")) << " ch";
+      }
+    }
+    const std::string samples = field(child(stbl, "stsz"), "entries");
+    // A fragmented file's tables are empty: its samples are described in the fragments.
+    if (fragments > 0 && samples == "0") {
+      os << ", samples in " << fragments << (fragments == 1 ? " fragment" : " fragments") << "\n";
+      continue;
+    }
+    os << ", " << samples << " samples";
     if (scale > 0) {
       char buf[32];
       std::snprintf(buf, sizeof buf, "%.3f", static_cast<double>(duration) / static_cast<double>(scale));
@@ -130,76 +197,134 @@ void printSummary(const IBox& root, const std::string& path, long long size, std
   }
 }
 
+// ---- JSON
+
+// Texts from the file as valid UTF-8: kept when they are, else read byte by byte as Latin-1 (the
+// copyright sign of QuickTime's user-data codes comes out as itself).
+std::string utf8(const std::string& s) {
+  size_t i = 0;
+  while (i < s.size()) {
+    const unsigned char c = static_cast<unsigned char>(s[i]);
+    const size_t n = c < 0x80 ? 1 : (c >> 5) == 6 && c >= 0xc2 ? 2 : (c >> 4) == 14 ? 3 : (c >> 3) == 30 && c <= 0xf4 ? 4 : 0;
+    if (n == 0 || i + n > s.size()) break;
+    size_t k = 1;
+    while (k < n && (static_cast<unsigned char>(s[i + k]) & 0xc0) == 0x80) ++k;
+    if (k < n) break;
+    i += n;
+  }
+  if (i == s.size()) return s;
+  std::string out;
+  for (const unsigned char c : s) {
+    if (c < 0x80) {
+      out += static_cast<char>(c);
+    } else {
+      out += static_cast<char>(0xc0 | c >> 6);
+      out += static_cast<char>(0x80 | (c & 0x3f));
+    }
+  }
+  return out;
+}
+
+// A field's text is a JSON number when it is a plain decimal integer that fits.
+json value(const std::string& v) {
+  long long n = 0;
+  size_t used = 0;
+  const bool digits = !v.empty() && v.find_first_not_of("-0123456789") == std::string::npos &&
+                      !(v.size() > 1 && v[0] == '0') && v.rfind("-0", 0) != 0 && v.size() <= 18;
+  if (digits) {
+    try {
+      n = std::stoll(v, &used);
+    } catch (const std::exception&) {
+      used = 0;
+    }
+    if (used == v.size()) return n;
+  }
+  return utf8(v);
+}
+
+json boxJson(const IBox& box) {
+  json j = {{"type", utf8(box.FCCString())}, {"offset", box.Offset()}, {"size", box.RealSize()}};
+  AttrSet f;
+  box.fields(f);
+  for (size_t i = 0; i < f.Size(); ++i) {
+    const std::string key = f.Key(i);
+    if (key != "type" && key != "offset" && key != "size" && key != "children") j[utf8(key)] = value(f.Value(i));
+  }
+  json children = json::array();
+  for (const IBox* c = box.Child(); c; c = c->Next()) children.push_back(boxJson(*c));
+  j["children"] = std::move(children);
+  return j;
+}
+
+// ---- the verb
+
+// The text of a log line behind its place ("file:line func:\ttext").
+std::string logText(const std::string& line) {
+  const size_t tab = line.find(":\t");
+  const std::string text = tab == std::string::npos ? line : line.substr(tab + 2);
+  return text.substr(0, text.find('\n'));  // the colour reset follows the line
+}
+
 }  // namespace
 
-int RunInfo(const std::vector<std::string>& args) {
-  bool json = false, summary = false;
-  std::string path;
-  for (const std::string& a : args) {
-    if (a == "--json") {
-      json = true;
-    } else if (a == "--summary") {
-      summary = true;
-    } else if (!a.empty() && a[0] == '-' && a != "-") {
-      return UsageError("info: unknown option '" + a + "'");
-    } else if (path.empty()) {
-      path = a;
-    } else {
-      return UsageError("info takes one file");
-    }
-  }
-  if (path.empty()) return UsageError("info needs a file");
-
-  std::unique_ptr<kiv::base::IO> io(kiv::base::IO::New(path.c_str(), "rb"));
+int Info(const InfoOptions& o) {
+  std::unique_ptr<kiv::base::IO> io(kiv::base::IO::New(o.path.c_str(), "rb"));
   if (!io) {
-    std::fprintf(stderr, "boxweave: cannot open %s\n", path.c_str());
+    std::fprintf(stderr, "boxweave: cannot open %s\n", Printable(o.path).c_str());
     return kFailed;
   }
-  // Damage shows as error lines of the parser: the first of them is the reason given to the user.
-  std::string firstError;
-  kiv::dbg::SetSink([&firstError](int level, const std::string& line) {
-    if (level == kiv::dbg::E && firstError.empty() && line.find("unknow box:") == std::string::npos) {
-      const size_t tab = line.find(":\t");
-      const size_t end = line.find('\n');
-      firstError = tab == std::string::npos ? line : line.substr(tab + 2, end - tab - 2);
-    }
-    // The parser's own lines (unknown boxes are many) only when the user asked for them.
+  std::vector<std::string> notes;
+  kiv::dbg::SetSink([&notes](int level, const std::string& line) {
+    // Boxes without a class of their own are many and no fault.
+    if (level == kiv::dbg::E && line.find("unknow box:") == std::string::npos) notes.push_back(logText(line));
     if (kiv::dbg::GetLevel() >= kiv::dbg::I) std::cerr << line;
   });
-
   kiv::base::IOBlockReader reader(*io, 32768);
   std::unique_ptr<IBox> root(IBox::New("root", 0));
   AttrSet ap;
-  const bool ok = root && root->Parse(reader, ap, true);
+  const bool parsed = root && root->Parse(reader, ap, true);
   kiv::dbg::SetSink(nullptr);
   if (!root) return kFailed;
 
+  std::string damage = damageIn(*root, reader.Size(), reader);
+  if (damage.empty() && !parsed) damage = "the box tree could not be read";
+
   std::ostringstream out;
-  if (summary) {
-    printSummary(*root, path, reader.Size(), out);
-  } else if (json) {
-    out << "{\"file\": " << jsonString(path) << ", \"size\": " << reader.Size() << ", \"boxes\": [";
-    bool first = true;
-    for (const IBox* c = root->Child(); c; c = c->Next()) {
-      out << (first ? "\n" : ",\n");
-      printJson(*c, 1, out);
-      first = false;
-    }
-    out << (first ? "" : "\n") << "]";
-    if (!ok || !firstError.empty())
-      out << ", \"error\": " << jsonString(firstError.empty() ? "parse failed" : firstError);
-    out << "}\n";
+  if (o.json) {
+    json boxes = json::array();
+    for (const IBox* c = root->Child(); c; c = c->Next()) boxes.push_back(boxJson(*c));
+    json doc = {{"file", utf8(o.path)}, {"size", reader.Size()}, {"boxes", std::move(boxes)}};
+    json jnotes = json::array();
+    for (const std::string& n : notes) jnotes.push_back(utf8(n));
+    doc["notes"] = std::move(jnotes);
+    if (!damage.empty()) doc["damage"] = utf8(damage);
+    out << doc.dump(1, ' ', false, json::error_handler_t::replace) << "\n";
+  } else if (o.summary) {
+    printSummary(*root, o.path, reader.Size(), reader, out);
   } else {
-    for (const IBox* c = root->Child(); c; c = c->Next()) printText(*c, 0, out);
+    for (const IBox* c = root->Child(); c; c = c->Next()) c->Dump(out);
   }
   std::fwrite(out.str().data(), 1, out.str().size(), stdout);
   std::fflush(stdout);
-  if (!ok || !firstError.empty()) {
-    std::fprintf(stderr, "boxweave: %s is damaged or truncated: %s\n", path.c_str(),
-                 firstError.empty() ? "the box tree could not be read" : firstError.c_str());
+  if (!o.json)
+    for (const std::string& n : notes) std::fprintf(stderr, "boxweave: note: %s\n", Printable(n).c_str());
+  if (!damage.empty()) {
+    std::fprintf(stderr, "boxweave: %s is damaged or truncated: %s\n", Printable(o.path).c_str(), damage.c_str());
     return kFailed;
   }
   return kOk;
+}
+
+Verb AddInfo(CLI::App& app) {
+  auto o = std::make_shared<InfoOptions>();
+  CLI::App* cmd = app.add_subcommand("info", "print the box tree of a movie file, or its tracks in short");
+  cmd->footer(
+      "Exit status 1 when a box runs past its parent or past the end of the file, or the boxes do not\n"
+      "reach the end of the file; the parser's complaints about a whole file are printed as notes.");
+  cmd->add_option("FILE", o->path, "the movie file (.mov, .mp4, fragmented too)")->required();
+  CLI::Option* json = cmd->add_flag("--json", o->json, "the tree as JSON, with the notes and the damage found");
+  cmd->add_flag("--summary", o->summary, "one line for the file and one for each track")->excludes(json);
+  return {cmd, [o] { return Info(*o); }};
 }
 
 }  // namespace boxweave

@@ -1,5 +1,7 @@
 // "inspect": the class table as the registry holds it.
+#include <CLI/CLI.hpp>
 #include <cstdio>
+#include <memory>
 #include <string>
 
 #include "stream/base/reflect/IClass.h"
@@ -25,12 +27,9 @@ void printClass(const kiv::base::IClass& c, bool detail) {
     std::printf("    %-28s %-12s %s\n", p->Name(), p->KindName(), p->TypeName().c_str());
 }
 
-}  // namespace
-
-int RunInspect(const std::vector<std::string>& args) {
+int inspect(const std::string& words) {
   using kiv::base::IClass;
-  if (args.size() > 1) return UsageError("inspect takes at most one search string");
-  if (args.empty()) {
+  if (words.empty()) {
     for (const IClass* c : IClass::Globle()) printClass(*c, false);
     return kOk;
   }
@@ -39,7 +38,7 @@ int RunInspect(const std::vector<std::string>& args) {
   IClass::Iterator it = 0;
   const IClass* chosen = nullptr;
   std::vector<const IClass*> passed;
-  while (const IClass* c = IClass::Find(args[0].c_str(), it)) {
+  while (const IClass* c = IClass::Find(words.c_str(), it)) {
     if (c->Abstract()) {
       passed.push_back(c);
       continue;
@@ -48,12 +47,21 @@ int RunInspect(const std::vector<std::string>& args) {
     break;
   }
   if (!chosen) {
-    std::fprintf(stderr, "boxweave: no class can be created for '%s'\n", args[0].c_str());
+    std::fprintf(stderr, "boxweave: no class can be created for '%s'\n", words.c_str());
     return kFailed;
   }
   printClass(*chosen, true);
   for (const IClass* c : passed) std::printf("  (passed over the abstract %s)\n", c->Name());
   return kOk;
+}
+
+}  // namespace
+
+Verb AddInspect(CLI::App& app) {
+  auto words = std::make_shared<std::string>();
+  CLI::App* cmd = app.add_subcommand("inspect", "list the registered classes, or show the class that WORDS finds");
+  cmd->add_option("WORDS", *words, "keywords of a class, joined by '-' (e.g. mov-muxer)");
+  return {cmd, [words] { return inspect(*words); }};
 }
 
 }  // namespace boxweave

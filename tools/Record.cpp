@@ -3,6 +3,7 @@
 // ports, packets delivered in time order, every message of the muxer printed.
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <memory>
@@ -35,21 +36,6 @@ using kiv::stream::ISink;
 using kiv::stream::ISource;
 using kiv::stream::Packet;
 
-struct RecordOptions {
-  std::string out;
-  std::string format;  // "mov" or "mp4"
-  std::string video;
-  std::string audio;
-  Fraction fps{30, 1};
-  bool thumb = false;
-  long long cacheBlock = 0;
-  long long cacheBlocks = 0;
-  bool spill = false;
-  bool tableFiles = false;
-  std::string tmp;
-  std::vector<std::pair<std::string, std::string>> tags;
-};
-
 std::string extension(const std::string& path) {
   const size_t slash = path.rfind('/');
   const size_t dot = path.rfind('.');
@@ -59,68 +45,15 @@ std::string extension(const std::string& path) {
   return e;
 }
 
-bool number(const std::string& text, long long& v) { return kiv::base::ConvertToImpl(text.c_str(), v) && v >= 0; }
-
-// Parses the command line; returns kOk, or the status to exit with after printing why.
-int parseOptions(const std::vector<std::string>& args, RecordOptions& o) {
-  for (size_t i = 0; i < args.size(); ++i) {
-    const std::string& a = args[i];
-    auto value = [&](std::string& v) {
-      if (i + 1 >= args.size()) return false;
-      v = args[++i];
-      return true;
-    };
-    std::string v;
-    if (a == "--thumb") {
-      o.thumb = true;
-    } else if (a == "--spill") {
-      o.spill = true;
-    } else if (a == "--table-files") {
-      o.tableFiles = true;
-    } else if (a == "-o" || a == "--format" || a == "--video" || a == "--audio" || a == "--fps" ||
-               a == "--cache-block" || a == "--cache-blocks" || a == "--tmp" || a == "--set") {
-      if (!value(v)) return UsageError("record: option " + a + " needs a value");
-      if (a == "-o") {
-        o.out = v;
-      } else if (a == "--format") {
-        if (v != "mov" && v != "mp4") return UsageError("record: --format must be mov or mp4");
-        o.format = v;
-      } else if (a == "--video") {
-        o.video = v;
-      } else if (a == "--audio") {
-        o.audio = v;
-      } else if (a == "--fps") {
-        if (!o.fps.From(v.c_str()) || o.fps.Num() <= 0) return UsageError("record: --fps wants N or N/D, not '" + v + "'");
-      } else if (a == "--cache-block") {
-        if (!number(v, o.cacheBlock) || o.cacheBlock == 0 || o.cacheBlock > 0x7fffffff)
-          return UsageError("record: --cache-block wants a byte count");
-      } else if (a == "--cache-blocks") {
-        if (!number(v, o.cacheBlocks) || o.cacheBlocks == 0 || o.cacheBlocks > 0x7fffffff)
-          return UsageError("record: --cache-blocks wants a count of at least 1");
-      } else if (a == "--tmp") {
-        o.tmp = v;
-      } else {
-        const size_t eq = v.find('=');
-        if (eq == std::string::npos || eq == 0) return UsageError("record: --set wants TAG=VALUE, not '" + v + "'");
-        o.tags.emplace_back(v.substr(0, eq), v.substr(eq + 1));
-      }
-    } else {
-      return UsageError("record: unknown argument '" + a + "'");
-    }
-  }
-  if (o.out.empty()) return UsageError("record needs -o OUT");
-  if (o.video.empty() && o.audio.empty()) return UsageError("record needs --video FILE or --audio FILE");
-  if ((o.cacheBlock != 0) != (o.cacheBlocks != 0))
-    return UsageError("record: --cache-block and --cache-blocks go together");
+// What the command line alone cannot tell: the format from the file name.
+int finishOptions(RecordOptions& o) {
+  if (o.video.empty() && o.audio.empty()) return UsageError("record needs --video FILE or --audio FILE", "record");
   if (o.format.empty()) {
     const std::string e = extension(o.out);
-    if (e != "mov" && e != "mp4") return UsageError("record: cannot tell the format of '" + o.out + "' (use .mov, .mp4 or --format)");
+    if (e != "mov" && e != "mp4")
+      return UsageError("record: cannot tell the format of '" + o.out + "' (use .mov, .mp4 or --format)", "record");
     o.format = e;
   }
-  if (!o.video.empty() && !H264Reader::HandlesPath(o.video))
-    return UsageError("record: '" + o.video + "' is not an H.264 elementary stream (.h264, .264)");
-  if (!o.audio.empty() && !AdtsReader::HandlesPath(o.audio))
-    return UsageError("record: '" + o.audio + "' is not an AAC ADTS stream (.aac)");
   return kOk;
 }
 
@@ -179,34 +112,8 @@ int failed(const std::string& message) {
 
 }  // namespace
 
-int RunRecord(const std::vector<std::string>& args) {
-  for (const std::string& a : args) {
-    if (a == "-h" || a == "--help") {
-      std::printf(
-          "Usage: boxweave record -o OUT [--format mov|mp4] --video FILE [--audio FILE] [options]\n"
-          "\n"
-          "Records an H.264 Annex-B stream (.h264, .264) and/or an AAC ADTS stream (.aac) into a\n"
-          "QuickTime (.mov) or MP4 (.mp4) file with the plug-in's muxer element, and prints every\n"
-          "message the element sends.\n"
-          "\n"
-          "  -o OUT                 the file to write; its extension gives the format\n"
-          "  --format mov|mp4       the format, whatever the extension\n"
-          "  --video FILE           H.264 elementary stream\n"
-          "  --audio FILE           AAC elementary stream with ADTS headers\n"
-          "  --fps N[/D]            video frame rate (default 30)\n"
-          "  --thumb                reserve room for a thumbnail, filled from the JPEG named by OUT's\n"
-          "                         path up to its first dot plus .jpg (a dot in a directory cuts too)\n"
-          "  --cache-block BYTES    write through a cache of blocks of this size ...\n"
-          "  --cache-blocks N       ... and this many of them\n"
-          "  --spill                keep sample lists in temporary files, not in memory\n"
-          "  --table-files          write each sample table into a file of its own while recording\n"
-          "  --tmp DIR              directory of the temporary files (default: the system's)\n"
-          "  --set TAG=VALUE        set a tag of the file-type profile (see 'boxweave inspect videoTags')\n");
-      return kOk;
-    }
-  }
-  RecordOptions o;
-  if (int status = parseOptions(args, o)) return status;
+int Record(RecordOptions o) {
+  if (int status = finishOptions(o)) return status;
   if (!o.tmp.empty()) kiv::base::DriveMap('d', o.tmp.c_str());
 
   std::vector<std::unique_ptr<Input>> inputs;
@@ -252,9 +159,9 @@ int RunRecord(const std::vector<std::string>& args) {
   kiv::plugin::mov::videoTags* tags = nullptr;
   if (!o.tags.empty() && (!mux->Get("vidtag", tags) || !tags)) return failed("the muxer has no profile");
   for (const auto& t : o.tags) {
-    if (!tags->hasProperty(t.first.c_str())) return UsageError("record: unknown tag '" + t.first + "'");
+    if (!tags->hasProperty(t.first.c_str())) return UsageError("record: unknown tag '" + t.first + "'", "record");
     if (!tags->setString(t.first.c_str(), t.second.c_str()))
-      return UsageError("record: tag " + t.first + " does not take '" + t.second + "'");
+      return UsageError("record: tag " + t.first + " does not take '" + t.second + "'", "record");
   }
   // Storage modes are no element properties: the engine's own seam sets them.
   if (o.spill || o.tableFiles) {
@@ -305,6 +212,68 @@ int RunRecord(const std::vector<std::string>& args) {
   if (progress) std::fprintf(stderr, "\n");
   if (!mux->Close()) return failed("closing " + o.out + " failed");
   return ok ? kOk : kFailed;
+}
+
+Verb AddRecord(CLI::App& app) {
+  auto o = std::make_shared<RecordOptions>();
+  CLI::App* cmd = app.add_subcommand("record", "record H.264 and AAC elementary streams into a .mov or .mp4 file");
+  cmd->option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);  // a repeated option: the last counts
+  cmd->footer(
+      "Records an H.264 Annex-B stream (.h264, .264) and/or an AAC ADTS stream (.aac) into a\n"
+      "QuickTime (.mov) or MP4 (.mp4) file with the plug-in's muxer element, and prints every\n"
+      "message the element sends.");
+  cmd->add_option("-o", o->out, "the file to write; its extension gives the format")->required()->type_name("OUT");
+  cmd->add_option("--format", o->format, "the format, whatever the extension")
+      ->check(CLI::IsMember({"mov", "mp4"}))
+      ->type_name("mov|mp4");
+  cmd->add_option("--video", o->video, "H.264 elementary stream (.h264, .264)")
+      ->type_name("FILE")
+      ->check(CLI::Validator(
+          [](std::string& v) {
+            return H264Reader::HandlesPath(v) ? std::string() : "'" + v + "' is not an H.264 elementary stream (.h264, .264)";
+          },
+          ""));
+  cmd->add_option("--audio", o->audio, "AAC elementary stream with ADTS headers (.aac)")
+      ->type_name("FILE")
+      ->check(CLI::Validator(
+          [](std::string& v) { return AdtsReader::HandlesPath(v) ? std::string() : "'" + v + "' is not an AAC ADTS stream (.aac)"; },
+          ""));
+  cmd->add_option_function<std::string>(
+         "--fps",
+         [o](const std::string& v) {
+           if (!o->fps.From(v.c_str()) || o->fps.Num() <= 0 || o->fps.Den() <= 0)
+             throw CLI::ValidationError("--fps", "wants N or N/D, not '" + v + "'");
+         },
+         "video frame rate (default 30)")
+      ->type_name("N[/D]");
+  cmd->add_flag("--thumb", o->thumb,
+                "reserve room for a thumbnail, filled from the JPEG named by OUT's path up to its first dot plus "
+                ".jpg (a dot in a directory cuts too)");
+  CLI::Option* block = cmd->add_option("--cache-block", o->cacheBlock, "write through a cache of blocks of this size ...")
+                           ->type_name("BYTES")
+                           ->check(CLI::Range(1LL, 0x7fffffffLL));
+  CLI::Option* blocks = cmd->add_option("--cache-blocks", o->cacheBlocks, "... and this many of them")
+                            ->type_name("N")
+                            ->check(CLI::Range(1LL, 0x7fffffffLL));
+  block->needs(blocks);
+  blocks->needs(block);
+  cmd->add_flag("--spill", o->spill, "keep sample lists in temporary files, not in memory");
+  cmd->add_flag("--table-files", o->tableFiles, "write each sample table into a file of its own while recording");
+  cmd->add_option("--tmp", o->tmp, "directory of the temporary files (default: the system's)")->type_name("DIR");
+  cmd->add_option_function<std::vector<std::string>>(
+         "--set",
+         [o](const std::vector<std::string>& all) {
+           for (const std::string& v : all) {
+             const size_t eq = v.find('=');
+             if (eq == std::string::npos || eq == 0) throw CLI::ValidationError("--set", "wants TAG=VALUE, not '" + v + "'");
+             o->tags.emplace_back(v.substr(0, eq), v.substr(eq + 1));
+           }
+         },
+         "set a tag of the file-type profile (see 'boxweave inspect videoTags'); may be repeated")
+      ->type_name("TAG=VALUE")
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->allow_extra_args(false);
+  return {cmd, [o] { return Record(*o); }};
 }
 
 }  // namespace boxweave

@@ -5,8 +5,8 @@
 #include <limits.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
-#include <cstring>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -20,6 +20,13 @@ namespace {
 
 const char* const kHostVersion = "boxweave host 0.1.0";
 
+int levelOf(const std::string& s) {
+  if (s == "E") return kiv::dbg::E;
+  if (s == "I") return kiv::dbg::I;
+  if (s == "L") return kiv::dbg::L;
+  return kiv::dbg::N;
+}
+
 }  // namespace
 
 std::string OwnDirectory() {
@@ -31,48 +38,9 @@ std::string OwnDirectory() {
   return slash == std::string::npos ? "." : path.substr(0, slash);
 }
 
-namespace {
-
-void printHelp() {
-  std::printf(
-      "Usage: boxweave [OPTIONS] VERB [ARGS...]\n"
-      "\n"
-      "Records and inspects QuickTime and MP4 files through the libboxweave plug-in.\n"
-      "\n"
-      "Verbs:\n");
-  for (const Verb& v : Verbs()) std::printf("  %-10s %s\n", v.name, v.synopsis);
-  std::printf(
-      "\n"
-      "Options:\n"
-      "  --log-level L     show log lines up to level E, N, I (default N) or L (all, with traces)\n"
-      "  -h, --help        show this help\n"
-      "  --version         print the plug-in's version banner and the host's version\n"
-      "\n"
-      "Exit status: 0 success, 1 failure, 2 wrong command line.\n");
-}
-
-int levelOf(const std::string& s) {
-  if (s == "E") return kiv::dbg::E;
-  if (s == "N") return kiv::dbg::N;
-  if (s == "I") return kiv::dbg::I;
-  if (s == "L") return kiv::dbg::L;
-  return -1;
-}
-
-}  // namespace
-
-const std::vector<Verb>& Verbs() {
-  static const std::vector<Verb> verbs = {
-      {"inspect", "[WORDS]  list the registered classes, or show the class that WORDS finds", RunInspect},
-      {"info", "[--json|--summary] FILE  print the box tree of a movie file, or its tracks in short", RunInfo},
-      {"demo", "[DIR]  record the bundled sample into DIR (default boxweave-demo) as .mov and .mp4", RunDemo},
-      {"record", "-o OUT --video FILE.h264 [--audio FILE.aac] [options]  record into a .mov or .mp4 file", RunRecord},
-  };
-  return verbs;
-}
-
-int UsageError(const std::string& message) {
-  std::fprintf(stderr, "boxweave: %s\nTry 'boxweave --help'.\n", message.c_str());
+int UsageError(const std::string& message, const std::string& verb) {
+  std::fprintf(stderr, "boxweave: %s\nTry 'boxweave %s--help'.\n", message.c_str(),
+               verb.empty() ? "" : (verb + " ").c_str());
   return kUsage;
 }
 
@@ -80,38 +48,36 @@ int UsageError(const std::string& message) {
 
 int main(int argc, char** argv) {
   using namespace boxweave;
+  CLI::App app("Records and inspects QuickTime and MP4 files through the libboxweave plug-in.", "boxweave");
+  app.require_subcommand(0, 1);
+  app.footer("Exit status: 0 success, 1 failure, 2 wrong command line.");
+  std::string level = "N";
   bool version = false;
-  kiv::dbg::SetLevel(kiv::dbg::N);
-  int i = 1;
-  for (; i < argc; ++i) {
-    const std::string a = argv[i];
-    if (a == "-h" || a == "--help") {
-      printHelp();
-      return kOk;
-    } else if (a == "--version") {
-      version = true;
-    } else if (a == "--log-level") {
-      if (i + 1 >= argc) return UsageError("option " + a + " needs a value");
-      const std::string v = argv[++i];
-      const int level = levelOf(v);
-      if (level < 0) return UsageError("unknown log level '" + v + "' (use E, N, I or L)");
-      kiv::dbg::SetLevel(level);
-      kiv::base::SetDebugDefault(level >= kiv::dbg::L);
-    } else if (!a.empty() && a[0] == '-') {
-      return UsageError("unknown option '" + a + "'");
-    } else {
-      break;
-    }
-  }
+  // Checked after the parse, so that a wrong level is told as a fault of the global options.
+  app.add_option("--log-level", level, "show log lines up to level E, N (default), I or L (all, with traces)")
+      ->type_name("E|N|I|L");
+  app.add_flag("--version", version, "print the plug-in's version banner and the host's version");
+  const std::vector<Verb> verbs = {AddInspect(app), AddInfo(app), AddDemo(app), AddRecord(app)};
 
-  const Verb* verb = nullptr;
-  if (!version) {
-    if (i >= argc) return UsageError("no verb given");
-    for (const Verb& v : Verbs())
-      if (std::strcmp(v.name, argv[i]) == 0) verb = &v;
-    if (!verb) return UsageError(std::string("unknown verb '") + argv[i] + "'");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    std::string verb;
+    for (const Verb& v : verbs)
+      if (v.command->parsed()) verb = v.command->get_name();
+    return UsageError(e.what(), verb);
   }
+  const Verb* chosen = nullptr;
+  for (const Verb& v : verbs)
+    if (v.command->parsed()) chosen = &v;
+  if (level.size() != 1 || std::string("ENIL").find(level) == std::string::npos)
+    return UsageError("--log-level must be E, N, I or L, not '" + level + "'");
+  if (!chosen && !version) return UsageError("no verb given");
 
+  kiv::dbg::SetLevel(levelOf(level));
+  kiv::base::SetDebugDefault(levelOf(level) >= kiv::dbg::L);
   kiv::ReflectRun();  // the host's own classes and the plug-in's, in the order they were handed over
 
   if (version) {
@@ -120,5 +86,5 @@ int main(int argc, char** argv) {
     std::printf("%s\n", kHostVersion);
     return kOk;
   }
-  return verb->run(std::vector<std::string>(argv + i + 1, argv + argc));
+  return chosen->run();
 }

@@ -332,6 +332,21 @@ std::string Hex::Dump(const void* data, size_t size) {
   return out;
 }
 
+std::string Printable(const std::string& s) {
+  std::string out;
+  out.reserve(s.size());
+  for (const unsigned char c : s) {
+    if (c >= 0x20 && c < 0x7f && c != '\\') {
+      out += static_cast<char>(c);
+    } else {
+      char buf[8];
+      std::snprintf(buf, sizeof buf, "\\x%02x", c);
+      out += buf;
+    }
+  }
+  return out;
+}
+
 std::string ToLower(const std::string& s) {
   std::string r = s;
   for (char& c : r)

@@ -142,5 +142,8 @@ std::ostream& operator<<(std::ostream& os, const Hex& h);
 // Lower-case copy of a text.
 std::string ToLower(const std::string& s);
 
+// A text safe to print on a terminal: every byte outside printable ASCII, and the backslash, as \xNN.
+std::string Printable(const std::string& s);
+
 }  // namespace base
 }  // namespace kiv

@@ -335,8 +335,9 @@ void IBox::fields(AttrSet& out) const {
 void IBox::Dump(std::ostream& os, int depth) const {
   AttrSet f;
   fields(f);
-  os << std::string(static_cast<size_t>(depth > 0 ? depth : 0) * 2, ' ') << FCCString();
-  for (size_t i = 0; i < f.Size(); ++i) os << ' ' << f.Key(i) << '=' << f.Value(i);
+  // Codes and texts come from the file: no byte of them may reach a terminal raw.
+  os << std::string(static_cast<size_t>(depth > 0 ? depth : 0) * 2, ' ') << kiv::base::Printable(FCCString());
+  for (size_t i = 0; i < f.Size(); ++i) os << ' ' << f.Key(i) << '=' << kiv::base::Printable(f.Value(i));
   os << '\n';
   for (const IBox* c = _child; c; c = c->_next) c->Dump(os, depth + 1);
 }
