@@ -59,6 +59,32 @@ inline std::vector<unsigned char> readAll(const std::string& p) {
   return std::vector<unsigned char>((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
 }
 
+// The bytes of a file that this process holds open but that has no name any more (a temporary
+// file), found through /proc/self/fd by the path it had; empty when no such file is open.
+inline std::vector<unsigned char> readUnlinked(const std::string& p) {
+  std::vector<unsigned char> out;
+  DIR* d = ::opendir("/proc/self/fd");
+  if (!d) return out;
+  const std::string wanted = p + " (deleted)";
+  while (dirent* e = ::readdir(d)) {
+    char target[4096];
+    const std::string link = std::string("/proc/self/fd/") + e->d_name;
+    const ssize_t n = ::readlink(link.c_str(), target, sizeof target - 1);
+    if (n <= 0 || std::string(target, static_cast<size_t>(n)) != wanted) continue;
+    const int fd = std::atoi(e->d_name);
+    unsigned char buf[65536];
+    for (off_t at = 0;;) {
+      const ssize_t got = ::pread(fd, buf, sizeof buf, at);
+      if (got <= 0) break;
+      out.insert(out.end(), buf, buf + got);
+      at += got;
+    }
+    break;
+  }
+  ::closedir(d);
+  return out;
+}
+
 inline void writeAll(const std::string& p, const std::vector<unsigned char>& bytes) {
   std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
 }

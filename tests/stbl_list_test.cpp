@@ -74,7 +74,8 @@ TEST(SpillList, SpillsOneSlotBeforeCapacityAndBringsEveryRecordBackInOrder) {
     t.addUpTo(4096);
     ASSERT_EQ(t.spillsBefore, std::vector<size_t>{4095});
     EXPECT_EQ(t.list.size(), 1u);
-    EXPECT_EQ(drive.dir.entries(), std::vector<std::string>{t.name()});
+    EXPECT_TRUE(t.file->HasFile());
+    EXPECT_TRUE(drive.dir.entries().empty()) << "the spill file has no name to be left behind under";
     EXPECT_EQ(t.name().substr(t.name().size() - 7), ".quorel");
 
     t.addUpTo(10000);
@@ -87,7 +88,7 @@ TEST(SpillList, SpillsOneSlotBeforeCapacityAndBringsEveryRecordBackInOrder) {
 
     // The file: bare records in arrival order, in the machine's byte order (little-endian here). Record
     // 5 holds offset 0x20000138f, size 5, duration 5, count 3, span 5, description 2, flags 1.
-    const auto bytes = iotest::readAll(drive.dir.file(t.name()));
+    const auto bytes = iotest::readUnlinked(drive.dir.file(t.name()));
     ASSERT_EQ(bytes.size(), 10000u * 24);
     EXPECT_EQ(Bytes(bytes.begin() + 5 * 24, bytes.begin() + 6 * 24),
               H("8f13000002000000 05000000 05000000 03000000 0500 02 01"));
@@ -101,7 +102,7 @@ TEST(SpillList, EndStatesOfARecording) {
     SCOPED_TRACE(n);
     Track t;  // 4000: never spilled; 8190: the last spill left the list empty; 5000: no final read
     t.addUpTo(n);
-    if (n == 5000) { EXPECT_EQ(drive.dir.entries().size(), 1u); continue; }  // it goes all the same
+    if (n == 5000) { EXPECT_TRUE(t.file->HasFile()); continue; }  // it goes all the same
     if (n == 8190) { ASSERT_TRUE(t.file->WriteTmpFile() && t.list.empty()); }
     EXPECT_EQ(t.file->ReadTmpFile(), n == 8190);
     EXPECT_EQ(t.list.size(), n);

@@ -19,15 +19,16 @@ struct ModeInfo {
   const char* name;
   int flags;
   const char* stdioMode;
-  bool readable, writable, append;
+  bool readable, writable, append, temporary;
 };
 
 const ModeInfo kModes[] = {
-    {"rb", O_RDONLY, "rb", true, false, false},
-    {"wb", O_RDWR | O_CREAT | O_TRUNC, "r+b", true, true, false},
-    {"rwb", O_RDWR, "r+b", true, true, false},
-    {"rwbc", O_RDWR | O_CREAT, "r+b", true, true, false},
-    {"ab", O_RDWR | O_CREAT | O_APPEND, "a+b", true, true, true},
+    {"rb", O_RDONLY, "rb", true, false, false, false},
+    {"wb", O_RDWR | O_CREAT | O_TRUNC, "r+b", true, true, false, false},
+    {"rwb", O_RDWR, "r+b", true, true, false, false},
+    {"rwbc", O_RDWR | O_CREAT, "r+b", true, true, false, false},
+    {"ab", O_RDWR | O_CREAT | O_APPEND, "a+b", true, true, true, false},
+    {"wbt", O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW, "r+b", true, true, false, true},
 };
 
 const ModeInfo* findMode(const char* mode) {
@@ -70,6 +71,12 @@ bool IOFile::Open(const char* url, const char* mode) {
     ::close(fd);
     return false;
   }
+  if (m->temporary && ::unlink(_path.c_str()) != 0) {
+    const int err = errno;
+    LOGE << "!unlink " << _path << " " << std::strerror(err);
+    ::close(fd);
+    return false;
+  }
   _f = ::fdopen(fd, m->stdioMode);
   if (!_f) {
     const int err = errno;
@@ -88,6 +95,7 @@ bool IOFile::Open(const char* url, const char* mode) {
   _pos = _fpos = _append ? _size : 0;
   _last = Op::none;
   _writeFailed = false;
+  _temporary = m->temporary;
   if (_append && ::fseeko(_f, 0, SEEK_END) != 0) _fpos = -1;
   return true;
 }
@@ -217,6 +225,7 @@ bool IOFile::Remove(int /*flags*/) {
   if (_path.empty()) return false;
   Close();
   _size = 0;
+  if (_temporary) return true;  // it has no name since it was opened
   if (::unlink(_path.c_str()) != 0) {
     const int err = errno;
     LOGE << "!unlink " << _path << " " << std::strerror(err);

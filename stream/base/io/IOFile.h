@@ -11,7 +11,9 @@ namespace kiv {
 namespace base {
 
 // Modes: "rb" read; "wb" create or truncate (what was written can be read back); "rwb" read and write
-// an existing file; "rwbc" read and write, created when missing; "ab" append (writes go to the end).
+// an existing file; "rwbc" read and write, created when missing; "ab" append (writes go to the end);
+// "wbt" a temporary file: as "wb", but its name is removed as soon as it is open, so that the file lives
+// only as long as the stream and nothing is left behind, even by a process that is killed.
 // Paths are resolved through ResolvePath, so "d:/name" lands in the directory mapped for drive d.
 class IOFile : public IO {
  public:
@@ -60,6 +62,7 @@ class IOFile : public IO {
   long long _size = 0;  // bytes in the file, counting what is still buffered
   Op _last = Op::none;
   bool _writeFailed = false;
+  bool _temporary = false;
 };
 
 }  // namespace base

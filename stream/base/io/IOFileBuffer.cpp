@@ -1,7 +1,5 @@
 #include "stream/base/io/IOFileBuffer.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <utility>
 
@@ -20,19 +18,13 @@ IOFileBuffer::IOFileBuffer(const char* url, long long size, FlushFn flush)
   }
 }
 
-IOFileBuffer::~IOFileBuffer() {
-  if (_file) {
-    delete _file;
-    _file = nullptr;
-    if (::unlink(_path.c_str()) != 0) LOGE << "!unlink " << _path;
-  }
-}
+IOFileBuffer::~IOFileBuffer() { delete _file; }
 
 // Moves what is in memory into the temporary file and frees the memory.
 bool IOFileBuffer::toFile() {
   if (_path.empty() || _fileFailed) return false;
   IOFile* f = new IOFile();
-  if (!f->Open(_url.c_str(), "wb")) {
+  if (!f->Open(_url.c_str(), "wbt")) {
     delete f;
     _fileFailed = true;  // logged by Open; memory takes over
     return false;

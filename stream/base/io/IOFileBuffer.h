@@ -23,7 +23,8 @@ class IOFile;
 // The table boxes flush their buffer once, when the table is final, so the owner learns there that the
 // table is complete; the callback's result is Flush's result. Null: Flush only flushes.
 //
-// The temporary file is deleted when the buffer is destroyed.
+// The temporary file has no name from the moment it is made (IOFile's "wbt"): it goes with the buffer,
+// and with the process whatever ends it.
 class IOFileBuffer : public IOBuffer {
  public:
   using FlushFn = std::function<bool(IO*)>;

@@ -19,14 +19,12 @@ IListFile::IListFile(std::vector<ChunkParam>* list, const char* path, unsigned i
 }
 
 IListFile::~IListFile() {
-  if (!_file) return;
-  kiv::File::Close(_file);
-  _file = nullptr;
-  kiv::File::Delete(_path);
+  if (_file) kiv::File::Close(_file);
 }
 
 bool IListFile::CreateTmpFile(const char* path) {
-  _file = kiv::File::Open(path, "rwbc");
+  // Made without a name left behind: the records go with the object, or with the process.
+  _file = kiv::File::Open(path, "wbt");
   return _file != nullptr;
 }
 

@@ -31,8 +31,9 @@ static_assert(std::is_trivially_copyable<ChunkParam>::value, "records go to the 
 
 // Keeps a track's chunk list below its reserved capacity: when the list is about to fill, its records
 // go to a temporary file and the list starts again from empty; at the end of the recording everything
-// comes back, in the order of arrival. The file is made on the first spill only and deleted with the
-// object. The list is not owned.
+// comes back, in the order of arrival. The file is made on the first spill only; its name is removed
+// as soon as it is open, so it lasts as long as the object and never outlives the process. The list is
+// not owned.
 class IListFile {
  public:
   // path: the temporary file's name without its suffix (".quorel" is added). maxCount only sizes the
