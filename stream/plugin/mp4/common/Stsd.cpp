@@ -447,12 +447,6 @@ bool cstsd::parse(IO& io) {
   return !r.Failed();
 }
 
-bool cstsd::Parse(IO& io, AttrSet& ap, bool recurse) {
-  const bool ok = IMoovList::Parse(io, ap, recurse);
-  if (_child && !dynamic_cast<csdsc*>(_child) && !ap.Get("codec_fcc")) ap.SetOrAdd("codec_fcc", std::to_string(_child->FourCC()));
-  return ok;
-}
-
 // ---- cavcC
 
 bool gf_avc_is_rext_profile(unsigned char profile) {

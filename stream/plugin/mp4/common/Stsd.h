@@ -182,8 +182,6 @@ class cstsd : public IMoovList {
   IBox* Add(IBox* box) override;
   // The count in the file is not kept: the entries that follow are counted as they are added.
   bool parse(IO& io) override;
-  // An entry of a codec without a class names the codec itself, so that the track's tables are read.
-  bool Parse(IO& io, AttrSet& ap, bool recurse = true) override;
 };
 
 // H.264 decoder configuration. Writing takes the SPS and PPS from the pointers the track sets;
