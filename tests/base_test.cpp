@@ -87,13 +87,31 @@ TEST(BaseConvert, FractionsAndTimeScales) {
 
   TimeScale ts;
   ts.Scale(90000);
-  EXPECT_EQ(ts.To(3003), 33366666LL);
+  EXPECT_EQ(ts.To(3003), 33366667LL);
   EXPECT_EQ(ts.From(1000000000LL), 90000);
   EXPECT_EQ(ts.ToMs(45000), 500);
   EXPECT_EQ(ts.FromMs(2000), 180000);
   // Values of long recordings stay exact where a plain product would overflow.
   ts.Scale(48000);
   EXPECT_EQ(ts.To(10LL * 24 * 3600 * 48000), 10LL * 24 * 3600 * 1000000000LL);
+
+  // Conversions round to nearest, halves away from zero, so that the frame steps of a constant rate
+  // (33333333 and 33333334 ns at 30 fps) land on one value.
+  ts.Scale(60000);
+  EXPECT_EQ(ts.From(33333333), 2000);
+  EXPECT_EQ(ts.From(33333334), 2000);
+  EXPECT_EQ(ts.From(-33333333), -2000);
+  ts.Scale(1000);
+  EXPECT_EQ(ts.From(1500000), 2);
+  EXPECT_EQ(ts.From(1499999), 1);
+  EXPECT_EQ(ts.From(-1500000), -2);
+  EXPECT_EQ(ts.ToMs(0), 0);
+  EXPECT_EQ(kiv::base::MulDiv(1, 2, 3), 1);  // 0.67
+  EXPECT_EQ(kiv::base::MulDiv(1, 1, 3), 0);  // 0.33
+  EXPECT_EQ(kiv::base::MulDiv(7, 1, 0), 0);
+  // A frame time at index n is rounded from n alone, so no error adds up over an hour.
+  EXPECT_EQ(kiv::base::MulDiv(108000, 1000000000LL * 1001, 30000), 3603600000000LL);
+  EXPECT_EQ(kiv::base::MulDiv(2, 1000000000LL * 1001, 30000), 66733333LL);
 }
 
 TEST(BaseHelpers, HashPackingSplittingAndHex) {

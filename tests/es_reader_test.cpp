@@ -94,8 +94,8 @@ bool onlyLongStartCodes(const Bytes& b) {
   return b.size() >= 4 && b[0] == 0 && b[1] == 0 && b[2] == 0 && b[3] == 1;
 }
 
-// A reader's packets for `m`: the expected bytes and keys, numbered, at i * num / den ns, times that also
-// add up by durations without drift.
+// A reader's packets for `m`: the expected bytes and keys, numbered, at i * num / den ns rounded to
+// nearest, times that also add up by durations without drift.
 template <class Reader>
 void expectPackets(Reader& r, IMedia* m, const std::vector<Bytes>& bytes, const std::vector<bool>& keys, long long num,
                    long long den) {
@@ -104,7 +104,7 @@ void expectPackets(Reader& r, IMedia* m, const std::vector<Bytes>& bytes, const 
   for (Packet* pk; (pk = r.NextPacket(m)) != nullptr; ++i, pk->Release()) {
     ASSERT_TRUE(pk != PacketError() && i < bytes.size());
     EXPECT_EQ(std::make_tuple(pk->index, pk->pts, pk->pts, pk->IsKey(), pk->media, Bytes(pk->Data(), pk->Data() + pk->Size())),
-              std::make_tuple(static_cast<long long>(i), static_cast<long long>(i) * num / den, next,
+              std::make_tuple(static_cast<long long>(i), (static_cast<long long>(i) * num + den / 2) / den, next,
                               static_cast<bool>(keys[i]), m, bytes[i]))
         << i << ": index, pts, pts by durations, key, media, bytes";
     next = pk->pts + pk->duration;

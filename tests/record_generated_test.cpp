@@ -317,6 +317,15 @@ TEST_F(GeneratedRecord, LongRecordingsKeepTheirTablesWithSpillListsAndTableFiles
         << "every picture of the source";
     if (c.args.empty()) {
       EXPECT_EQ(d.audio, audio.md5) << "all of the sound";
+      // A constant frame rate keeps one frame duration to the end (one stts entry), and the two
+      // tracks, 140 s each, end within a frame of one another.
+      EXPECT_EQ(Be32(m.Tables("vide")["stts"], 4), 1u) << "video stts entries";
+      auto seconds = [&m](const char* handler) {
+        const BoxAt mdhd = Find(m.b, m.Track(handler), "mdia/mdhd");
+        return static_cast<double>(Be32(m.b, mdhd.body() + 16)) / Be32(m.b, mdhd.body() + 12);
+      };
+      EXPECT_NEAR(seconds("vide"), 140.0, 1e-9);
+      EXPECT_NEAR(seconds("soun"), seconds("vide"), 1.0 / 30);
     }
     if (!c.same) continue;
     EXPECT_EQ(d.audio, decoded[c.same].audio) << "the sound of " << c.same;

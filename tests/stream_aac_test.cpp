@@ -162,17 +162,17 @@ TEST(StreamAac, FollowingAudioWaitsAndTheEndMatchesTheVideo) {
   EXPECT_EQ(r.st->Duration(), 64);
   EXPECT_EQ(add(84), 3u) << "half a chunk (21 ms) past the video at most";
   EXPECT_EQ(add(85), 5u);
-  EXPECT_EQ(r.st->Duration(), 106);
+  EXPECT_EQ(r.st->Duration(), 107) << "5 x 1024 samples at 48 kHz: 106.67 ms, rounded";
   for (int i = 0; i < 4; ++i) add(0);
   EXPECT_EQ(r.st->_fifo->Size(), 6);
 
   // The video ends where the audio stands, or before: nothing more.
-  EXPECT_TRUE(r.st->CleanFifoData(r.io, 106));
+  EXPECT_TRUE(r.st->CleanFifoData(r.io, 107));
   EXPECT_TRUE(r.st->CleanFifoData(r.io, 100));
   EXPECT_EQ(r.List().size(), 5u);
   // 43 ms more video: two frames of 1024 samples fit.
   const unsigned long long mdatBefore = r.mdat->Size();
-  EXPECT_TRUE(r.st->CleanFifoData(r.io, 149));
+  EXPECT_TRUE(r.st->CleanFifoData(r.io, 150));
   EXPECT_EQ(r.List().size(), 7u);
   EXPECT_EQ(r.mdat->Size(), mdatBefore + 20u);
   EXPECT_EQ(r.st->_fifo->Size(), 4);

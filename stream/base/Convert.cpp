@@ -118,10 +118,12 @@ bool toFloat(const char* text, T& out) {
 }  // namespace
 
 long long MulDiv(long long value, long long mul, long long div) {
-  if (div == 0) return 0;
+  if (div <= 0) return 0;
   // Split the value so that the partial products stay in range for the scales in use.
   const long long q = value / div, r = value % div;
-  return q * mul + r * mul / div;
+  const long long part = r * mul;  // |r| < div
+  const long long half = div / 2;
+  return q * mul + (part >= 0 ? (part + half) / div : (part - half) / div);
 }
 
 bool Fraction::From(long long num, long long den) {
