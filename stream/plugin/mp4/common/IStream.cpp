@@ -334,8 +334,8 @@ bool IStream::DemuxConfig(IBox* mdat, IBox* trak, kiv::base::Object*) {
   _createTime = static_cast<long long>(mdhd->_createtime);
   _duration = _scale.ToMs(static_cast<long long>(mdhd->_duration));
   if (auto* tkhd = dynamic_cast<ctkhd*>(trak->Find("tkhd"))) _trackId = static_cast<int>(tkhd->_track_id);
-  // The packet producer that walks the tables (and gives the gop and the frame count) is not part of
-  // this build yet: without it the track cannot deliver packets.
+  // Without a packet producer over its tables (which also gives the gop and the frame count) the
+  // track cannot deliver packets.
   LOGE << "!_demuxer";
   return false;
 }
@@ -346,7 +346,7 @@ bool IStream::DemuxReset() {
     LOGE << "!_demuxer";
     return false;
   }
-  // Rewinding needs the packet producer, which is not part of this build yet.
+  // Rewinding is the packet producer's.
   LOGE << "!_demuxer->SeekToBegin(true)";
   return false;
 }
