@@ -25,11 +25,12 @@ inline std::string ReadWhole(const std::string& path) {
 // Runs a shell command quietly; true when it succeeded.
 inline bool Shell(const std::string& cmd) { return std::system((cmd + " >/dev/null 2>&1").c_str()) == 0; }
 
-inline ToolResult RunTool(const std::string& args) {
+// `wrap` goes in front of the program: a shell prefix such as "trap '' XFSZ; prlimit ... ".
+inline ToolResult RunTool(const std::string& args, const std::string& wrap = "") {
   static int n = 0;
   const std::string base = std::string(::testing::TempDir()) + "/tool" + std::to_string(::getpid()) + "_" +
                            std::to_string(n++);
-  const int raw = std::system((std::string(BOXWEAVE_BUILD_DIR) + "/boxweave " + args + " >" + base + ".out 2>" + base +
+  const int raw = std::system((wrap + std::string(BOXWEAVE_BUILD_DIR) + "/boxweave " + args + " >" + base + ".out 2>" + base +
                                ".err").c_str());
   ToolResult r{WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + (WIFSIGNALED(raw) ? WTERMSIG(raw) : 0),
                ReadWhole(base + ".out"), ReadWhole(base + ".err")};

@@ -1,21 +1,28 @@
 // "record": H.264 and AAC elementary streams into a movie file, through the plug-in's muxer element.
 // The host plays the part of a camera graph: one source element a stream, linked to the muxer's input
 // ports, packets delivered in time order, every message of the muxer printed.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <csignal>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "stream/base/Message.h"
+#include "stream/base/dbg/Log.h"
+#include "stream/base/io/IOFile.h"
 #include "stream/base/io/IUrl.h"
 #include "stream/core/IMedia.h"
 #include "stream/core/Packet.h"
 #include "stream/core/fw/IElement.h"
+#include "stream/core/fw/IIO.h"
 #include "stream/core/fw/IPort.h"
 #include "stream/plugin/mp4/VideoTag.h"
 #include "stream/plugin/mp4/common/IMovMuxer.h"
@@ -45,9 +52,19 @@ std::string extension(const std::string& path) {
   return e;
 }
 
-// What the command line alone cannot tell: the format from the file name.
+// The same file under two names (a link, another path): one device and inode.
+bool sameFile(const std::string& a, const std::string& b) {
+  struct stat sa, sb;
+  return ::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+
+// What the command line alone cannot tell: the format from the file name, and an output that would
+// overwrite an input (opening it for writing truncates it before a byte is read).
 int finishOptions(RecordOptions& o) {
   if (o.video.empty() && o.audio.empty()) return UsageError("record needs --video FILE or --audio FILE", "record");
+  for (const std::string* in : {&o.video, &o.audio})
+    if (!in->empty() && sameFile(o.out, *in))
+      return UsageError("record: the output '" + o.out + "' is the input '" + *in + "'", "record");
   if (o.format.empty()) {
     const std::string e = extension(o.out);
     if (e != "mov" && e != "mp4")
@@ -110,40 +127,100 @@ int failed(const std::string& message) {
   return kFailed;
 }
 
+// The first SIGINT or SIGTERM ends the recording between two packets, so that the movie is closed
+// whole; the handler resets itself, and a second signal ends the process at once.
+volatile std::sig_atomic_t stopSignal = 0;
+extern "C" void onStopSignal(int sig) { stopSignal = sig; }
+
+struct StopSignals {
+  StopSignals() {
+    stopSignal = 0;
+    struct sigaction sa = {};
+    sa.sa_handler = onStopSignal;
+    sa.sa_flags = SA_RESETHAND;
+    sigemptyset(&sa.sa_mask);
+    for (int sig : {SIGINT, SIGTERM}) ::sigaction(sig, &sa, nullptr);
+  }
+  ~StopSignals() {
+    for (int sig : {SIGINT, SIGTERM}) std::signal(sig, SIG_DFL);
+  }
+};
+
+// Keeps the log's lines off the terminal while it lives: the host says what went wrong itself.
+struct QuietLog {
+  QuietLog() {
+    kiv::dbg::SetSink([](int, const std::string&) {});
+  }
+  ~QuietLog() { kiv::dbg::SetSink(nullptr); }
+};
+
+// Temporary files can only be trusted where one can be made and written: a directory that is
+// missing, read-only or full would otherwise only show when the first sample list spills.
+std::string tmpProblem(const std::string& dir) {
+  struct stat st;
+  if (::stat(dir.c_str(), &st) != 0) return std::strerror(errno);
+  if (!S_ISDIR(st.st_mode)) return std::strerror(ENOTDIR);
+  QuietLog quiet;
+  kiv::base::IOFile probe;
+  const std::vector<char> block(4096);
+  const bool ok = probe.Open((dir + "/boxweave-probe").c_str(), "wbt") &&
+                  probe.Write(block.data(), static_cast<long long>(block.size())) == static_cast<long long>(block.size()) &&
+                  probe.Flush();
+  probe.Close();
+  std::string problem = kiv::base::IOFile::TemporaryError();
+  kiv::base::IOFile::ClearTemporaryError();
+  return ok || !problem.empty() ? problem : "cannot write a file there";
+}
+
+// What a failed write left is no playable movie: it goes (a device, such as /dev/full, stays).
+void removeOutput(const std::string& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && ::unlink(path.c_str()) == 0)
+    std::fprintf(stderr, "boxweave: removed %s\n", path.c_str());
+}
+
 }  // namespace
 
 int Record(RecordOptions o) {
   if (int status = finishOptions(o)) return status;
   if (!o.tmp.empty()) kiv::base::DriveMap('d', o.tmp.c_str());
+  const std::string tmpDir = kiv::base::DriveDir('d');
+  if (!o.tmp.empty() || o.spill || o.tableFiles) {
+    const std::string problem = tmpProblem(tmpDir);
+    if (!problem.empty()) return failed("cannot write temporary files in " + tmpDir + ": " + problem);
+  }
+  kiv::base::IOFile::ClearTemporaryError();
 
   std::vector<std::unique_ptr<Input>> inputs;
   double seconds = 0;
-  if (!o.video.empty()) {
-    H264Description d;
-    std::string error;
-    if (!DescribeH264(o.video, d, error)) return failed(error);
-    for (const std::string& w : H264Warnings(d)) std::fprintf(stderr, "boxweave: warning: %s\n", w.c_str());
-    auto in = std::make_unique<Input>();
-    in->media = NewH264Media(d, o.fps);
-    in->h264 = std::make_unique<H264Reader>();
-    if (!in->media || !in->h264->Open(o.video) || !in->h264->FrameRate(o.fps))
-      return failed("cannot read " + o.video + ": " + in->h264->Error());
-    seconds = static_cast<double>(d.pictures) * static_cast<double>(o.fps.Den()) / static_cast<double>(o.fps.Num());
-    inputs.push_back(std::move(in));
+  {
+    QuietLog quiet;  // the readers' reasons are printed below, once
+    if (!o.video.empty()) {
+      H264Description d;
+      std::string error;
+      if (!DescribeH264(o.video, d, error)) return failed(error);
+      for (const std::string& w : H264Warnings(d)) std::fprintf(stderr, "boxweave: warning: %s\n", w.c_str());
+      auto in = std::make_unique<Input>();
+      in->media = NewH264Media(d, o.fps);
+      in->h264 = std::make_unique<H264Reader>();
+      if (!in->media || !in->h264->Open(o.video) || !in->h264->FrameRate(o.fps))
+        return failed("cannot read " + o.video + ": " + in->h264->Error());
+      seconds = static_cast<double>(d.pictures) * static_cast<double>(o.fps.Den()) / static_cast<double>(o.fps.Num());
+      inputs.push_back(std::move(in));
+    }
+    if (!o.audio.empty()) {
+      AdtsDescription d;
+      std::string error;
+      if (!DescribeAdts(o.audio, d, error)) return failed(error);
+      for (const std::string& w : AdtsWarnings(d)) std::fprintf(stderr, "boxweave: warning: %s\n", w.c_str());
+      auto in = std::make_unique<Input>();
+      in->media = NewAdtsMedia(d);
+      in->adts = std::make_unique<AdtsReader>();
+      if (!in->media || !in->adts->Open(o.audio)) return failed("cannot read " + o.audio + ": " + in->adts->Error());
+      if (d.config.rate) seconds = std::max(seconds, static_cast<double>(d.samples) / d.config.rate);
+      inputs.push_back(std::move(in));
+    }
   }
-  if (!o.audio.empty()) {
-    AdtsDescription d;
-    std::string error;
-    if (!DescribeAdts(o.audio, d, error)) return failed(error);
-    for (const std::string& w : AdtsWarnings(d)) std::fprintf(stderr, "boxweave: warning: %s\n", w.c_str());
-    auto in = std::make_unique<Input>();
-    in->media = NewAdtsMedia(d);
-    in->adts = std::make_unique<AdtsReader>();
-    if (!in->media || !in->adts->Open(o.audio)) return failed("cannot read " + o.audio + ": " + in->adts->Error());
-    if (d.config.rate) seconds = std::max(seconds, static_cast<double>(d.samples) / d.config.rate);
-    inputs.push_back(std::move(in));
-  }
-
   // The muxer element, found by keywords as a graph would find it.
   AttrSet ap;
   Object::AttrSetInit(ap, nullptr, o.format == "mov" ? "mov-muxer" : "mp4-muxer");
@@ -176,14 +253,27 @@ int Record(RecordOptions o) {
     in->media->Hold();  // the port took one reference; the input keeps its own
     if (!in->port || !in->source->LinkTo(mux.get())) return failed("cannot link an input to the muxer");
   }
+  // The plug-in does not check its writes; the stream under the element says whether they failed.
+  auto* sink = dynamic_cast<kiv::stream::IIO*>(mux.get());
+  if (!sink) return failed("the muxer has no stream to write to");
+  StopSignals signals;
   if (!mux->Open()) return failed("cannot record to " + o.out);
+  std::string writeError;
+  const auto checkWrites = [&] {
+    if (!writeError.empty()) return false;
+    const std::string out = sink->io ? sink->io->Error() : sink->IOError();
+    const std::string tmp = kiv::base::IOFile::TemporaryError();
+    if (!out.empty()) writeError = "writing " + o.out + " failed: " + out;
+    else if (!tmp.empty()) writeError = "writing temporary files in " + tmpDir + " failed: " + tmp;
+    return writeError.empty();
+  };
 
   for (auto& in : inputs)
     if (!in->advance()) return failed(in->error());
   const bool progress = isatty(2) && seconds > 10;
   long long lastShown = -1;
   bool ok = true;
-  for (;;) {
+  while (!stopSignal && checkWrites()) {
     // Packets go out in time order; at equal times video first.
     Input* pick = nullptr;
     for (auto& in : inputs)
@@ -210,9 +300,29 @@ int Record(RecordOptions o) {
     }
   }
   if (progress) std::fprintf(stderr, "\n");
-  if (!mux->Close()) return failed("closing " + o.out + " failed");
+  const int stoppedBy = stopSignal;
+  bool closed = false;
+  if (checkWrites()) {
+    closed = mux->Close();
+  } else {
+    QuietLog quiet;  // every write after the first fails alike; that one was logged
+    closed = mux->Close();
+  }
+  if (!checkWrites()) {
+    failed(writeError);
+    removeOutput(o.out);
+    return kFailed;
+  }
+  if (!closed) return failed("closing " + o.out + " failed");
+  if (stoppedBy) {
+    std::fprintf(stderr, "boxweave: recording stopped by %s; %s holds what came before\n",
+                 stoppedBy == SIGINT ? "SIGINT" : "SIGTERM", o.out.c_str());
+    return 128 + stoppedBy;
+  }
   return ok ? kOk : kFailed;
 }
+
+
 
 Verb AddRecord(CLI::App& app) {
   auto o = std::make_shared<RecordOptions>();

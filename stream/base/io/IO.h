@@ -34,6 +34,10 @@ class IO : public Object {
   // True when the stream stands for a file of its own that holds data to copy.
   virtual bool HasFileData() const { return false; }
   virtual bool Close() { return true; }
+  // Why the stream first failed to keep bytes (a write, a flush, a close), as the system says it;
+  // empty while it has not. Writers may go on without checking each write: whoever owns the
+  // recording asks here.
+  virtual std::string Error() const { return std::string(); }
 
   // Writes at a place and returns to where the stream was.
   long long Write(const void* data, long long size, long long position, kiv::Position whence);

@@ -37,7 +37,7 @@ IOCacheWriter::~IOCacheWriter() {
 bool IOCacheWriter::writeInner(long long pos, const unsigned char* data, long long size) {
   if (size <= 0) return true;
   if (!_io->Seek(pos, kiv::Position::front) || _io->Write(data, size) != size) {
-    if (!_failed) LOGE << "!_io->Write(data," << size << ") at " << pos;
+    if (!_failed && _io->Error().empty()) LOGE << "!_io->Write(data," << size << ") at " << pos;  // else told below
     _failed = true;
     return false;
   }

@@ -25,6 +25,7 @@ bool IODelegate::Flush() { return hasIO() && _io->Flush(); }
 bool IODelegate::Remove(int flags) { return hasIO() && _io->Remove(flags); }
 const char* IODelegate::URL() const { return _io ? _io->URL() : IO::URL(); }
 bool IODelegate::HasFileData() const { return _io && _io->HasFileData(); }
+std::string IODelegate::Error() const { return _io ? _io->Error() : std::string(); }
 bool IODelegate::Close() { return !_io || _io->Close(); }
 
 }  // namespace base

@@ -28,6 +28,7 @@ class IODelegate : public IO {
   bool Remove(int flags) override;
   const char* URL() const override;
   bool HasFileData() const override;
+  std::string Error() const override;
   bool Close() override;
 
  protected:

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 
 #include "stream/base/dbg/Log.h"
 #include "stream/base/io/IUrl.h"
@@ -38,7 +39,38 @@ const ModeInfo* findMode(const char* mode) {
   return nullptr;
 }
 
+std::mutex& temporaryMutex() {
+  static std::mutex m;
+  return m;
+}
+std::string& temporaryError() {
+  static std::string e;
+  return e;
+}
+void noteTemporary(int err) {
+  std::lock_guard<std::mutex> lock(temporaryMutex());
+  if (temporaryError().empty()) temporaryError() = std::strerror(err ? err : EIO);
+}
+
 }  // namespace
+
+std::string IOFile::TemporaryError() {
+  std::lock_guard<std::mutex> lock(temporaryMutex());
+  return temporaryError();
+}
+
+void IOFile::ClearTemporaryError() {
+  std::lock_guard<std::mutex> lock(temporaryMutex());
+  temporaryError().clear();
+}
+
+void IOFile::fail(const char* what, int err) {
+  if (!err) err = EIO;
+  if (!_error.empty()) return;  // one line per stream: a full card fails every write after
+  LOGE << what << " " << _path << " " << std::strerror(err);
+  _error = std::strerror(err);
+  if (_temporary) noteTemporary(err);
+}
 
 bool IOFile::ValidMode(const char* mode) { return findMode(mode) != nullptr; }
 
@@ -61,6 +93,7 @@ bool IOFile::Open(const char* url, const char* mode) {
   if (fd < 0) {
     const int err = errno;
     LOGE << "!open " << _path << " " << mode << " " << std::strerror(err);
+    if (m->temporary) noteTemporary(err);
     return false;
   }
   struct stat st;
@@ -68,12 +101,14 @@ bool IOFile::Open(const char* url, const char* mode) {
   if (statFailed || S_ISDIR(st.st_mode)) {
     const int err = statFailed ? errno : EISDIR;
     LOGE << "!open " << _path << " " << mode << " " << std::strerror(err);
+    if (m->temporary) noteTemporary(err);
     ::close(fd);
     return false;
   }
   if (m->temporary && ::unlink(_path.c_str()) != 0) {
     const int err = errno;
     LOGE << "!unlink " << _path << " " << std::strerror(err);
+    if (m->temporary) noteTemporary(err);
     ::close(fd);
     return false;
   }
@@ -81,6 +116,7 @@ bool IOFile::Open(const char* url, const char* mode) {
   if (!_f) {
     const int err = errno;
     LOGE << "!open " << _path << " " << mode << " " << std::strerror(err);
+    if (m->temporary) noteTemporary(err);
     ::close(fd);
     return false;
   }
@@ -94,7 +130,7 @@ bool IOFile::Open(const char* url, const char* mode) {
   _size = static_cast<long long>(st.st_size);
   _pos = _fpos = _append ? _size : 0;
   _last = Op::none;
-  _writeFailed = false;
+  _error.clear();
   _temporary = m->temporary;
   if (_append && ::fseeko(_f, 0, SEEK_END) != 0) _fpos = -1;
   return true;
@@ -131,8 +167,7 @@ bool IOFile::sync(Op op) {
     return true;
   }
   if (::fseeko(_f, static_cast<off_t>(_pos), SEEK_SET) != 0) {
-    const int err = errno;
-    LOGE << "!fseeko " << _path << " " << _pos << " " << std::strerror(err);
+    fail("!fseeko", errno);  // mostly buffered bytes that would not go out: as a failed write
     _fpos = -1;
     return false;
   }
@@ -172,8 +207,7 @@ long long IOFile::Write(const void* data, long long size) {
   const size_t n = ::fwrite(data, 1, static_cast<size_t>(size), _f);
   if (n < static_cast<size_t>(size)) {
     const int err = errno;
-    if (!_writeFailed) LOGE << "!write " << _path << " " << std::strerror(err);
-    _writeFailed = true;  // one line per stream: a full card fails every write after
+    fail("!write", err);
     ::clearerr(_f);
     _fpos = -1;
   }
@@ -193,13 +227,11 @@ bool IOFile::Flush() {
   if (!_f) return false;
   if (!_writable) return true;
   if (::fflush(_f) != 0) {
-    const int err = errno;
-    LOGE << "!fflush " << _path << " " << std::strerror(err);
+    fail("!fflush", errno);
     return false;
   }
   if (::fdatasync(::fileno(_f)) != 0 && errno != EINVAL && errno != EROFS) {
-    const int err = errno;
-    LOGE << "!fdatasync " << _path << " " << std::strerror(err);
+    fail("!fdatasync", errno);
     return false;
   }
   return true;
@@ -215,7 +247,7 @@ bool IOFile::Close() {
   const int err = errno;
   _wbuf.reset();  // only now: fclose flushes from it
   if (!closed) {
-    LOGE << "!fclose " << _path << " " << std::strerror(err);
+    fail("!fclose", err);
     return false;
   }
   return true;
@@ -226,6 +258,9 @@ bool IOFile::Remove(int /*flags*/) {
   Close();
   _size = 0;
   if (_temporary) return true;  // it has no name since it was opened
+  // A device or pipe opened as the output ("/dev/full") is no file of the recording's own.
+  struct stat st;
+  if (::stat(_path.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) return false;
   if (::unlink(_path.c_str()) != 0) {
     const int err = errno;
     LOGE << "!unlink " << _path << " " << std::strerror(err);

@@ -40,6 +40,14 @@ class IOFile : public IO {
   bool Remove(int flags) override;
   bool HasFileData() const override { return _f != nullptr; }
   bool Close() override;
+  // Kept after Close, cleared by Open.
+  std::string Error() const override { return _error; }
+
+  // The first failure of any temporary ("wbt") file of the process, opening or writing it, as the
+  // system says it (the log line names the file). Temporary files belong to writers that do not check their writes, so the owner of the
+  // work asks here. Empty while there was none.
+  static std::string TemporaryError();
+  static void ClearTemporaryError();
 
   // True for the mode strings above.
   static bool ValidMode(const char* mode);
@@ -47,6 +55,8 @@ class IOFile : public IO {
  private:
   enum class Op { none, read, write };
   bool sync(Op op);
+  // Logs the first failure of the stream and keeps its reason.
+  void fail(const char* what, int err);
 
   // Writes of a few hundred bytes each (a sample, a length) go out in blocks of this size.
   static constexpr size_t kWriteBuffer = 16 * 1024;
@@ -61,7 +71,7 @@ class IOFile : public IO {
   long long _fpos = 0;  // where the C stream stands
   long long _size = 0;  // bytes in the file, counting what is still buffered
   Op _last = Op::none;
-  bool _writeFailed = false;
+  std::string _error;
   bool _temporary = false;
 };
 

@@ -79,6 +79,11 @@ bool IOFileBuffer::Flush() {
   return ok;
 }
 
+std::string IOFileBuffer::Error() const {
+  if (_file) return _file->Error();
+  return _fileFailed ? "cannot move to " + _path : std::string();
+}
+
 bool IOFileBuffer::Remove(int /*flags*/) {
   bool ok = true;
   if (_file) {

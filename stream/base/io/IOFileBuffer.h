@@ -43,6 +43,7 @@ class IOFileBuffer : public IOBuffer {
   bool HasFileData() const override { return _file != nullptr; }
   // Drops the content and the temporary file; the buffer starts empty again, in memory.
   bool Remove(int flags) override;
+  std::string Error() const override;
 
   long long Reserved() const { return _reserve; }
   // The file system path of the temporary file (empty without url).

@@ -14,6 +14,7 @@ bool IIO::Open(const char* mode) {
     LOGN << "io open already: " << url;
     return true;
   }
+  _ioError.clear();
   if (url.empty()) {
     LOGE << "!url";
     return false;
@@ -30,6 +31,8 @@ bool IIO::Close() {
   if (!io) return true;
   const bool ok = io->Close();
   if (!ok) LOGE << "!io->Close() " << url;
+  _ioError = io->Error();
+  if (!ok && _ioError.empty()) _ioError = "the stream did not close";
   delete io;
   io = nullptr;
   return ok;

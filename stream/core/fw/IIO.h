@@ -23,6 +23,8 @@ class IIO : public virtual kiv::base::Object {
   // Closes and destroys the stream; true when there was none. False when the stream reports a failed
   // close (it is destroyed all the same).
   bool Close();
+  // The stream's Error() as it was when it closed; cleared by Open. Its owner asks here once the stream is gone.
+  const std::string& IOError() const { return _ioError; }
   // "io" gives the open stream.
   kiv::base::object* getChild(const char* name) override;
 
@@ -31,6 +33,9 @@ class IIO : public virtual kiv::base::Object {
   // The open stream, null when closed. `_io` names the same field.
   kiv::base::IO* io = nullptr;
   kiv::base::IO*& _io = io;
+
+ private:
+  std::string _ioError;
 };
 
 }  // namespace stream

@@ -33,6 +33,16 @@ bool IListFile::ListIsFull() {
   return _list->size() + 1 >= _list->capacity();
 }
 
+bool IListFile::append() {
+  const long long bytes = static_cast<long long>(_list->size()) * _recordSize;
+  if (kiv::File::Write(_file, _list->data(), bytes) == bytes) {
+    _fileBytes += bytes;
+    return true;
+  }
+  kiv::File::Seek(_file, _fileBytes, kiv::Position::front);
+  return false;
+}
+
 bool IListFile::WriteTmpFile() {
   if (!_list) return true;
   if (!_file && !CreateTmpFile(_path)) {
@@ -40,8 +50,7 @@ bool IListFile::WriteTmpFile() {
     return false;
   }
   // One sequential write of the memory image; no per-record work.
-  const long long bytes = static_cast<long long>(_list->size()) * _recordSize;
-  if (kiv::File::Write(_file, _list->data(), bytes) != bytes) return false;
+  if (!append()) return false;
   _list->clear();  // the capacity stays: no allocation until the next spill
   return true;
 }
@@ -50,32 +59,26 @@ bool IListFile::ReadTmpFile() {
   if (!_file) return false;
   if (!_list) return false;
 
-  if (_unflushed) {
-    const long long bytes = static_cast<long long>(_list->size()) * _recordSize;
-    if (kiv::File::Write(_file, _list->data(), bytes) == bytes) _list->clear();
-    kiv::File::Flush(_file);
-    kiv::File::Seek(_file, 0, kiv::Position::front);
-    _unflushed = false;
-  }
-
-  const long long size = kiv::File::Size(_file);
-  const unsigned long long fileBytes = size > 0 ? static_cast<unsigned long long>(size) : 0;
-  const unsigned long long count = fileBytes / _recordSize;
-  if (count + 1 > _list->max_size()) {
+  if (!_unflushed) return true;
+  _unflushed = false;
+  // Records the file would not take stay in memory, behind those that come back.
+  std::vector<ChunkParam> rest;
+  if (append())
+    _list->clear();
+  else
+    rest.swap(*_list);
+  kiv::File::Flush(_file);
+  kiv::File::Seek(_file, 0, kiv::Position::front);
+  const unsigned long long count = static_cast<unsigned long long>(_fileBytes) / _recordSize;
+  if (count + rest.size() + 1 > _list->max_size()) {
     LOGE << "count+1>_list->max_size() " << count;
     return false;
   }
   // The extra slot keeps a list that comes back exactly full from counting as full at once.
-  _list->reserve(static_cast<size_t>(count + 1));
+  _list->reserve(static_cast<size_t>(count + rest.size() + 1));
   _list->resize(static_cast<size_t>(count));
-  const long long whole = static_cast<long long>(count * _recordSize);
-  kiv::File::Read(_file, _list->data(), whole);
-  // A torn last record (a write cut short) is read past, but never counted as a record.
-  const long long tail = static_cast<long long>(fileBytes) - whole;
-  if (tail > 0) {
-    unsigned char torn[sizeof(ChunkParam)];
-    kiv::File::Read(_file, torn, tail);
-  }
+  if (kiv::File::Read(_file, _list->data(), _fileBytes) != _fileBytes) LOGE << "!read " << _path;
+  _list->insert(_list->end(), rest.begin(), rest.end());
   return true;
 }
 

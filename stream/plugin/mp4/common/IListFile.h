@@ -47,19 +47,25 @@ class IListFile {
   // One free slot is kept: with a capacity of 4096 the list is full at 4095 records.
   bool ListIsFull();
   // Appends the list's records to the file and empties the list. False (list untouched) when the
-  // file can't be made or the write falls short; the caller tries again with the next sample.
+  // file can't be made or the write falls short; the caller tries again with the next sample, over
+  // what the short write left.
   bool WriteTmpFile();
-  // Final: writes what is left in the list, then brings every record of the file back into the list.
-  // False when nothing was ever spilled (the list is complete as it is).
+  // Final: writes what is left in the list, then brings every record of the file back into the list,
+  // ahead of any the file would not take. False when nothing was ever spilled (the list is complete
+  // as it is).
   bool ReadTmpFile();
 
   const char* Path() const { return _path; }
   bool HasFile() const { return _file != nullptr; }
 
  private:
+  // Appends the list to the file; after a short write the file stands where the write began.
+  bool append();
+
   void* _file = nullptr;  // kiv::File handle
   unsigned _maxCount = 0;
   bool _unflushed = true;
+  long long _fileBytes = 0;  // whole writes only: a torn one is written over or never read
   unsigned _recordSize = sizeof(ChunkParam);
   std::vector<ChunkParam>* _list = nullptr;
   char _path[128] = {};
