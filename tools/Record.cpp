@@ -26,6 +26,7 @@
 #include "stream/core/fw/IPort.h"
 #include "stream/plugin/mp4/VideoTag.h"
 #include "stream/plugin/mp4/common/IMovMuxer.h"
+#include "stream/plugin/mp4/common/ThumbBox.h"
 #include "tools/AdtsReader.h"
 #include "tools/Cli.h"
 #include "tools/H264Reader.h"
@@ -190,6 +191,17 @@ int Record(RecordOptions o) {
     if (!problem.empty()) return failed("cannot write temporary files in " + tmpDir + ": " + problem);
   }
   kiv::base::IOFile::ClearTemporaryError();
+  if (o.thumb) {
+    // The muxer takes the picture from OUT's path up to its first dot, plus .jpg; without one the
+    // reserved box stays empty, which a user should hear of now rather than find out later.
+    const std::string jpeg = o.out.substr(0, o.out.find('.')) + ".jpg";
+    struct stat st {};
+    if (::stat(jpeg.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+      std::fprintf(stderr, "boxweave: warning: --thumb: no JPEG at %s; the thumbnail box stays empty\n", jpeg.c_str());
+    else if (st.st_size > static_cast<off_t>(kiv::plugin::mov::cthumb::kReserve - kiv::plugin::mov::cthumb::kFreeRoom))
+      std::fprintf(stderr, "boxweave: warning: --thumb: %s has %lld bytes, more than the box takes; it stays empty\n",
+                   jpeg.c_str(), static_cast<long long>(st.st_size));
+  }
 
   std::vector<std::unique_ptr<Input>> inputs;
   double seconds = 0;

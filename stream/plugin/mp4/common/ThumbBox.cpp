@@ -17,11 +17,6 @@ namespace mov {
 
 using kiv::base::IOIntWriter;
 
-namespace {
-// Room kept behind the JPEG: the 8-byte header of the "free" box and 8 bytes more.
-constexpr unsigned kFreeRoom = 16;
-}  // namespace
-
 cthumb::cthumb() : IBox("thum", 0), _data(new (std::nothrow) unsigned char[kReserve]()) {
   _statistics_size = 8ull + _reserve_size;
 }

@@ -17,6 +17,8 @@ namespace mov {
 class cthumb : public IBox {
  public:
   static constexpr unsigned int kReserve = 204800;
+  // Room kept behind the JPEG: the 8-byte header of the "free" box and 8 bytes more.
+  static constexpr unsigned int kFreeRoom = 16;
 
   cthumb();
 
