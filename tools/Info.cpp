@@ -34,7 +34,8 @@ std::string quoted(const std::string& code) { return "'" + Printable(code) + "'"
 struct Header {
   unsigned long long size = 0;  // what the header claims; 0: up to the end of the parent
   std::string code;
-  bool whole = false;  // false: fewer than a header's bytes are left
+  unsigned headerBytes = 8;  // 16 with a 64-bit size
+  bool whole = false;        // false: fewer than a header's bytes are left
 };
 
 Header readHeader(kiv::base::IO& io, long long at, long long end) {
@@ -45,7 +46,11 @@ Header readHeader(kiv::base::IO& io, long long at, long long end) {
   char code[4];
   if (io.Read(code, 4) != 4) return h;
   h.code.assign(code, 4);
-  if (h.size == 1) h.size = end - at >= 16 ? r.Read64be() : 0;
+  if (h.size == 1) {
+    h.headerBytes = 16;
+    if (end - at < 16) return h;
+    h.size = r.Read64be();
+  }
   h.whole = !r.Failed();
   return h;
 }
@@ -54,18 +59,60 @@ std::string holder(const IBox& parent) {
   return parent.Parent() ? "its parent " + quoted(parent.FCCString()) + " holds" : "the file holds";
 }
 
+// Where the children start is known for the root and the plain containers; for others only from a
+// first child (behind fields of their own). -1: not known.
+long long childrenStart(const IBox& box) {
+  static const char* const kContainers[] = {"moov", "trak", "mdia", "minf", "dinf", "stbl",
+                                            "edts", "mvex", "moof", "traf", "mfra"};
+  if (!box.Parent()) return 0;
+  for (const char* c : kContainers)
+    if (std::strcmp(box.FCCString(), c) == 0) return box.PayloadPostion();
+  return -1;
+}
+
+// Reads on where the parser stopped. A box whose parse fails (a sample entry without a class of its
+// own fails its track's table) ends the walk of every box around it, and the tracks and boxes behind
+// it would be lost; each box the structure shows behind the last one read is read on its own here.
+// Stops where the structure does: damageIn names that place.
+void readOn(IBox& box, long long end, kiv::base::IO& io, int depth = 0) {
+  constexpr int kDepth = 32;  // far deeper than any movie; a hostile nesting is not followed
+  long long pos = childrenStart(box);
+  for (IBox* c = box.Child(); c; c = c->Next()) {
+    if (c->Offset() < 0 || c->Offset() >= end || c->RealSize() < c->PayloadOffset() ||
+        c->RealSize() > static_cast<unsigned long long>(end - c->Offset()))
+      return;
+    pos = c->Offset() + static_cast<long long>(c->RealSize());
+    if (depth < kDepth) readOn(*c, pos, io, depth + 1);
+  }
+  if (childrenStart(box) < 0) return;
+  while (pos < end) {
+    const Header h = readHeader(io, pos, end);
+    if (!h.whole || h.size < h.headerBytes || h.size > static_cast<unsigned long long>(end - pos)) return;
+    const auto* c = reinterpret_cast<const unsigned char*>(h.code.data());
+    // The code as the parser's walk takes it: the four bytes read little-endian.
+    const unsigned fcc = static_cast<unsigned>(c[3]) << 24 | static_cast<unsigned>(c[2]) << 16 |
+                         static_cast<unsigned>(c[1]) << 8 | c[0];
+    IBox* bx = IBox::New(fcc, h.headerBytes == 8 ? static_cast<unsigned>(h.size) : 1u);
+    if (!bx || !io.Seek(pos + h.headerBytes, kiv::Position::front)) {
+      delete bx;
+      return;
+    }
+    bx->Size(h.headerBytes == 8 ? static_cast<unsigned>(h.size) : 1u);
+    bx->ExtendedSize(h.headerBytes == 8 ? 0 : h.size);
+    bx->Offset(pos);
+    box.Add(bx);
+    AttrSet ap;
+    bx->Parse(io, ap, true);  // a failure leaves what was read, as in the whole walk
+    pos += static_cast<long long>(h.size);
+    if (depth < kDepth) readOn(*bx, pos, io, depth + 1);
+  }
+}
+
 // The first box that does not fit where it stands, or the place the walk could not go on from; empty
 // for a whole tree. A box of the tree that runs past its parent was read all the same; one whose
 // header the parser refused stands behind the last child read.
 std::string damageIn(const IBox& box, long long end, kiv::base::IO& io) {
-  // Where the children start is known for the root and the plain containers; for others only from
-  // a first child (behind fields of their own).
-  static const char* const kContainers[] = {"moov", "trak", "mdia", "minf", "dinf", "stbl",
-                                            "edts", "mvex", "moof", "traf", "mfra"};
-  long long pos = -1;
-  if (!box.Parent()) pos = 0;
-  for (const char* c : kContainers)
-    if (box.Parent() && std::strcmp(box.FCCString(), c) == 0) pos = box.PayloadPostion();
+  long long pos = childrenStart(box);
   for (const IBox* c = box.Child(); c; c = c->Next()) {
     const unsigned long long room = end > c->Offset() ? static_cast<unsigned long long>(end - c->Offset()) : 0;
     if (c->RealSize() > room)
@@ -87,7 +134,7 @@ std::string damageIn(const IBox& box, long long end, kiv::base::IO& io) {
   if (h.size > static_cast<unsigned long long>(end - pos))
     return "box " + quoted(h.code) + " at offset " + std::to_string(pos) + " claims " + std::to_string(h.size) +
            " bytes; " + holder(box) + " " + room + " from there";
-  if (h.size < 8)
+  if (h.size < h.headerBytes)
     return "box " + quoted(h.code) + " at offset " + std::to_string(pos) + " claims " + std::to_string(h.size) +
            " bytes, less than its header";
   return "";
@@ -275,19 +322,25 @@ int Info(const InfoOptions& o) {
   }
   std::vector<std::string> notes;
   kiv::dbg::SetSink([&notes](int level, const std::string& line) {
-    // Boxes without a class of their own are many and no fault.
-    if (level == kiv::dbg::E && line.find("unknow box:") == std::string::npos) notes.push_back(logText(line));
+    // Boxes without a class of their own are many and no fault; a failed child is told again by each
+    // box around it.
+    if (level == kiv::dbg::E && line.find("unknow box:") == std::string::npos &&
+        line.find("!bx->Parse(") == std::string::npos)
+      notes.push_back(logText(line));
     if (kiv::dbg::GetLevel() >= kiv::dbg::I) std::cerr << line;
   });
   kiv::base::IOBlockReader reader(*io, 32768);
   std::unique_ptr<IBox> root(IBox::New("root", 0));
-  AttrSet ap;
-  const bool parsed = root && root->Parse(reader, ap, true);
+  if (root) {
+    AttrSet ap;
+    // A failed parse is no verdict: the structure is. What the parser left is read on.
+    root->Parse(reader, ap, true);
+    readOn(*root, reader.Size(), reader);
+  }
   kiv::dbg::SetSink(nullptr);
   if (!root) return kFailed;
 
-  std::string damage = damageIn(*root, reader.Size(), reader);
-  if (damage.empty() && !parsed) damage = "the box tree could not be read";
+  const std::string damage = damageIn(*root, reader.Size(), reader);
 
   std::ostringstream out;
   if (o.json) {
