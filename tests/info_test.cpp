@@ -133,7 +133,7 @@ TEST_F(Info, CutAndOverlongBoxesAreDamageNamedWithTheirPlace) {
     const ToolResult text = RunTool("info " + path(c.name));
     EXPECT_EQ(text.status, 1);
     EXPECT_NE(text.out.find("ftyp"), std::string::npos) << "what could be read is printed";
-    EXPECT_NE(text.err.find("is damaged or truncated: " + c.says), std::string::npos) << text.err;
+    EXPECT_NE(text.err.find("damaged or truncated: " + c.says), std::string::npos) << text.err;
     const ToolResult json = RunTool("info --json " + path(c.name));
     EXPECT_EQ(json.status, 1);
     const nlohmann::json doc = nlohmann::json::parse(json.out, nullptr, false);
@@ -164,6 +164,76 @@ TEST_F(Info, BytesOfTheFileReachNoTerminalRawAndTheJsonStaysValid) {
   EXPECT_EQ(boxes[boxes.size() - 3]["type"], "\x1b[2J");
   EXPECT_EQ(boxes[boxes.size() - 2]["type"], "\xc2\xa9too");
   EXPECT_EQ(boxes[boxes.size() - 1]["type"], "a\"\\\xc3\x83");
+}
+
+TEST_F(Info, FilesThatAreNoMoviesEndWithOneLineSayingWhy) {
+  const std::string whole = bytes("mono.mp4");  // ftyp free mdat moov
+  const size_t moov = topBox(whole, "moov");
+  ASSERT_NE(moov, std::string::npos);
+  std::string noise(4096, '\0');
+  uint32_t x = 2463534242u;  // xorshift: the same noise every run
+  for (char& c : noise) {
+    x ^= x << 13, x ^= x >> 17, x ^= x << 5;
+    c = static_cast<char>(x);
+  }
+  std::string nested;  // moov in moov, ten thousand deep: whole, but deeper than any reader goes
+  for (int i = 0; i < 10000; ++i) nested += std::string("\0\0\0\0moov", 8);
+  for (size_t i = 0; i < 10000; ++i) putBe32(nested, 8 * i, static_cast<uint32_t>(nested.size() - 8 * i));
+  const std::string frag = bytes("frag.mp4");
+  const size_t fragMoov = topBox(frag, "moov");
+  ASSERT_NE(fragMoov, std::string::npos);
+  const std::string segment = frag.substr(0, fragMoov) + frag.substr(fragMoov + be32(frag, fragMoov));
+  const std::string huge = whole.substr(0, moov) + std::string("\0\0\0\x01mdat\xff\xff\xff\xff\xff\xff\xff\xf0", 16);
+  const std::string tiny = whole.substr(0, moov) + std::string("\0\0\0\x03moov", 8) + whole.substr(moov);
+  Shell("rm -f " + path("fifo") + " && mkfifo " + path("fifo"));
+  const std::string noMovie = "not a movie file: no box could be read";
+  const struct {
+    const char* name;  // a file made of bytes, or a path as it is when it starts with '/'
+    std::string bytes;
+    int status;
+    std::string says;  // the end of the last line; empty: nothing is said
+  } cases[] = {
+      {"empty.mp4", "", 1, noMovie},
+      {"byte.mp4", "x", 1, noMovie},
+      {"zeros.mp4", std::string(4096, '\0'), 1, noMovie},
+      {"noise.mp4", noise, 1, noMovie},
+      {"/dev/null", "", 1, "not a movie file: a character device, not a regular file"},
+      {"/dev/zero", "", 1, "not a movie file: a character device, not a regular file"},
+      {"/dev/urandom", "", 1, "not a movie file: a character device, not a regular file"},
+      {"fifo", "", 1, "not a movie file: a FIFO, not a regular file"},
+      {".", "", 1, "not a movie file: a directory, not a regular file"},
+      {"missing.mp4", "", 1, "cannot open: No such file or directory"},
+      {"lost.mp4", whole.substr(0, moov), 1, "no moov: the recording was cut off before it was closed"},
+      {"segment.mp4", segment, 1, "no moov: fragments without the movie they belong to"},
+      {"huge.mp4", huge, 1,
+       "damaged or truncated: box 'mdat' at offset " + std::to_string(moov) + " claims 18446744073709551600 bytes; the file holds 16 from there"},
+      {"tiny.mp4", tiny, 1,
+       "damaged or truncated: box 'moov' at offset " + std::to_string(moov) + " claims 3 bytes, less than its header"},
+      {"nested.mp4", nested, 0, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::string file = c.name[0] == '/' ? c.name : path(c.name);
+    if (c.name[0] == '.') file = dir_;
+    if (c.name[0] != '/' && c.name[0] != '.' && std::string(c.name) != "fifo" && std::string(c.name) != "missing.mp4")
+      write(c.name, c.bytes);
+    for (const char* mode : {"", "--summary ", "--json "}) {
+      const ToolResult r = RunTool(std::string("info ") + mode + file);
+      EXPECT_EQ(r.status, c.status) << mode << r.err;
+      if (c.says.empty()) {
+        EXPECT_EQ(r.err.find("boxweave: " + file), std::string::npos) << r.err;
+        continue;
+      }
+      const std::string line = "boxweave: " + file + ": " + c.says + "\n";
+      ASSERT_GE(r.err.size(), line.size()) << mode << r.err;
+      EXPECT_EQ(r.err.substr(r.err.size() - line.size()), line) << mode << r.err;
+      if (std::string(mode) == "--json " && !r.out.empty()) {
+        const nlohmann::json doc = nlohmann::json::parse(r.out, nullptr, false);
+        ASSERT_TRUE(doc.is_object()) << r.out.substr(0, 400);
+        EXPECT_EQ(doc.value("damage", ""), c.says);
+      }
+    }
+  }
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 // damage (a file-type box longer than it reads, a sample entry it has no class for), so its error
 // lines are shown as notes.
 #include <CLI/CLI.hpp>
+#include <sys/stat.h>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -53,6 +55,10 @@ Header readHeader(kiv::base::IO& io, long long at, long long end) {
   }
   h.whole = !r.Failed();
   return h;
+}
+
+std::string claim(const std::string& code, long long at, unsigned long long size) {
+  return "box " + quoted(code) + " at offset " + std::to_string(at) + " claims " + std::to_string(size) + " bytes";
 }
 
 std::string holder(const IBox& parent) {
@@ -116,8 +122,10 @@ std::string damageIn(const IBox& box, long long end, kiv::base::IO& io) {
   for (const IBox* c = box.Child(); c; c = c->Next()) {
     const unsigned long long room = end > c->Offset() ? static_cast<unsigned long long>(end - c->Offset()) : 0;
     if (c->RealSize() > room)
-      return "box " + quoted(c->FCCString()) + " at offset " + std::to_string(c->Offset()) + " claims " +
-             std::to_string(c->RealSize()) + " bytes; " + holder(box) + " " + std::to_string(room) + " from there";
+      return claim(c->FCCString(), c->Offset(), c->RealSize()) + "; " + holder(box) + " " + std::to_string(room) +
+             " from there";
+    if (c->RealSize() < c->PayloadOffset())
+      return claim(c->FCCString(), c->Offset(), c->RealSize()) + ", less than its header";
     const std::string inner = damageIn(*c, c->Offset() + static_cast<long long>(c->RealSize()), io);
     if (!inner.empty()) return inner;
     pos = c->Offset() + static_cast<long long>(c->RealSize());
@@ -132,11 +140,9 @@ std::string damageIn(const IBox& box, long long end, kiv::base::IO& io) {
   }
   if (h.size == 0) return "";  // up to the end of the parent (or a terminator inside one)
   if (h.size > static_cast<unsigned long long>(end - pos))
-    return "box " + quoted(h.code) + " at offset " + std::to_string(pos) + " claims " + std::to_string(h.size) +
-           " bytes; " + holder(box) + " " + room + " from there";
+    return claim(h.code, pos, h.size) + "; " + holder(box) + " " + room + " from there";
   if (h.size < h.headerBytes)
-    return "box " + quoted(h.code) + " at offset " + std::to_string(pos) + " claims " + std::to_string(h.size) +
-           " bytes, less than its header";
+    return claim(h.code, pos, h.size) + ", less than its header";
   return "";
 }
 
@@ -312,14 +318,34 @@ std::string logText(const std::string& line) {
   return text.substr(0, text.find('\n'));  // the colour reset follows the line
 }
 
+// Why a path cannot be read as a movie at all; empty for a regular file. Anything else may never
+// end (/dev/zero) or block the open (a FIFO without a writer), so it is not opened.
+std::string notAFile(const std::string& path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) return std::string("cannot open: ") + std::strerror(errno);
+  if (S_ISREG(st.st_mode)) return "";
+  const char* kind = S_ISDIR(st.st_mode)    ? "a directory"
+                     : S_ISCHR(st.st_mode)  ? "a character device"
+                     : S_ISBLK(st.st_mode)  ? "a block device"
+                     : S_ISFIFO(st.st_mode) ? "a FIFO"
+                     : S_ISSOCK(st.st_mode) ? "a socket"
+                                            : "no regular file";
+  return std::string("not a movie file: ") + kind + ", not a regular file";
+}
+
+int fail(const std::string& path, const std::string& why) {
+  std::fprintf(stderr, "boxweave: %s: %s\n", Printable(path).c_str(), why.c_str());
+  return kFailed;
+}
+
 }  // namespace
 
 int Info(const InfoOptions& o) {
+  const std::string refused = notAFile(o.path);
+  if (!refused.empty()) return fail(o.path, refused);
+  errno = 0;
   std::unique_ptr<kiv::base::IO> io(kiv::base::IO::New(o.path.c_str(), "rb"));
-  if (!io) {
-    std::fprintf(stderr, "boxweave: cannot open %s\n", Printable(o.path).c_str());
-    return kFailed;
-  }
+  if (!io) return fail(o.path, errno ? std::string("cannot open: ") + std::strerror(errno) : "cannot open");
   std::vector<std::string> notes;
   kiv::dbg::SetSink([&notes](int level, const std::string& line) {
     // Boxes without a class of their own are many and no fault; a failed child is told again by each
@@ -340,7 +366,16 @@ int Info(const InfoOptions& o) {
   kiv::dbg::SetSink(nullptr);
   if (!root) return kFailed;
 
+  // One verdict, in the words of the file's boxes.
+  std::string verdict;
   const std::string damage = damageIn(*root, reader.Size(), reader);
+  if (!root->Child())
+    verdict = "not a movie file: no box could be read";
+  else if (!damage.empty())
+    verdict = "damaged or truncated: " + damage;
+  else if (!child(root.get(), "moov"))
+    verdict = child(root.get(), "moof") ? "no moov: fragments without the movie they belong to"
+                                        : "no moov: the recording was cut off before it was closed";
 
   std::ostringstream out;
   if (o.json) {
@@ -350,7 +385,7 @@ int Info(const InfoOptions& o) {
     json jnotes = json::array();
     for (const std::string& n : notes) jnotes.push_back(utf8(n));
     doc["notes"] = std::move(jnotes);
-    if (!damage.empty()) doc["damage"] = utf8(damage);
+    if (!verdict.empty()) doc["damage"] = utf8(verdict);
     out << doc.dump(1, ' ', false, json::error_handler_t::replace) << "\n";
   } else if (o.summary) {
     printSummary(*root, o.path, reader.Size(), reader, out);
@@ -361,19 +396,16 @@ int Info(const InfoOptions& o) {
   std::fflush(stdout);
   if (!o.json)
     for (const std::string& n : notes) std::fprintf(stderr, "boxweave: note: %s\n", Printable(n).c_str());
-  if (!damage.empty()) {
-    std::fprintf(stderr, "boxweave: %s is damaged or truncated: %s\n", Printable(o.path).c_str(), damage.c_str());
-    return kFailed;
-  }
-  return kOk;
+  return verdict.empty() ? kOk : fail(o.path, verdict);
 }
 
 Verb AddInfo(CLI::App& app) {
   auto o = std::make_shared<InfoOptions>();
   CLI::App* cmd = app.add_subcommand("info", "print the box tree of a movie file, or its tracks in short");
   cmd->footer(
-      "Exit status 1 when a box runs past its parent or past the end of the file, or the boxes do not\n"
-      "reach the end of the file; the parser's complaints about a whole file are printed as notes.");
+      "Exit status 1 when a box runs past its parent or past the end of the file, the boxes do not\n"
+      "reach the end of the file, there is no moov, or FILE is no movie file at all; the parser's\n"
+      "complaints are printed as notes.");
   cmd->add_option("FILE", o->path, "the movie file (.mov, .mp4, fragmented too)")->required();
   CLI::Option* json = cmd->add_flag("--json", o->json, "the tree as JSON, with the notes and the damage found");
   cmd->add_flag("--summary", o->summary, "one line for the file and one for each track")->excludes(json);
