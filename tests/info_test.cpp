@@ -134,6 +134,7 @@ TEST_F(Info, CutAndOverlongBoxesAreDamageNamedWithTheirPlace) {
     EXPECT_EQ(text.status, 1);
     EXPECT_NE(text.out.find("ftyp"), std::string::npos) << "what could be read is printed";
     EXPECT_NE(text.err.find("damaged or truncated: " + c.says), std::string::npos) << text.err;
+    EXPECT_EQ(text.err.find("note:"), std::string::npos) << "the parser restating the damage\n" << text.err;
     const ToolResult json = RunTool("info --json " + path(c.name));
     EXPECT_EQ(json.status, 1);
     const nlohmann::json doc = nlohmann::json::parse(json.out, nullptr, false);
@@ -164,6 +165,15 @@ TEST_F(Info, BytesOfTheFileReachNoTerminalRawAndTheJsonStaysValid) {
   EXPECT_EQ(boxes[boxes.size() - 3]["type"], "\x1b[2J");
   EXPECT_EQ(boxes[boxes.size() - 2]["type"], "\xc2\xa9too");
   EXPECT_EQ(boxes[boxes.size() - 1]["type"], "a\"\\\xc3\x83");
+  // The verdict names such a box escaped too, in the text and in the JSON.
+  write("codescut.mp4", b + std::string("\0\0\x01\0\x1b[2J", 8));
+  const ToolResult cut = RunTool("info " + path("codescut.mp4"));
+  EXPECT_EQ(cut.status, 1);
+  EXPECT_NE(cut.err.find(": damaged or truncated: box '\\x1b[2J' at offset"), std::string::npos) << cut.err;
+  EXPECT_EQ(cut.err.find('\x1b'), std::string::npos) << cut.err;
+  const nlohmann::json cutDoc = nlohmann::json::parse(RunTool("info --json " + path("codescut.mp4")).out, nullptr, false);
+  ASSERT_TRUE(cutDoc.is_object());
+  EXPECT_NE(cutDoc.value("damage", "").find("'\\x1b[2J'"), std::string::npos);
 }
 
 TEST_F(Info, FilesThatAreNoMoviesEndWithOneLineSayingWhy) {

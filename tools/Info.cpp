@@ -4,6 +4,7 @@
 // lines are shown as notes.
 #include <CLI/CLI.hpp>
 #include <sys/stat.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -346,13 +347,16 @@ int Info(const InfoOptions& o) {
   errno = 0;
   std::unique_ptr<kiv::base::IO> io(kiv::base::IO::New(o.path.c_str(), "rb"));
   if (!io) return fail(o.path, errno ? std::string("cannot open: ") + std::strerror(errno) : "cannot open");
+  // The parser's complaints, each once: a damaged file repeats the same few many times.
   std::vector<std::string> notes;
   kiv::dbg::SetSink([&notes](int level, const std::string& line) {
     // Boxes without a class of their own are many and no fault; a failed child is told again by each
     // box around it.
     if (level == kiv::dbg::E && line.find("unknow box:") == std::string::npos &&
-        line.find("!bx->Parse(") == std::string::npos)
-      notes.push_back(logText(line));
+        line.find("!bx->Parse(") == std::string::npos) {
+      const std::string text = logText(line);
+      if (std::find(notes.begin(), notes.end(), text) == notes.end() && notes.size() < 100) notes.push_back(text);
+    }
     if (kiv::dbg::GetLevel() >= kiv::dbg::I) std::cerr << line;
   });
   kiv::base::IOBlockReader reader(*io, 32768);
@@ -394,8 +398,16 @@ int Info(const InfoOptions& o) {
   }
   std::fwrite(out.str().data(), 1, out.str().size(), stdout);
   std::fflush(stdout);
-  if (!o.json)
-    for (const std::string& n : notes) std::fprintf(stderr, "boxweave: note: %s\n", Printable(n).c_str());
+  // The parser's own words mean little to a user. On a file with a verdict they restate it, and are
+  // left to --log-level I; on a whole file a few tell what the plug-in would complain of.
+  constexpr size_t kShown = 3;
+  const bool detailed = kiv::dbg::GetLevel() >= kiv::dbg::I;
+  if (!o.json && (verdict.empty() || detailed)) {
+    for (size_t i = 0; i < notes.size() && (i < kShown || detailed); ++i)
+      std::fprintf(stderr, "boxweave: note: %s\n", Printable(notes[i].substr(0, 120)).c_str());
+    if (notes.size() > kShown && !detailed)
+      std::fprintf(stderr, "boxweave: note: %zu more; --log-level I shows them\n", notes.size() - kShown);
+  }
   return verdict.empty() ? kOk : fail(o.path, verdict);
 }
 
@@ -405,7 +417,7 @@ Verb AddInfo(CLI::App& app) {
   cmd->footer(
       "Exit status 1 when a box runs past its parent or past the end of the file, the boxes do not\n"
       "reach the end of the file, there is no moov, or FILE is no movie file at all; the parser's\n"
-      "complaints are printed as notes.");
+      "complaints are printed as notes (a few; all of them from --log-level I on).");
   cmd->add_option("FILE", o->path, "the movie file (.mov, .mp4, fragmented too)")->required();
   CLI::Option* json = cmd->add_flag("--json", o->json, "the tree as JSON, with the notes and the damage found");
   cmd->add_flag("--summary", o->summary, "one line for the file and one for each track")->excludes(json);
