@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 
 #include "tests/ToolRun.h"
@@ -197,44 +198,42 @@ TEST_F(Info, FilesThatAreNoMoviesEndWithOneLineSayingWhy) {
   const std::string tiny = whole.substr(0, moov) + std::string("\0\0\0\x03moov", 8) + whole.substr(moov);
   Shell("rm -f " + path("fifo") + " && mkfifo " + path("fifo"));
   const std::string noMovie = "not a movie file: no box could be read";
+  const std::string device = "not a movie file: a character device, not a regular file";
+  const std::string claims = "damaged or truncated: box 'mdat' at offset " + std::to_string(moov) + " claims ";
   const struct {
-    const char* name;  // a file made of bytes, or a path as it is when it starts with '/'
-    std::string bytes;
+    std::string file;
+    std::optional<std::string> bytes;  // written to file first; none: the path as it is
     int status;
-    std::string says;  // the end of the last line; empty: nothing is said
+    std::string says;  // the end of the last line; empty: no verdict
   } cases[] = {
-      {"empty.mp4", "", 1, noMovie},
-      {"byte.mp4", "x", 1, noMovie},
-      {"zeros.mp4", std::string(4096, '\0'), 1, noMovie},
-      {"noise.mp4", noise, 1, noMovie},
-      {"/dev/null", "", 1, "not a movie file: a character device, not a regular file"},
-      {"/dev/zero", "", 1, "not a movie file: a character device, not a regular file"},
-      {"/dev/urandom", "", 1, "not a movie file: a character device, not a regular file"},
-      {"fifo", "", 1, "not a movie file: a FIFO, not a regular file"},
-      {".", "", 1, "not a movie file: a directory, not a regular file"},
-      {"missing.mp4", "", 1, "cannot open: No such file or directory"},
-      {"lost.mp4", whole.substr(0, moov), 1, "no moov: the recording was cut off before it was closed"},
-      {"segment.mp4", segment, 1, "no moov: fragments without the movie they belong to"},
-      {"huge.mp4", huge, 1,
-       "damaged or truncated: box 'mdat' at offset " + std::to_string(moov) + " claims 18446744073709551600 bytes; the file holds 16 from there"},
-      {"tiny.mp4", tiny, 1,
+      {path("empty.mp4"), "", 1, noMovie},
+      {path("byte.mp4"), "x", 1, noMovie},
+      {path("zeros.mp4"), std::string(4096, '\0'), 1, noMovie},
+      {path("noise.mp4"), noise, 1, noMovie},
+      {"/dev/null", std::nullopt, 1, device},
+      {"/dev/zero", std::nullopt, 1, device},
+      {"/dev/urandom", std::nullopt, 1, device},
+      {path("fifo"), std::nullopt, 1, "not a movie file: a FIFO, not a regular file"},
+      {dir_, std::nullopt, 1, "not a movie file: a directory, not a regular file"},
+      {path("missing.mp4"), std::nullopt, 1, "cannot open: No such file or directory"},
+      {path("lost.mp4"), whole.substr(0, moov), 1, "no moov: the recording was cut off before it was closed"},
+      {path("segment.mp4"), segment, 1, "no moov: fragments without the movie they belong to"},
+      {path("huge.mp4"), huge, 1, claims + "18446744073709551600 bytes; the file holds 16 from there"},
+      {path("tiny.mp4"), tiny, 1,
        "damaged or truncated: box 'moov' at offset " + std::to_string(moov) + " claims 3 bytes, less than its header"},
-      {"nested.mp4", nested, 0, ""},
+      {path("nested.mp4"), nested, 0, ""},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    std::string file = c.name[0] == '/' ? c.name : path(c.name);
-    if (c.name[0] == '.') file = dir_;
-    if (c.name[0] != '/' && c.name[0] != '.' && std::string(c.name) != "fifo" && std::string(c.name) != "missing.mp4")
-      write(c.name, c.bytes);
+    SCOPED_TRACE(c.file);
+    if (c.bytes) std::ofstream(c.file, std::ios::binary) << *c.bytes;
     for (const char* mode : {"", "--summary ", "--json "}) {
-      const ToolResult r = RunTool(std::string("info ") + mode + file);
+      const ToolResult r = RunTool(std::string("info ") + mode + c.file);
       EXPECT_EQ(r.status, c.status) << mode << r.err;
       if (c.says.empty()) {
-        EXPECT_EQ(r.err.find("boxweave: " + file), std::string::npos) << r.err;
+        EXPECT_EQ(r.err.find("boxweave: " + c.file), std::string::npos) << r.err;
         continue;
       }
-      const std::string line = "boxweave: " + file + ": " + c.says + "\n";
+      const std::string line = "boxweave: " + c.file + ": " + c.says + "\n";
       ASSERT_GE(r.err.size(), line.size()) << mode << r.err;
       EXPECT_EQ(r.err.substr(r.err.size() - line.size()), line) << mode << r.err;
       if (std::string(mode) == "--json " && !r.out.empty()) {
