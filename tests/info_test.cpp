@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 
 #include "tests/ToolRun.h"
@@ -133,7 +134,8 @@ TEST_F(Info, CutAndOverlongBoxesAreDamageNamedWithTheirPlace) {
     const ToolResult text = RunTool("info " + path(c.name));
     EXPECT_EQ(text.status, 1);
     EXPECT_NE(text.out.find("ftyp"), std::string::npos) << "what could be read is printed";
-    EXPECT_NE(text.err.find("is damaged or truncated: " + c.says), std::string::npos) << text.err;
+    EXPECT_NE(text.err.find("damaged or truncated: " + c.says), std::string::npos) << text.err;
+    EXPECT_EQ(text.err.find("note:"), std::string::npos) << "the parser restating the damage\n" << text.err;
     const ToolResult json = RunTool("info --json " + path(c.name));
     EXPECT_EQ(json.status, 1);
     const nlohmann::json doc = nlohmann::json::parse(json.out, nullptr, false);
@@ -164,6 +166,83 @@ TEST_F(Info, BytesOfTheFileReachNoTerminalRawAndTheJsonStaysValid) {
   EXPECT_EQ(boxes[boxes.size() - 3]["type"], "\x1b[2J");
   EXPECT_EQ(boxes[boxes.size() - 2]["type"], "\xc2\xa9too");
   EXPECT_EQ(boxes[boxes.size() - 1]["type"], "a\"\\\xc3\x83");
+  // The verdict names such a box escaped too, in the text and in the JSON.
+  write("codescut.mp4", b + std::string("\0\0\x01\0\x1b[2J", 8));
+  const ToolResult cut = RunTool("info " + path("codescut.mp4"));
+  EXPECT_EQ(cut.status, 1);
+  EXPECT_NE(cut.err.find(": damaged or truncated: box '\\x1b[2J' at offset"), std::string::npos) << cut.err;
+  EXPECT_EQ(cut.err.find('\x1b'), std::string::npos) << cut.err;
+  const nlohmann::json cutDoc = nlohmann::json::parse(RunTool("info --json " + path("codescut.mp4")).out, nullptr, false);
+  ASSERT_TRUE(cutDoc.is_object());
+  EXPECT_NE(cutDoc.value("damage", "").find("'\\x1b[2J'"), std::string::npos);
+}
+
+TEST_F(Info, FilesThatAreNoMoviesEndWithOneLineSayingWhy) {
+  const std::string whole = bytes("mono.mp4");  // ftyp free mdat moov
+  const size_t moov = topBox(whole, "moov");
+  ASSERT_NE(moov, std::string::npos);
+  std::string noise(4096, '\0');
+  uint32_t x = 2463534242u;  // xorshift: the same noise every run
+  for (char& c : noise) {
+    x ^= x << 13, x ^= x >> 17, x ^= x << 5;
+    c = static_cast<char>(x);
+  }
+  std::string nested;  // moov in moov, ten thousand deep: whole, but deeper than any reader goes
+  for (int i = 0; i < 10000; ++i) nested += std::string("\0\0\0\0moov", 8);
+  for (size_t i = 0; i < 10000; ++i) putBe32(nested, 8 * i, static_cast<uint32_t>(nested.size() - 8 * i));
+  const std::string frag = bytes("frag.mp4");
+  const size_t fragMoov = topBox(frag, "moov");
+  ASSERT_NE(fragMoov, std::string::npos);
+  const std::string segment = frag.substr(0, fragMoov) + frag.substr(fragMoov + be32(frag, fragMoov));
+  const std::string huge = whole.substr(0, moov) + std::string("\0\0\0\x01mdat\xff\xff\xff\xff\xff\xff\xff\xf0", 16);
+  const std::string tiny = whole.substr(0, moov) + std::string("\0\0\0\x03moov", 8) + whole.substr(moov);
+  Shell("rm -f " + path("fifo") + " && mkfifo " + path("fifo"));
+  const std::string noMovie = "not a movie file: no box could be read";
+  const std::string device = "not a movie file: a character device, not a regular file";
+  const std::string claims = "damaged or truncated: box 'mdat' at offset " + std::to_string(moov) + " claims ";
+  const struct {
+    std::string file;
+    std::optional<std::string> bytes;  // written to file first; none: the path as it is
+    int status;
+    std::string says;  // the end of the last line; empty: no verdict
+  } cases[] = {
+      {path("empty.mp4"), "", 1, noMovie},
+      {path("byte.mp4"), "x", 1, noMovie},
+      {path("zeros.mp4"), std::string(4096, '\0'), 1, noMovie},
+      {path("noise.mp4"), noise, 1, noMovie},
+      {"/dev/null", std::nullopt, 1, device},
+      {"/dev/zero", std::nullopt, 1, device},
+      {"/dev/urandom", std::nullopt, 1, device},
+      {path("fifo"), std::nullopt, 1, "not a movie file: a FIFO, not a regular file"},
+      {dir_, std::nullopt, 1, "not a movie file: a directory, not a regular file"},
+      {path("missing.mp4"), std::nullopt, 1, "cannot open: No such file or directory"},
+      {path("lost.mp4"), whole.substr(0, moov), 1, "no moov: the recording was cut off before it was closed"},
+      {path("segment.mp4"), segment, 1, "no moov: fragments without the movie they belong to"},
+      {path("huge.mp4"), huge, 1, claims + "18446744073709551600 bytes; the file holds 16 from there"},
+      {path("tiny.mp4"), tiny, 1,
+       "damaged or truncated: box 'moov' at offset " + std::to_string(moov) + " claims 3 bytes, less than its header"},
+      {path("nested.mp4"), nested, 0, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.file);
+    if (c.bytes) std::ofstream(c.file, std::ios::binary) << *c.bytes;
+    for (const char* mode : {"", "--summary ", "--json "}) {
+      const ToolResult r = RunTool(std::string("info ") + mode + c.file);
+      EXPECT_EQ(r.status, c.status) << mode << r.err;
+      if (c.says.empty()) {
+        EXPECT_EQ(r.err.find("boxweave: " + c.file), std::string::npos) << r.err;
+        continue;
+      }
+      const std::string line = "boxweave: " + c.file + ": " + c.says + "\n";
+      ASSERT_GE(r.err.size(), line.size()) << mode << r.err;
+      EXPECT_EQ(r.err.substr(r.err.size() - line.size()), line) << mode << r.err;
+      if (std::string(mode) == "--json " && !r.out.empty()) {
+        const nlohmann::json doc = nlohmann::json::parse(r.out, nullptr, false);
+        ASSERT_TRUE(doc.is_object()) << r.out.substr(0, 400);
+        EXPECT_EQ(doc.value("damage", ""), c.says);
+      }
+    }
+  }
 }
 
 }  // namespace

@@ -3,6 +3,9 @@
 // damage (a file-type box longer than it reads, a sample entry it has no class for), so its error
 // lines are shown as notes.
 #include <CLI/CLI.hpp>
+#include <sys/stat.h>
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -34,7 +37,8 @@ std::string quoted(const std::string& code) { return "'" + Printable(code) + "'"
 struct Header {
   unsigned long long size = 0;  // what the header claims; 0: up to the end of the parent
   std::string code;
-  bool whole = false;  // false: fewer than a header's bytes are left
+  unsigned headerBytes = 8;  // 16 with a 64-bit size
+  bool whole = false;        // false: fewer than a header's bytes are left
 };
 
 Header readHeader(kiv::base::IO& io, long long at, long long end) {
@@ -45,32 +49,84 @@ Header readHeader(kiv::base::IO& io, long long at, long long end) {
   char code[4];
   if (io.Read(code, 4) != 4) return h;
   h.code.assign(code, 4);
-  if (h.size == 1) h.size = end - at >= 16 ? r.Read64be() : 0;
+  if (h.size == 1) {
+    h.headerBytes = 16;
+    if (end - at < 16) return h;
+    h.size = r.Read64be();
+  }
   h.whole = !r.Failed();
   return h;
+}
+
+std::string claim(const std::string& code, long long at, unsigned long long size) {
+  return "box " + quoted(code) + " at offset " + std::to_string(at) + " claims " + std::to_string(size) + " bytes";
 }
 
 std::string holder(const IBox& parent) {
   return parent.Parent() ? "its parent " + quoted(parent.FCCString()) + " holds" : "the file holds";
 }
 
+// Where the children start is known for the root and the plain containers; for others only from a
+// first child (behind fields of their own). -1: not known.
+long long childrenStart(const IBox& box) {
+  static const char* const kContainers[] = {"moov", "trak", "mdia", "minf", "dinf", "stbl",
+                                            "edts", "mvex", "moof", "traf", "mfra"};
+  if (!box.Parent()) return 0;
+  for (const char* c : kContainers)
+    if (std::strcmp(box.FCCString(), c) == 0) return box.PayloadPostion();
+  return -1;
+}
+
+// Reads on where the parser stopped. A box whose parse fails (a sample entry without a class of its
+// own fails its track's table) ends the walk of every box around it, and the tracks and boxes behind
+// it would be lost; each box the structure shows behind the last one read is read on its own here.
+// Stops where the structure does: damageIn names that place.
+void readOn(IBox& box, long long end, kiv::base::IO& io, int depth = 0) {
+  constexpr int kDepth = 32;  // far deeper than any movie; a hostile nesting is not followed
+  long long pos = childrenStart(box);
+  for (IBox* c = box.Child(); c; c = c->Next()) {
+    if (c->Offset() < 0 || c->Offset() >= end || c->RealSize() < c->PayloadOffset() ||
+        c->RealSize() > static_cast<unsigned long long>(end - c->Offset()))
+      return;
+    pos = c->Offset() + static_cast<long long>(c->RealSize());
+    if (depth < kDepth) readOn(*c, pos, io, depth + 1);
+  }
+  if (childrenStart(box) < 0) return;
+  while (pos < end) {
+    const Header h = readHeader(io, pos, end);
+    if (!h.whole || h.size < h.headerBytes || h.size > static_cast<unsigned long long>(end - pos)) return;
+    const auto* c = reinterpret_cast<const unsigned char*>(h.code.data());
+    // The code as the parser's walk takes it: the four bytes read little-endian.
+    const unsigned fcc = static_cast<unsigned>(c[3]) << 24 | static_cast<unsigned>(c[2]) << 16 |
+                         static_cast<unsigned>(c[1]) << 8 | c[0];
+    IBox* bx = IBox::New(fcc, h.headerBytes == 8 ? static_cast<unsigned>(h.size) : 1u);
+    if (!bx || !io.Seek(pos + h.headerBytes, kiv::Position::front)) {
+      delete bx;
+      return;
+    }
+    bx->Size(h.headerBytes == 8 ? static_cast<unsigned>(h.size) : 1u);
+    bx->ExtendedSize(h.headerBytes == 8 ? 0 : h.size);
+    bx->Offset(pos);
+    box.Add(bx);
+    AttrSet ap;
+    bx->Parse(io, ap, true);  // a failure leaves what was read, as in the whole walk
+    pos += static_cast<long long>(h.size);
+    if (depth < kDepth) readOn(*bx, pos, io, depth + 1);
+  }
+}
+
 // The first box that does not fit where it stands, or the place the walk could not go on from; empty
 // for a whole tree. A box of the tree that runs past its parent was read all the same; one whose
 // header the parser refused stands behind the last child read.
 std::string damageIn(const IBox& box, long long end, kiv::base::IO& io) {
-  // Where the children start is known for the root and the plain containers; for others only from
-  // a first child (behind fields of their own).
-  static const char* const kContainers[] = {"moov", "trak", "mdia", "minf", "dinf", "stbl",
-                                            "edts", "mvex", "moof", "traf", "mfra"};
-  long long pos = -1;
-  if (!box.Parent()) pos = 0;
-  for (const char* c : kContainers)
-    if (box.Parent() && std::strcmp(box.FCCString(), c) == 0) pos = box.PayloadPostion();
+  long long pos = childrenStart(box);
   for (const IBox* c = box.Child(); c; c = c->Next()) {
     const unsigned long long room = end > c->Offset() ? static_cast<unsigned long long>(end - c->Offset()) : 0;
     if (c->RealSize() > room)
-      return "box " + quoted(c->FCCString()) + " at offset " + std::to_string(c->Offset()) + " claims " +
-             std::to_string(c->RealSize()) + " bytes; " + holder(box) + " " + std::to_string(room) + " from there";
+      return claim(c->FCCString(), c->Offset(), c->RealSize()) + "; " + holder(box) + " " + std::to_string(room) +
+             " from there";
+    if (c->RealSize() < c->PayloadOffset())
+      return claim(c->FCCString(), c->Offset(), c->RealSize()) + ", less than its header";
     const std::string inner = damageIn(*c, c->Offset() + static_cast<long long>(c->RealSize()), io);
     if (!inner.empty()) return inner;
     pos = c->Offset() + static_cast<long long>(c->RealSize());
@@ -85,11 +141,9 @@ std::string damageIn(const IBox& box, long long end, kiv::base::IO& io) {
   }
   if (h.size == 0) return "";  // up to the end of the parent (or a terminator inside one)
   if (h.size > static_cast<unsigned long long>(end - pos))
-    return "box " + quoted(h.code) + " at offset " + std::to_string(pos) + " claims " + std::to_string(h.size) +
-           " bytes; " + holder(box) + " " + room + " from there";
-  if (h.size < 8)
-    return "box " + quoted(h.code) + " at offset " + std::to_string(pos) + " claims " + std::to_string(h.size) +
-           " bytes, less than its header";
+    return claim(h.code, pos, h.size) + "; " + holder(box) + " " + room + " from there";
+  if (h.size < h.headerBytes)
+    return claim(h.code, pos, h.size) + ", less than its header";
   return "";
 }
 
@@ -265,29 +319,67 @@ std::string logText(const std::string& line) {
   return text.substr(0, text.find('\n'));  // the colour reset follows the line
 }
 
+// Why a path cannot be read as a movie at all; empty for a regular file. Anything else may never
+// end (/dev/zero) or block the open (a FIFO without a writer), so it is not opened.
+std::string notAFile(const std::string& path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) return std::string("cannot open: ") + std::strerror(errno);
+  if (S_ISREG(st.st_mode)) return "";
+  const char* kind = S_ISDIR(st.st_mode)    ? "a directory"
+                     : S_ISCHR(st.st_mode)  ? "a character device"
+                     : S_ISBLK(st.st_mode)  ? "a block device"
+                     : S_ISFIFO(st.st_mode) ? "a FIFO"
+                     : S_ISSOCK(st.st_mode) ? "a socket"
+                                            : "no regular file";
+  return std::string("not a movie file: ") + kind + ", not a regular file";
+}
+
+int fail(const std::string& path, const std::string& why) {
+  std::fprintf(stderr, "boxweave: %s: %s\n", Printable(path).c_str(), why.c_str());
+  return kFailed;
+}
+
 }  // namespace
 
 int Info(const InfoOptions& o) {
+  const std::string refused = notAFile(o.path);
+  if (!refused.empty()) return fail(o.path, refused);
+  errno = 0;
   std::unique_ptr<kiv::base::IO> io(kiv::base::IO::New(o.path.c_str(), "rb"));
-  if (!io) {
-    std::fprintf(stderr, "boxweave: cannot open %s\n", Printable(o.path).c_str());
-    return kFailed;
-  }
+  if (!io) return fail(o.path, errno ? std::string("cannot open: ") + std::strerror(errno) : "cannot open");
+  // The parser's complaints, each once: a damaged file repeats the same few many times.
   std::vector<std::string> notes;
   kiv::dbg::SetSink([&notes](int level, const std::string& line) {
-    // Boxes without a class of their own are many and no fault.
-    if (level == kiv::dbg::E && line.find("unknow box:") == std::string::npos) notes.push_back(logText(line));
+    // Boxes without a class of their own are many and no fault; a failed child is told again by each
+    // box around it.
+    if (level == kiv::dbg::E && line.find("unknow box:") == std::string::npos &&
+        line.find("!bx->Parse(") == std::string::npos) {
+      const std::string text = logText(line);
+      if (std::find(notes.begin(), notes.end(), text) == notes.end() && notes.size() < 100) notes.push_back(text);
+    }
     if (kiv::dbg::GetLevel() >= kiv::dbg::I) std::cerr << line;
   });
   kiv::base::IOBlockReader reader(*io, 32768);
   std::unique_ptr<IBox> root(IBox::New("root", 0));
-  AttrSet ap;
-  const bool parsed = root && root->Parse(reader, ap, true);
+  if (root) {
+    AttrSet ap;
+    // A failed parse is no verdict: the structure is. What the parser left is read on.
+    root->Parse(reader, ap, true);
+    readOn(*root, reader.Size(), reader);
+  }
   kiv::dbg::SetSink(nullptr);
   if (!root) return kFailed;
 
-  std::string damage = damageIn(*root, reader.Size(), reader);
-  if (damage.empty() && !parsed) damage = "the box tree could not be read";
+  // One verdict, in the words of the file's boxes.
+  std::string verdict;
+  const std::string damage = damageIn(*root, reader.Size(), reader);
+  if (!root->Child())
+    verdict = "not a movie file: no box could be read";
+  else if (!damage.empty())
+    verdict = "damaged or truncated: " + damage;
+  else if (!child(root.get(), "moov"))
+    verdict = child(root.get(), "moof") ? "no moov: fragments without the movie they belong to"
+                                        : "no moov: the recording was cut off before it was closed";
 
   std::ostringstream out;
   if (o.json) {
@@ -297,7 +389,7 @@ int Info(const InfoOptions& o) {
     json jnotes = json::array();
     for (const std::string& n : notes) jnotes.push_back(utf8(n));
     doc["notes"] = std::move(jnotes);
-    if (!damage.empty()) doc["damage"] = utf8(damage);
+    if (!verdict.empty()) doc["damage"] = utf8(verdict);
     out << doc.dump(1, ' ', false, json::error_handler_t::replace) << "\n";
   } else if (o.summary) {
     printSummary(*root, o.path, reader.Size(), reader, out);
@@ -306,21 +398,26 @@ int Info(const InfoOptions& o) {
   }
   std::fwrite(out.str().data(), 1, out.str().size(), stdout);
   std::fflush(stdout);
-  if (!o.json)
-    for (const std::string& n : notes) std::fprintf(stderr, "boxweave: note: %s\n", Printable(n).c_str());
-  if (!damage.empty()) {
-    std::fprintf(stderr, "boxweave: %s is damaged or truncated: %s\n", Printable(o.path).c_str(), damage.c_str());
-    return kFailed;
+  // The parser's own words mean little to a user. On a file with a verdict they restate it, and are
+  // left to --log-level I; on a whole file a few tell what the plug-in would complain of.
+  constexpr size_t kShown = 3;
+  const bool detailed = kiv::dbg::GetLevel() >= kiv::dbg::I;
+  if (!o.json && (verdict.empty() || detailed)) {
+    for (size_t i = 0; i < notes.size() && (i < kShown || detailed); ++i)
+      std::fprintf(stderr, "boxweave: note: %s\n", Printable(notes[i].substr(0, 120)).c_str());
+    if (notes.size() > kShown && !detailed)
+      std::fprintf(stderr, "boxweave: note: %zu more; --log-level I shows them\n", notes.size() - kShown);
   }
-  return kOk;
+  return verdict.empty() ? kOk : fail(o.path, verdict);
 }
 
 Verb AddInfo(CLI::App& app) {
   auto o = std::make_shared<InfoOptions>();
   CLI::App* cmd = app.add_subcommand("info", "print the box tree of a movie file, or its tracks in short");
   cmd->footer(
-      "Exit status 1 when a box runs past its parent or past the end of the file, or the boxes do not\n"
-      "reach the end of the file; the parser's complaints about a whole file are printed as notes.");
+      "Exit status 1 when a box runs past its parent or past the end of the file, the boxes do not\n"
+      "reach the end of the file, there is no moov, or FILE is no movie file at all; the parser's\n"
+      "complaints are printed as notes (a few; all of them from --log-level I on).");
   cmd->add_option("FILE", o->path, "the movie file (.mov, .mp4, fragmented too)")->required();
   CLI::Option* json = cmd->add_flag("--json", o->json, "the tree as JSON, with the notes and the damage found");
   cmd->add_flag("--summary", o->summary, "one line for the file and one for each track")->excludes(json);
