@@ -6,6 +6,7 @@
 #include <initializer_list>
 #include <memory>
 #include <string>
+#include <iterator>
 #include <vector>
 
 #include "stream/base/Helpers.h"
@@ -70,8 +71,11 @@ inline PacketPtr MakePacket(IMedia* media, const Bytes& payload, long long pts, 
 
 // The parameter sets of a small stream, kept alive for the media that points at them.
 struct H264Sets {
-  Bytes sps = {0x67, 0x64, 0x00, 0x0a, 0xac, 0xd9, 0x41, 0x0c, 0x5c, 0x04};
-  Bytes pps = {0x68, 0xeb, 0xe3, 0xcb, 0x22, 0xc0};
+  // From arrays, not initializer lists: GCC 12 at -O3 takes the lists' copies for uninitialised.
+  static constexpr unsigned char kSps[] = {0x67, 0x64, 0x00, 0x0a, 0xac, 0xd9, 0x41, 0x0c, 0x5c, 0x04};
+  static constexpr unsigned char kPps[] = {0x68, 0xeb, 0xe3, 0xcb, 0x22, 0xc0};
+  Bytes sps{std::begin(kSps), std::end(kSps)};
+  Bytes pps{std::begin(kPps), std::end(kPps)};
 };
 
 inline MediaPtr NewH264Media(H264Sets& sets, int width = 64, int height = 48) {
