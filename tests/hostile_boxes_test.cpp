@@ -1,0 +1,95 @@
+// Files made to hurt the box reader: forged counts and sizes, sparse giants, wide and deep trees. Each
+// read must end soon, with a bounded amount of memory and a plain true or false.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+
+#include "BoxBytes.h"
+#include "LogCapture.h"
+#include "StblTestUtil.h"
+#include "io_test_util.h"
+#include "stream/base/io/IOFile.h"
+
+using namespace kiv::plugin::mov;
+using namespace boxtest;
+using namespace stbltest;
+using kiv::base::AttrSet;
+using kiv::base::IOBuffer;
+
+namespace {
+
+// The bytes at the start of a file that is then stretched to size without taking disk space.
+std::string SparseFile(const iotest::TempDir& dir, const Bytes& head, long long size) {
+  const std::string path = dir.file("sparse.mov");
+  FILE* f = std::fopen(path.c_str(), "wb");
+  if (!f) return "";
+  const bool ok = std::fwrite(head.data(), 1, head.size(), f) == head.size();
+  std::fclose(f);
+  return ok && ::truncate(path.c_str(), size) == 0 ? path : "";
+}
+
+}  // namespace
+
+// A uniform sample size has no bytes per sample: only the file's size, the chunks and the memory
+// budget bound how many records a forged count makes.
+TEST(HostileStbl, ForgedSampleCountsInSparseFiles) {
+  struct Case {
+    const char* name;
+    long long fileSize;
+    uint32_t sampleSize;
+    bool ok;
+    unsigned long long records;
+    const char* said;
+  } cases[] = {
+      {"64 MiB of one-byte samples: past the budget", 64ll << 20, 1, false, 0,
+       "samples 67108864 > 16777216, the records a list may hold in memory"},
+      {"4 GiB of one-byte samples", 4ll << 30, 1, false, 0, "samples 4294967295 > 16777216"},
+      {"4 GiB of 4 KiB samples: what the file holds", 4ll << 30, 4096, true, 1u << 20, "samples 4294967295 > 1048576"},
+      {"1 MiB of one-byte samples", 1ll << 20, 1, true, 1u << 20, "samples 4294967295 > 1048576"},
+  };
+  iotest::TempDir dir;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path =
+        SparseFile(dir,
+                   StblOf({Table("stsc", {1, 1, 0xffffffffu, 1}), Table("stsz", {c.sampleSize, 0xffffffffu}),
+                           Table("stco", {1, 0x100})}),
+                   c.fileSize);
+    ASSERT_FALSE(path.empty());
+    kiv::base::IOFile io;
+    ASSERT_TRUE(io.Open(path.c_str(), "rb"));
+    LogCapture log;
+    AttrSet ap("codec_fcc=1");
+    croot root;
+    EXPECT_EQ(root.Parse(io, ap, true), c.ok);
+    EXPECT_TRUE(log.Has(c.said));
+    auto* stbl = dynamic_cast<cstbl*>(root.Find("stbl"));
+    ASSERT_NE(stbl, nullptr);
+    EXPECT_EQ(stbl->_list.size(), c.records);
+    // Nothing is set aside for a list that is refused.
+    EXPECT_LE(stbl->_list.capacity(), std::max<size_t>(c.records, 4096));
+  }
+
+  // A table of real (if sparse) bytes past the budget is refused before it is read.
+  const long long size = 128ll << 20;
+  Bytes head = Cat({Table("stsc", {1, 1, 1, 1}), Table("stsz", {0, 0})});
+  const Bytes stco = Cat({Header64(static_cast<uint64_t>(size) - 16 - head.size(), "stco"), {0, 0, 0, 0}});
+  head = Cat({Header64(static_cast<uint64_t>(size), "stbl"), head, stco});
+  Be32(head, 0x2000000);
+  const std::string path = SparseFile(dir, head, size);
+  ASSERT_FALSE(path.empty());
+  kiv::base::IOFile io;
+  ASSERT_TRUE(io.Open(path.c_str(), "rb"));
+  LogCapture log;
+  AttrSet ap("codec_fcc=1");
+  croot root;
+  EXPECT_FALSE(root.Parse(io, ap, true));
+  EXPECT_TRUE(log.Has("stco: _num 33554410 > 16777216, the records a list may hold in memory"));
+  EXPECT_TRUE(log.Has("!stbl: stco refused"));
+  auto* table = dynamic_cast<cstco*>(root.Find("stco"));
+  ASSERT_NE(table, nullptr);
+  EXPECT_EQ(table->_items.capacity(), 0u);
+}
+
