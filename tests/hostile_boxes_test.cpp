@@ -4,7 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <functional>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "BoxBytes.h"
 #include "LogCapture.h"
@@ -17,6 +21,7 @@ using namespace boxtest;
 using namespace stbltest;
 using kiv::base::AttrSet;
 using kiv::base::IOBuffer;
+using boxtest::kit::Tree;
 
 namespace {
 
@@ -93,3 +98,78 @@ TEST(HostileStbl, ForgedSampleCountsInSparseFiles) {
   EXPECT_EQ(table->_items.capacity(), 0u);
 }
 
+namespace {
+
+// A top-level box holding n empty "free" boxes.
+Bytes ManyFree(const char* fcc, size_t n) {
+  Bytes b = Header64(16 + 8ull * n, fcc);
+  b.reserve(b.size() + 8 * n);
+  for (size_t i = 0; i < n; ++i) Append(b, Header(8, "free"));
+  return b;
+}
+
+std::string Codes(const IBox& parent) {
+  std::string s;
+  for (const IBox* c = parent.Child(); c; c = c->Next()) s += c->FCCString()[0];
+  std::string back;
+  const IBox* last = parent.Child();
+  while (last && last->Next()) last = last->Next();
+  for (const IBox* c = last; c; c = c->Prev()) back.insert(back.begin(), c->FCCString()[0]);
+  return s == back ? s : s + "!=" + back;
+}
+
+}  // namespace
+
+// Appending keeps its place at the end through every way a child list changes.
+TEST(HostileTree, AppendAfterEveryRelink) {
+  struct Case {
+    const char* name;
+    std::function<void(IBox&, IBox* [4])> change;  // on a parent holding a, b, c; d is free
+    const char* want;
+  } cases[] = {
+      {"append", [](IBox& p, IBox* b[4]) { p.Add(b[3]); }, "abcd"},
+      {"last removed", [](IBox& p, IBox* b[4]) { delete p.Del(b[2]); p.Add(b[3]); }, "abd"},
+      {"middle removed", [](IBox& p, IBox* b[4]) { delete p.Del(b[1]); p.Add(b[3]); }, "acd"},
+      {"all removed", [](IBox& p, IBox* b[4]) { for (int i = 0; i < 3; ++i) delete p.Del(b[i]); p.Add(b[3]); }, "d"},
+      {"list forgotten", [](IBox& p, IBox* b[4]) {
+         for (IBox* c = p.RemoveChild(); c;) { IBox* n = c->Next(); delete c; c = n; }
+         p.Add(b[3]); }, "d"},
+      {"stranger not removed", [](IBox& p, IBox* b[4]) { EXPECT_EQ(p.Del(b[3]), nullptr); p.Add(b[3]); }, "abcd"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    IBox parent("moov");
+    IBox* boxes[4] = {new IBox("aaaa"), new IBox("bbbb"), new IBox("cccc"), new IBox("dddd")};
+    for (int i = 0; i < 3; ++i) parent.Add(boxes[i]);
+    c.change(parent, boxes);
+    EXPECT_EQ(Codes(parent), c.want);
+    EXPECT_EQ(parent.Add(new IBox("eeee"))->Prev()->FCCString()[0], 'd');
+  }
+}
+
+// A file of many small boxes costs time in proportion to its size: the old append walked every
+// sibling, 46 s for 100,000 of them. The bound is loose enough for sanitizers and a busy machine.
+TEST(HostileTree, ManySiblingsParseInLinearTime) {
+  for (size_t n : {100000u, 1000000u}) {
+    SCOPED_TRACE(n);
+    const auto start = std::chrono::steady_clock::now();
+    {
+      Tree t(ManyFree("moov", n));
+      EXPECT_TRUE(t.ok);
+      auto* moov = t.at();
+      ASSERT_NE(moov, nullptr);
+      size_t count = 0;
+      for (const IBox* c = moov->Child(); c; c = c->Next()) ++count;
+      EXPECT_EQ(count, n);
+      EXPECT_EQ(t.root.Find("zzzz"), nullptr);
+      if (n == 100000u) {
+        std::ostringstream dump;
+        t.root.Dump(dump);
+        const std::string text = dump.str();
+        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), static_cast<long>(n + 2));
+      }
+    }
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_LT(seconds, n / 10000.0);
+  }
+}

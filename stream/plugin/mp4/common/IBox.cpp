@@ -107,12 +107,12 @@ IBox* IBox::Add(IBox* box) {
   box->_prev = nullptr;
   if (!_child) {
     _child = box;
+    _last = box;
     return box;
   }
-  IBox* last = _child;
-  while (last->_next) last = last->_next;
-  last->_next = box;
-  box->_prev = last;
+  _last->_next = box;
+  box->_prev = _last;
+  _last = box;
   return box;
 }
 
@@ -124,7 +124,10 @@ IBox* IBox::Del(IBox* box) {
       c->_prev->_next = c->_next;
     else
       _child = c->_next;
-    if (c->_next) c->_next->_prev = c->_prev;
+    if (c->_next)
+      c->_next->_prev = c->_prev;
+    else
+      _last = c->_prev;
     return c;
   }
   return nullptr;
@@ -133,6 +136,7 @@ IBox* IBox::Del(IBox* box) {
 IBox* IBox::RemoveChild() {
   IBox* first = _child;
   _child = nullptr;
+  _last = nullptr;
   return first;
 }
 

@@ -112,6 +112,7 @@ class IBox : public kiv::base::object {
   IBox* _next = nullptr;
   IBox* _prev = nullptr;
   IBox* _child = nullptr;
+  IBox* _last = nullptr;  // the last child: appending must not walk a list a file can make long
   IBox* _parent = nullptr;
   AttrSet* _parse_ap = nullptr;  // only while parse runs
 
