@@ -108,6 +108,19 @@ Bytes ManyFree(const char* fcc, size_t n) {
   return b;
 }
 
+// n headers, each holding the next and whatever comes behind.
+Bytes Nested(const char* fcc, size_t n) {
+  Bytes b(8 * n);
+  for (size_t i = 0; i < n; ++i) {
+    const uint32_t size = static_cast<uint32_t>(8 * (n - i));
+    for (int k = 0; k < 4; ++k) {
+      b[8 * i + k] = static_cast<unsigned char>(size >> (24 - 8 * k));
+      b[8 * i + 4 + k] = static_cast<unsigned char>(fcc[k]);
+    }
+  }
+  return b;
+}
+
 std::string Codes(const IBox& parent) {
   std::string s;
   for (const IBox* c = parent.Child(); c; c = c->Next()) s += c->FCCString()[0];
@@ -173,3 +186,32 @@ TEST(HostileTree, ManySiblingsParseInLinearTime) {
     EXPECT_LT(seconds, n / 10000.0);
   }
 }
+
+// Nesting: the read stops at 64 levels, and trees deeper than any read makes are dumped and
+// destroyed without a call a level.
+TEST(HostileTree, DeepNesting) {
+  for (const char* fcc : {"moov", "trak", "mdia", "minf", "moof", "traf", "dinf", "edts", "mvex", "mfra"}) {
+    SCOPED_TRACE(fcc);
+    LogCapture log;
+    Tree t(Nested(fcc, 5000));
+    EXPECT_TRUE(t.ok);
+    EXPECT_TRUE(log.Has(std::string(fcc) + ":depth>64")) << fcc;
+    int depth = 0;
+    for (const IBox* b = t.at(); b; b = b->Child()) ++depth;
+    EXPECT_LE(depth, 66);
+  }
+
+  // A chain deeper than a call stack holds: the recursive destructor ran out of stack here.
+  IBox* top = new IBox("moov");
+  IBox* b = top;
+  for (int i = 0; i < 300000; ++i) b = b->Add(new IBox(i % 2 ? "trak" : "mdia"));
+  b->Add(new IBox("free"));
+  b->Add(new IBox("skip"));
+  std::ostringstream head;
+  // A dump keeps depth first order and its indent; only the tail of the chain, whose lines are short.
+  b->Parent()->Dump(head);
+  EXPECT_EQ(head.str(), b->Parent()->FCCString() + std::string(" offset=0 size=0\n  ") + b->FCCString() +
+                            " offset=0 size=0\n    free offset=0 size=0\n    skip offset=0 size=0\n");
+  delete top;
+}
+

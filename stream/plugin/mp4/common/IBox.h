@@ -136,6 +136,7 @@ class IBox : public kiv::base::object {
   // The children between the present position and end; false when a child fails its parse.
   bool walkChildren(IO& io, AttrSet& ap, long long end, const ChildWalk& walk);
   IBox* findTree(unsigned long long code);
+  void dumpLine(std::ostream& os, int depth) const;
 
   mutable char _fourcc_text[9] = {};
 };
