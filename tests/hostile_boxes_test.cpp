@@ -40,6 +40,19 @@ std::string SparseFile(const iotest::TempDir& dir, const Bytes& head, long long 
   return ok && ::truncate(path.c_str(), size) == 0 ? path : "";
 }
 
+// A file read as the demuxer reads it, tables in memory.
+struct FileTree {
+  explicit FileTree(const std::string& path) : ap("codec_fcc=1") {
+    opened = !path.empty() && io.Open(path.c_str(), "rb");
+    ok = opened && root.Parse(io, ap, true);
+  }
+  kiv::base::IOFile io;
+  AttrSet ap;
+  croot root;
+  bool opened = false;
+  bool ok = false;
+};
+
 }  // namespace
 
 // A uniform sample size has no bytes per sample: only the file's size, the chunks and the memory
@@ -67,15 +80,12 @@ TEST(HostileStbl, ForgedSampleCountsInSparseFiles) {
                    StblOf({Table("stsc", {1, 1, 0xffffffffu, 1}), Table("stsz", {c.sampleSize, 0xffffffffu}),
                            Table("stco", {1, 0x100})}),
                    c.fileSize);
-    ASSERT_FALSE(path.empty());
-    kiv::base::IOFile io;
-    ASSERT_TRUE(io.Open(path.c_str(), "rb"));
     LogCapture log;
-    AttrSet ap("codec_fcc=1");
-    croot root;
-    EXPECT_EQ(root.Parse(io, ap, true), c.ok);
+    FileTree t(path);
+    ASSERT_TRUE(t.opened);
+    EXPECT_EQ(t.ok, c.ok);
     EXPECT_TRUE(log.Has(c.said));
-    auto* stbl = dynamic_cast<cstbl*>(root.Find("stbl"));
+    auto* stbl = dynamic_cast<cstbl*>(t.root.Find("stbl"));
     ASSERT_NE(stbl, nullptr);
     EXPECT_EQ(stbl->_list.size(), c.records);
     // Nothing is set aside for a list that is refused.
@@ -88,17 +98,13 @@ TEST(HostileStbl, ForgedSampleCountsInSparseFiles) {
   const Bytes stco = Cat({Header64(static_cast<uint64_t>(size) - 16 - head.size(), "stco"), {0, 0, 0, 0}});
   head = Cat({Header64(static_cast<uint64_t>(size), "stbl"), head, stco});
   Be32(head, 0x2000000);
-  const std::string path = SparseFile(dir, head, size);
-  ASSERT_FALSE(path.empty());
-  kiv::base::IOFile io;
-  ASSERT_TRUE(io.Open(path.c_str(), "rb"));
   LogCapture log;
-  AttrSet ap("codec_fcc=1");
-  croot root;
-  EXPECT_FALSE(root.Parse(io, ap, true));
+  FileTree t(SparseFile(dir, head, size));
+  ASSERT_TRUE(t.opened);
+  EXPECT_FALSE(t.ok);
   EXPECT_TRUE(log.Has("stco: _num 33554410 > 16777216, the records a list may hold in memory"));
   EXPECT_TRUE(log.Has("!stbl: stco refused"));
-  auto* table = dynamic_cast<cstco*>(root.Find("stco"));
+  auto* table = dynamic_cast<cstco*>(t.root.Find("stco"));
   ASSERT_NE(table, nullptr);
   EXPECT_EQ(table->_items.capacity(), 0u);
 }
