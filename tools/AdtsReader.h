@@ -101,7 +101,6 @@ class AdtsReader {
   bool _eof = false;
 
   AdtsConfig _config;
-  uint8_t _fixed[3] = {0, 0, 0};  // the first header's fixed fields, for resynchronising
   std::vector<uint8_t> _frame;    // the frame handed out, rewritten to a seven-byte header
   long long _index = 0;
   unsigned long long _samples = 0;

@@ -108,6 +108,12 @@ IBox* CreateBox(unsigned fcc, unsigned size) {
   return new cfakebox(fcc);
 }
 
+std::vector<unsigned> BoxCodes() {
+  std::vector<unsigned> codes;
+  for (const BoxCreator& row : kBoxes) codes.push_back(row.fcc);
+  return codes;
+}
+
 }  // namespace mov
 }  // namespace plugin
 }  // namespace kiv

@@ -2,6 +2,7 @@
 
 #include <climits>
 #include <string>
+#include <vector>
 
 #include "stream/base/Convert.h"
 #include "stream/base/Helpers.h"
@@ -69,12 +70,28 @@ IBox::IBox(const char* fcc, unsigned size) {
 IBox::IBox(unsigned fcc, unsigned size) { init(fcc, size); }
 
 IBox::~IBox() {
+  // Children go before their parent and in their order, as a recursive delete would take them, but
+  // in a loop: a tree built deep must not cost stack. The way back up is kept in the _parent links of
+  // the boxes about to go, so the walk needs no memory of its own.
   IBox* c = _child;
   _child = nullptr;
+  _last = nullptr;
+  if (c) c->_parent = nullptr;
   while (c) {
+    if (IBox* first = c->_child) {
+      first->_parent = c;
+      c = first;
+      continue;
+    }
+    IBox* up = c->_parent;
     IBox* next = c->_next;
-    delete c;
-    c = next;
+    if (up) {
+      up->_child = next;
+      if (!next) up->_last = nullptr;
+    }
+    delete c;  // childless by now: its own destructor walks nothing
+    if (next) next->_parent = up;
+    c = next ? next : up;
   }
 }
 
@@ -107,12 +124,12 @@ IBox* IBox::Add(IBox* box) {
   box->_prev = nullptr;
   if (!_child) {
     _child = box;
+    _last = box;
     return box;
   }
-  IBox* last = _child;
-  while (last->_next) last = last->_next;
-  last->_next = box;
-  box->_prev = last;
+  _last->_next = box;
+  box->_prev = _last;
+  _last = box;
   return box;
 }
 
@@ -124,7 +141,10 @@ IBox* IBox::Del(IBox* box) {
       c->_prev->_next = c->_next;
     else
       _child = c->_next;
-    if (c->_next) c->_next->_prev = c->_prev;
+    if (c->_next)
+      c->_next->_prev = c->_prev;
+    else
+      _last = c->_prev;
     return c;
   }
   return nullptr;
@@ -133,6 +153,7 @@ IBox* IBox::Del(IBox* box) {
 IBox* IBox::RemoveChild() {
   IBox* first = _child;
   _child = nullptr;
+  _last = nullptr;
   return first;
 }
 
@@ -332,14 +353,29 @@ void IBox::fields(AttrSet& out) const {
   if (_size == 1) out.SetOrAdd("largesize", "1");
 }
 
-void IBox::Dump(std::ostream& os, int depth) const {
+void IBox::dumpLine(std::ostream& os, int depth) const {
   AttrSet f;
   fields(f);
   // Codes and texts come from the file: no byte of them may reach a terminal raw.
   os << std::string(static_cast<size_t>(depth > 0 ? depth : 0) * 2, ' ') << kiv::base::Printable(FCCString());
   for (size_t i = 0; i < f.Size(); ++i) os << ' ' << f.Key(i) << '=' << kiv::base::Printable(f.Value(i));
   os << '\n';
-  for (const IBox* c = _child; c; c = c->_next) c->Dump(os, depth + 1);
+}
+
+void IBox::Dump(std::ostream& os, int depth) const {
+  // Depth first, in a loop: a deep tree costs a stack entry a level on the heap, not a call frame.
+  struct Step {
+    const IBox* box;
+    int depth;
+  };
+  std::vector<Step> todo{{this, depth}};
+  while (!todo.empty()) {
+    const Step s = todo.back();
+    todo.pop_back();
+    s.box->dumpLine(os, s.depth);
+    if (s.box != this && s.box->_next) todo.push_back({s.box->_next, s.depth});
+    if (s.box->_child) todo.push_back({s.box->_child, s.depth + 1});
+  }
 }
 
 std::ostream& operator>>(const IBox* box, std::ostream& os) {

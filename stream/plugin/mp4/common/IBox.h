@@ -112,6 +112,7 @@ class IBox : public kiv::base::object {
   IBox* _next = nullptr;
   IBox* _prev = nullptr;
   IBox* _child = nullptr;
+  IBox* _last = nullptr;  // the last child: appending must not walk a list a file can make long
   IBox* _parent = nullptr;
   AttrSet* _parse_ap = nullptr;  // only while parse runs
 
@@ -135,6 +136,7 @@ class IBox : public kiv::base::object {
   // The children between the present position and end; false when a child fails its parse.
   bool walkChildren(IO& io, AttrSet& ap, long long end, const ChildWalk& walk);
   IBox* findTree(unsigned long long code);
+  void dumpLine(std::ostream& os, int depth) const;
 
   mutable char _fourcc_text[9] = {};
 };

@@ -22,12 +22,22 @@ using kiv::base::Object;
 
 namespace {
 
-// A count read from the file never asks for more entries than the box's bytes hold.
-uint32_t ClampCount(BoxReader& in, const IBox& box, uint32_t num, unsigned entryBytes) {
+// A count read from the file never asks for more entries than the box's bytes hold, nor for more
+// than a list may hold records: a sparse file holds gigabytes of table that cost it nothing.
+uint32_t ClampCount(BoxReader& in, IStbl& box, uint32_t num, unsigned entryBytes) {
+  box._refused = false;
   const unsigned long long fit = static_cast<unsigned long long>(in.Left()) / entryBytes;
-  if (num <= fit) return num;
-  LOGE << box.Name() << ": _num " << num << " > " << fit << ", the entries the box holds";
-  return static_cast<uint32_t>(fit);
+  if (num > fit) {
+    LOGE << box.Name() << ": _num " << num << " > " << fit << ", the entries the box holds";
+    num = static_cast<uint32_t>(fit);
+  }
+  if (num > cstbl::kMaxListRecords) {
+    LOGE << box.Name() << ": _num " << num << " > " << cstbl::kMaxListRecords
+         << ", the records a list may hold in memory";
+    box._refused = true;
+    return 0;
+  }
+  return num;
 }
 
 // Reads n entries of entryBytes each, block by block, handing each entry's bytes to decode. Entries
@@ -191,12 +201,23 @@ bool cstbl::Parse(IO& io, AttrSet& ap, bool flag) {
 
   // The tables stay in the file; the readers answer from there.
   if (ext) return true;
+  for (IBox* c = Child(); c; c = c->Next()) {
+    const IStbl* table = dynamic_cast<IStbl*>(c);
+    if (table && table->_refused) {
+      LOGE << "!stbl: " << table->Name() << " refused";
+      return false;
+    }
+  }
 
   unsigned long long frames = _frame_with_chunk ? _chunk_cnt : getSampleCount();
   const unsigned long long limit = describedSamples(io);
   if (frames > limit) {
     LOGE << "samples " << frames << " > " << limit << ", what the tables describe";
     frames = limit;
+  }
+  if (frames > kMaxListRecords) {
+    LOGE << "samples " << frames << " > " << kMaxListRecords << ", the records a list may hold in memory";
+    return false;
   }
   _frame_cnt = static_cast<unsigned>(frames);
   _list.resize(_frame_cnt);

@@ -35,6 +35,10 @@ class IStbl : public IMoovList {
   // The list of the "stbl" this table stands in; null when the parent is no cstbl.
   std::vector<ChunkParam>* ChunkList() const;
 
+  // Set by a parse that found more entries than a list may hold records: nothing of the table was
+  // kept, and the "stbl" fails.
+  bool _refused = false;
+
   // The table reader made by a block-wise Parse; null otherwise. Owned by the box.
   kiv::base::Object* Parser() const { return _parser; }
 
@@ -65,6 +69,11 @@ class cstbl : public IBox {
   bool adjustChunkToFrame();
   // Whether this box is big enough to be read block-wise.
   bool checkExternParserEnable(AttrSet& ap);
+
+  // The most records a read list may hold: 16,777,216 records of 24 bytes, 384 MiB. A day of 120 fps
+  // video takes 10,368,000; a count beyond this comes from a forged table (or PCM counted frame by
+  // frame for hours), and its parse fails before anything is allocated.
+  static constexpr unsigned long long kMaxListRecords = 1ull << 24;
 
   std::vector<ChunkParam> _list;
   unsigned _frame_cnt = 0;

@@ -17,15 +17,24 @@ namespace mov {
 
 using kiv::base::IOIntWriter;
 
-cthumb::cthumb() : IBox("thum", 0), _data(new (std::nothrow) unsigned char[kReserve]()) {
-  _statistics_size = 8ull + _reserve_size;
+cthumb::cthumb() : IBox("thum", 0) { _statistics_size = 8ull + _reserve_size; }
+
+bool cthumb::hold(unsigned int bytes) {
+  bytes = std::min(bytes, _capacity);
+  if (_data && _held >= bytes) return true;
+  std::unique_ptr<unsigned char[]> more(new (std::nothrow) unsigned char[bytes ? bytes : 1]());
+  if (!more) return false;
+  if (_data) std::memcpy(more.get(), _data.get(), _held);
+  _data = std::move(more);
+  _held = bytes;
+  return true;
 }
 
 void cthumb::fill(IO& io) {
   if (_reserve_size == 0) return;
   _pos = static_cast<unsigned long long>(io.Position());
   IBox::fill(io);
-  const unsigned fromData = _data ? std::min(_reserve_size, _capacity) : 0;
+  const unsigned fromData = _data ? std::min(_reserve_size, _held) : 0;
   if (fromData) io.Write(_data.get(), fromData);
   // Without a buffer the reserve is still laid out, as zeros.
   static const unsigned char zeros[4096] = {};
@@ -39,14 +48,15 @@ void cthumb::fill(IO& io) {
 bool cthumb::parse(IO& io) {
   const unsigned long long payload = PayloadSize();
   _size = static_cast<unsigned int>(payload & 0xffffffffull);
-  if (!_data) {
-    LOGE << "!_data";
-    _size = 0;
-    return false;
-  }
   if (_size > _capacity) {
     LOGE << "thum: " << _size << ">" << _capacity << ", clamped";
     _size = _capacity;
+  }
+  // Only what the box holds: a box whose bytes the file has not got fails the read of its parent.
+  if (!hold(_size)) {
+    LOGE << "!_data";
+    _size = 0;
+    return false;
   }
   if (!io.Seek(PayloadPostion(), kiv::Position::front)) {
     LOGE << "!io.Seek(PayloadPostion(), Position::front)";
@@ -72,7 +82,7 @@ void cthumb::fields(AttrSet& out) const {
 }
 
 bool cthumb::ThumbDataUpdate(IO& io, std::string& url) {
-  if (!_data) return false;
+  if (!hold(_capacity)) return false;
   if (url.empty()) return true;
 
   // Everything from the first dot on goes, even a dot in a directory name.

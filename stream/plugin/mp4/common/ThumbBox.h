@@ -37,11 +37,18 @@ class cthumb : public IBox {
   unsigned int ThumbSizeGet() const { return _size; }
 
  protected:
-  std::unique_ptr<unsigned char[]> _data;  // _capacity bytes
+  // Taken when first needed, and no bigger than needed: a read file may hold any number of
+  // "thum" boxes, and 200 KiB for each header would let a small file claim gigabytes.
+  std::unique_ptr<unsigned char[]> _data;  // _held bytes, zeroed when taken; never more than _capacity
+  unsigned int _held = 0;
   unsigned int _size = 0;
   unsigned int _reserve_size = kReserve;
   unsigned int _capacity = kReserve;
   unsigned long long _pos = 0;  // the box's place in the file, from fill
+
+ private:
+  // At least bytes (up to _capacity) in _data, what was there kept; false when that can't be had.
+  bool hold(unsigned int bytes);
 };
 
 }  // namespace mov

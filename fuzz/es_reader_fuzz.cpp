@@ -1,0 +1,44 @@
+// libFuzzer target: any bytes as an H.264 Annex B stream and as an ADTS stream, through the readers
+// that the recorder takes its input from. They read paths, so the bytes go to an anonymous file.
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "stream/base/dbg/Log.h"
+#include "tools/AdtsReader.h"
+#include "tools/H264Reader.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static const int fd = [] {
+    kiv::dbg::SetLevel(0);
+    return memfd_create("es_reader_fuzz", 0);
+  }();
+  if (fd < 0 || size < 1) return 0;
+  // The first byte sets the read block, so that units and frames cross block borders.
+  const size_t block = size_t{64} << (data[0] & 7);
+  ++data;
+  --size;
+  if (ftruncate(fd, 0) != 0 || pwrite(fd, data, size, 0) != static_cast<ssize_t>(size)) return 0;
+  const std::string path = "/proc/self/fd/" + std::to_string(fd);
+
+  {
+    boxweave::H264Reader reader(block);
+    if (reader.Open(path)) {
+      boxweave::H264AccessUnit au;
+      for (int i = 0; i < 100000 && reader.Next(au); ++i) {
+      }
+    }
+  }
+  {
+    boxweave::AdtsReader reader(block);
+    if (reader.Open(path)) {
+      boxweave::AdtsFrame frame;
+      for (int i = 0; i < 100000 && reader.Next(frame); ++i) {
+      }
+    }
+  }
+  return 0;
+}
