@@ -97,7 +97,7 @@ class Sink : public kiv::stream::ISink {
 // thread, which must never read media).
 class CountingIO : public kiv::base::IOBuffer {
  public:
-  explicit CountingIO(const Bytes& b) {
+  explicit CountingIO(const std::vector<unsigned char>& b) {
     Write(b.data(), static_cast<long long>(b.size()));
     Seek(0, kiv::Position::front);
     _url = "mem://counting";

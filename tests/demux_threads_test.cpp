@@ -69,9 +69,9 @@ struct Model {
 };
 
 // What the sink knows and expects, under one mutex: the element's thread delivers, the control thread
-// seeks. A seek made while the run goes on may meet a packet that was read before it and is delivered
-// after it: the first packet behind such a seek counts as stale, and what it tells of the position is
-// not used.
+// seeks. Packets made before a seek made while the run goes on may still arrive while it runs and one
+// more just after it: a packet counts as made after a seek only from the second behind the seek's end,
+// and what the others tell of the position is not used.
 struct Oracle {
   Oracle(const Model& v, const Model& a) : model{v, a} {}
 
@@ -81,11 +81,13 @@ struct Oracle {
   long long seq = 0;        // packets so far
   long long clockBase = 0;  // of the first packet; every later one carries the same
   long long seeksBegun = 0, seeksDone = 0;
-  long long wildSeq = -2;           // seq when the last seek made while running began
+  long long wildDone = -2;          // seq when the last seek made while running ended; huge while it runs
+  std::vector<std::pair<long long, long long>> done;  // (seek number, seq at its end)
+  size_t certain = 0;               // seeks in `done` that every later packet comes after
   int next[2] = {0, 0};             // the frame that continues the track
   int pos[2] = {0, 0};              // the track's current frame in the engine, -1 unknown
   bool used[2] = {false, false};    // that frame has been delivered
-  long long lastSeek[2] = {0, 0};   // seeksBegun at the track's last fresh packet
+  long long lastSeek[2] = {0, 0};   // the last seek the track's last packet surely came after
   int expect[2] = {-1, -1};         // the first packet after a quiet seek; -2: none may come
   std::vector<std::pair<long long, long long>> targets;  // (seek number, ms)
   bool ended = false;
@@ -97,7 +99,7 @@ struct Oracle {
     if (faults.size() < 20) faults.push_back("packet " + std::to_string(seq) + ": " + what);
   }
 
-  // Is `index` where one of the seeks since the track's last fresh packet can land?
+  // Is `index` where one of the seeks that the track's last packet may have come before can land?
   bool plausible(int track, int index) const {
     const Model& v = model[0];
     for (const auto& s : targets) {
@@ -135,7 +137,9 @@ struct Oracle {
     afterEos += ended;
     ended = false;
 
-    const bool stale = seq <= wildSeq + 1;
+    while (certain < done.size() && done[certain].second + 1 < seq) ++certain;
+    const long long after = certain ? done[certain - 1].first : 0;
+    const bool stale = seq <= wildDone + 1;
     if (expect[track] == -2) {
       fault(name + ": the track played on from its used last frame");
     } else if (expect[track] >= 0) {
@@ -143,12 +147,13 @@ struct Oracle {
       ++checked[track];
     } else if (i != next[track]) {
       ++jumps;
-      if (track == 0 && !md.keys[size_t(i)]) fault(name + ": a seek landed on no key frame");
+      if (lastSeek[track] == seeksBegun) fault(name + ": a jump without a seek");
+      else if (track == 0 && !md.keys[size_t(i)]) fault(name + ": a seek landed on no key frame");
       else if (!plausible(track, i)) fault(name + ": no seek since the last packet lands there");
     }
     expect[track] = -1;
     next[track] = i + 1;
-    if (!stale) lastSeek[track] = seeksBegun;
+    lastSeek[track] = after;
     pos[track] = stale ? -1 : std::min(i + 1, md.count() - 1);
     used[track] = !stale && i == md.count() - 1;
   }
@@ -164,7 +169,7 @@ struct Oracle {
   void wildSeek(long long ms) {
     std::lock_guard<std::mutex> lock(m);
     ++seeksBegun;
-    wildSeq = seq;
+    wildDone = 1LL << 62;
     targets.emplace_back(seeksBegun, ms);
     pos[0] = pos[1] = expect[0] = expect[1] = -1;
   }
@@ -188,9 +193,11 @@ struct Oracle {
     pos[1] = ai;
   }
 
-  void seekDone() {
+  void seekDone(bool wild) {
     std::lock_guard<std::mutex> lock(m);
     ++seeksDone;
+    done.emplace_back(seeksDone, seq);
+    if (wild) wildDone = seq;
   }
 };
 
@@ -203,7 +210,6 @@ TEST(DemuxThreads, SeekPauseResumeAndStopFromTheControlThread) {
   spec.tracks = {movie::Video(150, 3600, 12, 90000), movie::Audio(282)};
   const movie::Movie file = movie::Build(spec);
   Oracle oracle{Model(spec.tracks[0]), Model(spec.tracks[1])};
-  const Model& video = oracle.model[0];
 
   LogCapture quiet(kiv::dbg::E);
   auto* io = new CountingIO(file.bytes);
@@ -211,9 +217,12 @@ TEST(DemuxThreads, SeekPauseResumeAndStopFromTheControlThread) {
   ASSERT_TRUE(play.linked);
   std::mt19937 sinkRng(seed + 1);
   play.sink.check = [&](const Packet& p) {
-    oracle.packet(p);
-    // A receiver of uneven speed, so that the control thread meets the run in every phase.
+    // A receiver of uneven speed, so that the control thread meets the run in every phase. It waits
+    // before it takes the oracle's lock: that lock orders the two threads, and a seek that comes while
+    // the packet was being made must find nothing that orders it after the engine's work but the
+    // engine's own lock, or the thread sanitizer could not see a missing one.
     std::this_thread::sleep_for(std::chrono::microseconds(sinkRng() % 60));
+    oracle.packet(p);
   };
   play.dmx->SetMessageHandler([&](kiv::base::Message& msg) {
     if (std::string(msg.Name()) == "eos") oracle.eos();
@@ -225,12 +234,16 @@ TEST(DemuxThreads, SeekPauseResumeAndStopFromTheControlThread) {
 
   std::mt19937 rng(seed);
   long long quietSeeks = 0, restarts = 0, pauses = 0, wild = 0, eosSeeks = 0;
-  auto quietSeek = [&](long long ms) {
+  // paused: the thread makes no pass, so that every read would be the seek's. After eos the seek itself
+  // lets the run go on, and only the reads on this thread count.
+  auto quietSeek = [&](long long ms, bool paused) {
     oracle.quietSeek(ms);
     const long long before = io->reads;
     EXPECT_TRUE(play.dmx->Set("seek", ms));
-    EXPECT_EQ(io->reads, before) << "a seek reads no media";
-    oracle.seekDone();
+    if (paused) {
+      EXPECT_EQ(io->reads, before) << "a seek reads no media";
+    }
+    oracle.seekDone(false);
     ++quietSeeks;
   };
 
@@ -240,11 +253,11 @@ TEST(DemuxThreads, SeekPauseResumeAndStopFromTheControlThread) {
     if (pick < 30) {  // a seek while the run goes on
       oracle.wildSeek(t);
       EXPECT_TRUE(play.dmx->Set("seek", t));
-      oracle.seekDone();
+      oracle.seekDone(true);
       ++wild;
     } else if (pick < 55) {  // pause, seek, resume
       ASSERT_TRUE(play.dmx->Pause());
-      quietSeek(t);
+      quietSeek(t, true);
       ASSERT_TRUE(play.dmx->Resume());
     } else if (pick < 65) {
       ASSERT_TRUE(play.dmx->Pause());
@@ -265,7 +278,7 @@ TEST(DemuxThreads, SeekPauseResumeAndStopFromTheControlThread) {
         ASSERT_TRUE(oracle.ended) << "a run ends with eos";
       }
       const size_t had = play.sink.Count();
-      quietSeek(t % 5000);
+      quietSeek(t % 5000, false);
       const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
       while (play.sink.Count() == had && std::chrono::steady_clock::now() < end)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -278,8 +291,8 @@ TEST(DemuxThreads, SeekPauseResumeAndStopFromTheControlThread) {
   for (const std::string& f : oracle.faults) ADD_FAILURE() << f;
   EXPECT_EQ(io->foreign, 0) << "media read on the control thread";
   // The run met every kind of move often enough for the checks to mean something.
-  EXPECT_GT(oracle.checked[0], 40);
-  EXPECT_GT(oracle.checked[1], 40);
+  EXPECT_GT(oracle.checked[0], 20);
+  EXPECT_GT(oracle.checked[1], 20);
   EXPECT_GT(oracle.jumps, 20);
   EXPECT_GT(oracle.afterEos, 10);
   EXPECT_GT(eosSeeks, 10);
