@@ -42,7 +42,9 @@ bool IMovDemux::Parse(IO& io) {
 
 bool IMovDemux::Open(IO& io) {
   LOGI << "io.URL()=" << (io.URL() ? io.URL() : "");
-  if (!Parse(io)) {
+  // A stream in which not one box could be read (an empty file) is no movie: the tree parses, but
+  // empty, and the file must not pass for one without tracks.
+  if (!Parse(io) || !_root->Child()) {
     LOGE << "!Parse(io)";
     return false;
   }
