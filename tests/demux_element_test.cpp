@@ -33,6 +33,7 @@ std::vector<long long> Times(const std::vector<Got>& got, bool video = true) {
 }  // namespace
 
 TEST(DemuxElement, PortsAreNamedByIndexAndCaps) {
+  LogCapture quiet(kiv::dbg::E);
   Player p("unused");
   ASSERT_NE(p.dmx, nullptr) << "found by the keywords demuxer-mov";
   EXPECT_STREQ(p.video->Name(), "0_out_video");
@@ -47,6 +48,7 @@ TEST(DemuxElement, PortsAreNamedByIndexAndCaps) {
 // A file that parses but has no track (a recording cut before its moov was written): "eos" at the
 // first pass, with the clock still zero.
 TEST(DemuxElement, AFileWithoutPacketsEndsAtOnceWithClockZero) {
+  LogCapture quiet(kiv::dbg::E);
   const movie::Bytes bytes = boxtest::Cat({boxtest::kit::B("ftyp", "'isom' 00000200 'isom'"),
                                            boxtest::Box("mdat", movie::Bytes(300, 0x41))});
   MemPlayer p(bytes);
@@ -59,6 +61,7 @@ TEST(DemuxElement, AFileWithoutPacketsEndsAtOnceWithClockZero) {
 // The play range: Start seeks to the first time (when it is 1 ms or more), and the packet whose time
 // passes the last time ends the run unsent; a packet exactly at it plays.
 TEST(DemuxElement, PlayRangeFromAndTo) {
+  LogCapture quiet(kiv::dbg::E);
   movie::Spec s;
   s.tracks = {movie::Video(6, 5, 1)};  // a key frame every 5 ms: 0 5 10 15 20 25
   const movie::Bytes bytes = movie::Build(s).bytes;
@@ -93,6 +96,7 @@ TEST(DemuxElement, PlayRangeFromAndTo) {
 // The offset between file time and steady clock is fixed by the first packet of the first run: a later
 // Start keeps it, so the time line runs on.
 TEST(DemuxElement, ALaterStartKeepsTheFirstOffset) {
+  LogCapture quiet(kiv::dbg::E);
   movie::Spec s;
   s.tracks = {movie::Video(10), movie::Audio(20)};
   MemPlayer p(movie::Build(s).bytes);
@@ -114,6 +118,7 @@ TEST(DemuxElement, ALaterStartKeepsTheFirstOffset) {
 
 // A seek after the end of the run plays on from the key frame for that time, audio from the same time.
 TEST(DemuxElement, ASeekAfterEosPlaysOnFromTheKeyFrame) {
+  LogCapture quiet(kiv::dbg::E);
   movie::Spec s;
   s.tracks = {movie::Video(50, 3600, 10, 90000), movie::Audio(94)};
   MemPlayer p(movie::Build(s).bytes);
@@ -144,8 +149,8 @@ TEST(DemuxElement, ASeekAfterEosPlaysOnFromTheKeyFrame) {
 TEST(DemuxElement, PropertiesBeforeAndAfterOpen) {
   movie::Spec s;
   s.tracks = {movie::Video(25), movie::Audio(10)};
-  MemPlayer p(movie::Build(s).bytes);
   LogCapture log;
+  MemPlayer p(movie::Build(s).bytes);
   unsigned long long duration = 7;
   EXPECT_TRUE(p.dmx->Get("duration", duration));
   EXPECT_EQ(duration, 0u);
@@ -171,6 +176,7 @@ TEST(DemuxElement, PropertiesBeforeAndAfterOpen) {
 
 // Packets leave as a host takes them: H.264 behind start codes, AAC behind an ADTS header.
 TEST(DemuxElement, PacketsCarryStartCodesAndAdtsHeaders) {
+  LogCapture quiet(kiv::dbg::E);
   movie::Spec s;
   s.tracks = {movie::Video(3), movie::Audio(3)};
   MemPlayer p(movie::Build(s).bytes);
@@ -191,6 +197,7 @@ TEST(DemuxElement, PacketsCarryStartCodesAndAdtsHeaders) {
 // "live" paces the packets against the steady clock: 200 ms of file take about 200 ms. The property is
 // found by name once the host has registered the demuxer base, which the module leaves to it.
 TEST(DemuxElement, LivePacesThePackets) {
+  LogCapture quiet(kiv::dbg::E);
   RegisterIFileDemuxer();
   movie::Spec s;
   s.tracks = {movie::Video(6, 40, 1)};

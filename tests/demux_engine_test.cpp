@@ -150,6 +150,7 @@ TEST(DemuxWalker, ZeroLengthSamplesAreSkippedWithTheirTimeKept) {
 }
 
 TEST(DemuxWalker, ExtFlagsRideOnOnePacketAndEosFlagsOnTheLastFrame) {
+  LogCapture quiet(kiv::dbg::E);
   movie::Spec s;
   s.tracks = {movie::Video(4)};
   Engine e(movie::Build(s).bytes);
@@ -163,6 +164,7 @@ TEST(DemuxWalker, ExtFlagsRideOnOnePacketAndEosFlagsOnTheLastFrame) {
 
 // Tracks leave in the order their samples lie in the file, whatever their times.
 TEST(DemuxEngine, PacketsFollowTheFilePositionAcrossTracks) {
+  LogCapture quiet(kiv::dbg::E);
   movie::Spec s;
   s.tracks = {movie::Video(4), movie::Audio(5)};
   struct Case {
