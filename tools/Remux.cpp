@@ -1,0 +1,129 @@
+// "remux": the plug-in's play and record sides in one graph. The demuxer element's output ports are
+// linked straight into the muxer element's inputs; the demuxer's thread carries every packet through
+// the muxer; the messages of both elements are printed.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "stream/base/Convert.h"
+#include "stream/base/Message.h"
+#include "stream/base/reflect/Object.h"
+#include "stream/core/fw/IElement.h"
+#include "stream/core/fw/IIO.h"
+#include "tools/Cli.h"
+#include "tools/Demux.h"
+
+namespace boxweave {
+namespace {
+
+using kiv::base::Message;
+
+int failed(const std::string& path, const std::string& why) {
+  std::fprintf(stderr, "boxweave: %s: %s\n", kiv::base::Printable(path).c_str(), why.c_str());
+  return kFailed;
+}
+
+}  // namespace
+
+int Remux(RemuxOptions o) {
+  if (o.format.empty()) {
+    const std::string e = Extension(o.out);
+    if (e != "mov" && e != "mp4")
+      return UsageError("remux: cannot tell the format of '" + o.out + "' (use .mov, .mp4 or --format)", "remux");
+    o.format = e;
+  }
+  // Opening the output for writing would truncate the input before a byte is read.
+  if (o.out == o.in || SameFile(o.out, o.in))
+    return UsageError("remux: the output '" + o.out + "' is the input '" + o.in + "'", "remux");
+  const std::string refused = NotAFile(o.in);
+  if (!refused.empty()) return failed(o.in, refused);
+
+  LogNotes notes;
+  Demux d;
+  const std::string problem = NewDemux(o.in, d);
+  if (!problem.empty()) return failed(o.in, problem);
+  RunEnd end;
+  d.element->SetMessageHandler([&end](Message& msg) {
+    PrintMessage(msg);
+    end.Take(msg);
+  });
+  // The demuxer first: its ports carry the tracks' media only once it is open, and the muxer takes
+  // its tracks from the media of its inputs when it opens.
+  if (!d.element->Open()) {
+    failed(o.in, "cannot open it as a movie the plug-in plays");
+    notes.Print();
+    return kFailed;
+  }
+  struct Down {
+    kiv::stream::IDemuxer& e;
+    ~Down() {
+      e.Stop();
+      e.Close();
+    }
+  } down{*d.element};
+
+  kiv::base::AttrSet ap;
+  kiv::base::Object::AttrSetInit(ap, nullptr, o.format == "mov" ? "mov-muxer" : "mp4-muxer");
+  std::unique_ptr<kiv::stream::ISink> mux(kiv::base::Object::New<kiv::stream::ISink>(ap));
+  if (!mux) return failed(o.out, "the plug-in has no muxer for " + o.format);
+  mux->SetMessageHandler(PrintMessage);
+  if (!mux->setString("url", o.out.c_str())) return failed(o.out, "the muxer takes no url");
+  int linked = 0;
+  for (kiv::stream::IPort* port : {d.video, d.audio}) {
+    if (!port->Media()) continue;  // no such track in the file
+    if (!mux->LinkFrom(port)) return failed(o.out, "cannot link the demuxer to the muxer");
+    ++linked;
+  }
+  if (!linked) return failed(o.in, "no video or audio track the plug-in plays");
+  auto* sink = dynamic_cast<kiv::stream::IIO*>(mux.get());
+  if (!sink) return failed(o.out, "the muxer has no stream to write to");
+  if (!mux->Open()) {
+    failed(o.out, "cannot write the movie");
+    notes.Print();
+    return kFailed;
+  }
+
+  bool started = d.element->Start();
+  const std::string how = started ? end.Wait() : "";
+  d.element->Stop();  // the thread is joined: no packet reaches the muxer any more
+  std::string writeError = sink->io ? sink->io->Error() : "";
+  const bool closed = mux->Close();
+  if (writeError.empty()) writeError = sink->IOError();
+  if (!writeError.empty()) {
+    failed(o.out, "writing failed: " + writeError);
+    RemoveOutput(o.out);
+    return kFailed;
+  }
+  if (!started || !closed) {
+    failed(started ? o.out : o.in, started ? "closing the movie failed" : "the demuxer does not start");
+    notes.Print();
+    return kFailed;
+  }
+  if (how == "error") {
+    failed(o.in, "reading stopped with an error; " + o.out + " holds what came before");
+    notes.Print();
+    return kFailed;
+  }
+  return kOk;
+}
+
+Verb AddRemux(CLI::App& app) {
+  auto o = std::make_shared<RemuxOptions>();
+  CLI::App* cmd = app.add_subcommand("remux", "copy the tracks of a movie file into a new .mov or .mp4 file");
+  cmd->option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+  cmd->footer(
+      "Links the demuxer element's output ports straight into the muxer element's inputs in one graph:\n"
+      "the demuxer opens IN, the muxer opens OUT with the media of the demuxer's ports, the demuxer's\n"
+      "thread carries every packet through the muxer, and the messages of both elements are printed.\n"
+      "The first video and the first audio track are copied; packet times are the demuxer's (whole\n"
+      "milliseconds, decoding times).");
+  cmd->add_option("IN", o->in, "the movie file to read")->required();
+  cmd->add_option("OUT", o->out, "the file to write; its extension gives the format")->required();
+  cmd->add_option("--format", o->format, "the format, whatever the extension")
+      ->check(CLI::IsMember({"mov", "mp4"}))
+      ->type_name("mov|mp4");
+  return {cmd, [o] { return Remux(*o); }};
+}
+
+}  // namespace boxweave
