@@ -2,12 +2,15 @@
 #include "stream/plugin/mp4/BoxWeave.h"
 
 extern "C" void RegisterBoxWeave() {
-  // Strictly in the order of the class table; classes join as they are built.
+  // Strictly in the order of the class table; classes join as they are built. RegisterIFileDemuxer
+  // is left to a host that wants the demuxer's own properties ("parse", "live") found by name.
   RegisterMovMuxer();
   RegisterMp4Muxer();
+  RegisterMp4Demuxer();
   RegisterMovStreamH264();
   RegisterMovStreamAac();
   RegisterVideoTags();
+  RegisterListParser();
 }
 
 int __cb_register_BoxWeave = ReflectAdd(RegisterBoxWeave, 0, "BoxWeave", BOXWEAVE_BANNER);

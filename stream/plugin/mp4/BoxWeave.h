@@ -31,7 +31,10 @@ extern "C" {
 void RegisterBoxWeave();
 void RegisterMovMuxer();
 void RegisterMp4Muxer();
+void RegisterMp4Demuxer();
+void RegisterIFileDemuxer();
 void RegisterMovStreamH264();
 void RegisterMovStreamAac();
 void RegisterVideoTags();
+void RegisterListParser();
 }

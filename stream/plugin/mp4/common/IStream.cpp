@@ -1,5 +1,6 @@
 #include "stream/plugin/mp4/common/IStream.h"
 
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +16,7 @@
 #include "stream/plugin/mp4/common/IBox.h"
 #include "stream/plugin/mp4/common/Stbl.h"
 #include "stream/plugin/mp4/common/StblFile.h"
+#include "stream/plugin/mp4/demux/StreamDemuxer.h"
 
 namespace kiv {
 namespace plugin {
@@ -31,8 +33,8 @@ IStream::~IStream() {
   _listFile = nullptr;
   if (_demuxSide && _media) _media->Release();
   _media = nullptr;
-  // _demuxer: the packet producer of the demuxing side is made by DemuxConfig once it exists in this
-  // build; until then the pointer stays null and there is nothing to delete.
+  delete _demuxer;
+  _demuxer = nullptr;
   delete[] _sizeList;
   delete[] _ptsList;
   // A muxing trak belongs to "moov" once the engine has added it; one that never got there (the
@@ -307,7 +309,7 @@ bool IStream::newDemuxMedia(const char* codec) {
   return _demuxSide;
 }
 
-bool IStream::DemuxConfig(IBox* mdat, IBox* trak, kiv::base::Object*) {
+bool IStream::DemuxConfig(IBox* mdat, IBox* trak, kiv::base::Object* param) {
   _mdat = mdat;
   _demuxSide = true;
   _trak = trak;
@@ -334,10 +336,11 @@ bool IStream::DemuxConfig(IBox* mdat, IBox* trak, kiv::base::Object*) {
   _createTime = static_cast<long long>(mdhd->_createtime);
   _duration = _scale.ToMs(static_cast<long long>(mdhd->_duration));
   if (auto* tkhd = dynamic_cast<ctkhd*>(trak->Find("tkhd"))) _trackId = static_cast<int>(tkhd->_track_id);
-  // Without a packet producer over its tables (which also gives the gop and the frame count) the
-  // track cannot deliver packets.
-  LOGE << "!_demuxer";
-  return false;
+  delete _demuxer;
+  _demuxer = new StreamDemuxer(this);
+  _gop = _demuxer->GetGop();
+  _entryCount = static_cast<unsigned>(_demuxer->GetTotalCount());
+  return demuxConfig(param);
 }
 
 bool IStream::DemuxReset() {
@@ -346,9 +349,11 @@ bool IStream::DemuxReset() {
     LOGE << "!_demuxer";
     return false;
   }
-  // Rewinding is the packet producer's.
-  LOGE << "!_demuxer->SeekToBegin(true)";
-  return false;
+  if (!_demuxer->SeekToBegin(true)) {
+    LOGE << "!_demuxer->SeekToBegin(true)";
+    return false;
+  }
+  return demuxReset();
 }
 
 // ---------------------------------------------------------------- helpers of the codec classes

@@ -1,5 +1,6 @@
 #include "stream/plugin/mp4/common/StreamH264.h"
 
+
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -15,6 +16,7 @@
 #include "stream/plugin/mp4/common/Stbl.h"
 #include "stream/plugin/mp4/common/StblFile.h"
 #include "stream/plugin/mp4/common/Stsd.h"
+#include "stream/plugin/mp4/demux/StreamDemuxer.h"
 
 namespace kiv {
 namespace plugin {
@@ -306,7 +308,10 @@ bool StreamH264::demuxConfig(kiv::base::Object*) {
     _media->Set("profile", static_cast<unsigned>(avcc->_profile));
     _media->Set("level", static_cast<unsigned>(avcc->_level));
   }
-  // "framerate" and "bitrate" come from the packet producer over the tables, which DemuxConfig makes.
+  if (_demuxer) {
+    _media->SetWithType("framerate", _demuxer->GetFrameRate());
+    _media->Set("bitrate", static_cast<int>(_demuxer->GetBitRate()));
+  }
   setExtraData(_media);
   _media->Set("gop", static_cast<long long>(_gop));
   return true;
