@@ -15,7 +15,7 @@
 namespace generated {
 
 struct Stream {
-  std::string path, md5;  // md5 of what ffmpeg decodes from it
+  std::string path, md5;                                                // md5 of what ffmpeg decodes from it
   long long frames = 0, width = 0, height = 0, rate = 0, channels = 0;  // pictures, or AAC frames
   bool bframes = false;
 };
@@ -67,16 +67,16 @@ inline bool MakeStream(Stream& s, const std::string& dir, const std::string& fil
                        bool bframes = false) {
   s.path = file[0] == '/' ? file : dir + "/" + file;
   const bool video = file.find(".h264") != std::string::npos;
-  if (!args.empty() && !Shell("ffmpeg -nostdin -v error -y " + args + (video ? " -f h264 " : " -c:a aac -f adts ") +
-                              s.path))
+  if (!args.empty() &&
+      !Shell("ffmpeg -nostdin -v error -y " + args + (video ? " -f h264 " : " -c:a aac -f adts ") + s.path))
     return false;
   const Fields f = Probe(s.path)[video ? "video" : "audio"];
   s.frames = Count(f, video ? "nb_read_frames" : "nb_read_packets");
   std::tie(s.width, s.height, s.rate, s.channels) =
       std::make_tuple(Count(f, "width"), Count(f, "height"), Count(f, "sample_rate"), Count(f, "channels"));
   if (video)
-    s.bframes = Capture("ffprobe -v error -show_entries frame=pict_type -of csv=p=0 " + s.path).find('B') !=
-                std::string::npos;
+    s.bframes =
+        Capture("ffprobe -v error -show_entries frame=pict_type -of csv=p=0 " + s.path).find('B') != std::string::npos;
   s.md5 = video ? Decode(dir, s.path, true, false, false).video : Decode(dir, s.path, false, true, false).audio;
   return s.frames > 0 && s.bframes == bframes && !s.md5.empty();
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
+#include <mutex>
 
 #include "stream/base/AttrSet.h"
 #include "stream/base/dbg/Log.h"
@@ -13,11 +14,15 @@ namespace boxweave {
 
 LogNotes::LogNotes() {
   kiv::dbg::SetSink([this](int level, const std::string& line) {
-    if (level == kiv::dbg::E) {
+    // Boxes without a class of their own are many and no fault; a failed child is told again by each
+    // box around it.
+    if (level == kiv::dbg::E && line.find("unknow box:") == std::string::npos &&
+        line.find("!bx->Parse(") == std::string::npos) {
       const std::string text = LogText(line);
       std::lock_guard<std::mutex> lock(_m);
       // A damaged file repeats the same few complaints many times.
-      if (_notes.size() < 100 && std::find(_notes.begin(), _notes.end(), text) == _notes.end()) _notes.push_back(text);
+      if (!text.empty() && _notes.size() < 100 && std::find(_notes.begin(), _notes.end(), text) == _notes.end())
+        _notes.push_back(text);
     }
     if (kiv::dbg::GetLevel() >= kiv::dbg::I) std::cerr << line;
   });
@@ -56,6 +61,10 @@ std::string RunEnd::Wait() {
 }
 
 std::string NewDemux(const std::string& path, Demux& d) {
+  // The plug-in leaves the demuxer base's class record ("parse", "live") to a host that wants those
+  // properties by name: this one sets "live".
+  static std::once_flag registered;
+  std::call_once(registered, [] { RegisterIFileDemuxer(); });
   kiv::base::AttrSet ap;
   kiv::base::Object::AttrSetInit(ap, nullptr, "demuxer-mov");
   d.element.reset(kiv::base::Object::New<kiv::stream::IDemuxer>(ap));

@@ -64,6 +64,33 @@ std::string annexBExtra(const unsigned char* e, int n) {
   return out;
 }
 
+// Where the units of an access unit go on in length-prefix form, -1 when they do not: the plug-in
+// turns back into start codes only the units that stand first in a sample of its own recordings (a
+// delimiter, SPS, PPS, one slice), so that the units from an SEI or a second slice on, and a whole
+// sample that begins otherwise (ffmpeg's first: SEI, then the slice), keep their four-byte lengths. A
+// chain of such lengths must fit the rest of the packet exactly, each unit with a valid header byte:
+// start-code units cannot be taken for one by chance.
+long long lengthPrefixedAt(const unsigned char* d, size_t n) {
+  auto tiles = [&](size_t q) {
+    for (; q + 5 <= n;) {
+      const size_t len = static_cast<size_t>(d[q]) << 24 | static_cast<size_t>(d[q + 1]) << 16 |
+                         static_cast<size_t>(d[q + 2]) << 8 | d[q + 3];
+      if (len == 0 || len > n - q - 4 || (d[q + 4] & 0x80) || (d[q + 4] & 31) == 0) return false;
+      q += 4 + len;
+    }
+    return q == n;
+  };
+  auto startCode = [&](size_t q) {
+    return q + 3 <= n && d[q] == 0 && d[q + 1] == 0 &&
+           (d[q + 2] == 1 || (q + 4 <= n && d[q + 2] == 0 && d[q + 3] == 1));
+  };
+  if (!d || n < 5) return -1;
+  if (!startCode(0)) return tiles(0) ? 0 : -1;
+  for (size_t q = 4; q + 5 <= n; ++q)
+    if (d[q] == 0 && !startCode(q) && d[q - 1] != 0 && tiles(q)) return static_cast<long long>(q);
+  return -1;
+}
+
 // A file written as packets come; the first failed write is kept and nothing more is written.
 class Output {
  public:
@@ -103,7 +130,7 @@ class Output {
 // What the host's and the element's threads share during a run: its end, and with --seek the
 // first packet, which the sink holds until the host has made the seek. That makes the place of the
 // seek in the stream of packets the same on every run.
-struct Run {
+struct PlayRun {
   RunEnd end;
   bool holdFirst = false;  // set before Start
   bool arrived = false;    // under end's lock
@@ -119,6 +146,8 @@ struct Track {
   IPort* port = nullptr;
   Output out;
   bool extraWritten = false;
+  long long prefixed = 0, firstPrefixed = -1;  // video packets written with units in length-prefix form
+  long long bare = 0;                           // AAC packets written without an ADTS header
   long long packets = 0, keys = 0, bytes = 0;
   long long first = 0, last = 0, lastDuration = 0;  // file times, ns
 };
@@ -126,7 +155,7 @@ struct Track {
 // The sink of one track: takes each packet on the element's thread.
 class TrackSink : public ISink {
  public:
-  TrackSink(Track& track, Run& run, bool list) : _track(track), _run(run), _list(list) {}
+  TrackSink(Track& track, PlayRun& run, bool list) : _track(track), _run(run), _list(list) {}
 
   bool ReceivePacket(Packet& p, void*) override {
     Track& t = _track;
@@ -134,9 +163,10 @@ class TrackSink : public ISink {
     const long long at = p.pts - p.clock;
     if (_list) {
       char line[200];
-      std::snprintf(line, sizeof line,
-                    "packet|codec_type=%s|stream_index=%d|pts_time=%.6f|dts_time=%.6f|duration_time=%.6f|size=%d|flags=%s",
-                    t.kind, t.index, at / 1e9, at / 1e9, p.duration / 1e9, p.Size(), p.IsKey() ? "K_" : "__");
+      std::snprintf(
+          line, sizeof line,
+          "packet|codec_type=%s|stream_index=%d|pts_time=%.6f|dts_time=%.6f|duration_time=%.6f|size=%d|flags=%s",
+          t.kind, t.index, at / 1e9, at / 1e9, p.duration / 1e9, p.Size(), p.IsKey() ? "K_" : "__");
       PrintLine(line);
     }
     if (t.out.IsOpen()) {
@@ -146,6 +176,11 @@ class TrackSink : public ISink {
       }
       t.extraWritten = true;
       t.out.Write(p.Data(), static_cast<size_t>(p.Size()));
+      if (p.media && p.media->IsVideo() && lengthPrefixedAt(p.Data(), static_cast<size_t>(p.Size())) >= 0) {
+        if (t.prefixed++ == 0) t.firstPrefixed = t.packets;
+      }
+      const unsigned char* d = p.Data();
+      if (p.media && p.media->IsAudio() && !(p.Size() >= 2 && d[0] == 0xff && (d[1] & 0xf0) == 0xf0)) ++t.bare;
     }
     if (t.packets == 0) t.first = at;
     ++t.packets;
@@ -155,7 +190,10 @@ class TrackSink : public ISink {
     t.lastDuration = p.duration;
     if (_run.holdFirst) {
       bool hold = false;
-      _run.end.Notify([&] { hold = !_run.arrived; _run.arrived = true; });
+      _run.end.Notify([&] {
+        hold = !_run.arrived;
+        _run.arrived = true;
+      });
       if (hold) _run.end.WaitFor([&] { return _run.released; });
     }
     return true;
@@ -163,7 +201,7 @@ class TrackSink : public ISink {
 
  private:
   Track& _track;
-  Run& _run;
+  PlayRun& _run;
   bool _list;
 };
 
@@ -223,7 +261,8 @@ int writeThumb(const PlayOptions& o, kiv::stream::IDemuxer& element) {
     jpeg = thumbFromBoxes(o.path);
     via = "the file's 'thum' box (the element gives none for this file)";
   }
-  if (jpeg.empty()) return failed(o.path, "no thumbnail: the element gives none and the file has no 'thum' box that holds one");
+  if (jpeg.empty())
+    return failed(o.path, "no thumbnail: the element gives none and the file has no 'thum' box that holds one");
   Output out;
   if (!out.Open(o.thumbOut)) return failed(o.thumbOut, "cannot write: " + out.Close());
   out.Write(jpeg.data(), jpeg.size());
@@ -255,7 +294,7 @@ int Play(const PlayOptions& o) {
   Demux d;
   const std::string problem = NewDemux(o.path, d);
   if (!problem.empty()) return failed(o.path, problem);
-  Run run;
+  PlayRun run;
   run.holdFirst = o.seek >= 0;
   Track video("video", 0), audio("audio", 1);
   video.port = d.video;
@@ -282,7 +321,11 @@ int Play(const PlayOptions& o) {
     }
   } down{*d.element};
 
-  if (!video.port->Media() && !audio.port->Media()) return failed(o.path, "no video or audio track the plug-in plays");
+  if (!video.port->Media() && !audio.port->Media()) {
+    failed(o.path, "no video or audio track the plug-in plays (boxweave info tells what the file holds)");
+    notes.Print();
+    return kFailed;
+  }
   if (!o.thumbOut.empty())
     if (int status = writeThumb(o, *d.element)) return status;
   for (Track* t : {&video, &audio}) {
@@ -316,6 +359,16 @@ int Play(const PlayOptions& o) {
   }
   for (const Track* t : {&video, &audio})
     if (t->port->Media()) printSummary(*t);
+  if (video.prefixed)
+    std::fprintf(stderr,
+                 "boxweave: warning: %s: %lld of %lld video packets hold units in length-prefix form, not behind start "
+                 "codes (the first: packet %lld); a reader of H.264 Annex-B loses them\n",
+                 Printable(o.videoOut).c_str(), video.prefixed, video.packets, video.firstPrefixed);
+  if (audio.bare)
+    std::fprintf(stderr,
+                 "boxweave: warning: %s: %lld of %lld audio packets came without an ADTS header and are written as "
+                 "bare AAC frames (the plug-in did not understand the track's sample description)\n",
+                 Printable(o.audioOut).c_str(), audio.bare, audio.packets);
   if (end == "error") {
     failed(o.path, "reading stopped with an error after " + std::to_string(video.packets + audio.packets) + " packets");
     notes.Print();

@@ -5,23 +5,72 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "stream/base/Convert.h"
 #include "stream/base/Message.h"
 #include "stream/base/reflect/Object.h"
+#include "stream/core/IMedia.h"
 #include "stream/core/fw/IElement.h"
 #include "stream/core/fw/IIO.h"
+#include "stream/plugin/mp4/common/IMov.h"
+#include "stream/plugin/mp4/common/IStream.h"
 #include "tools/Cli.h"
 #include "tools/Demux.h"
+#include "tools/H264Reader.h"
 
 namespace boxweave {
 namespace {
 
 using kiv::base::Message;
+using kiv::stream::IMedia;
 
 int failed(const std::string& path, const std::string& why) {
   std::fprintf(stderr, "boxweave: %s: %s\n", kiv::base::Printable(path).c_str(), why.c_str());
   return kFailed;
+}
+
+// The demuxer describes a video track by what the file's boxes say (size, profile, level, the
+// parameter sets as extra data); the muxer's H.264 track also wants what only the SPS tells, and where
+// the parameter sets stand. A camera graph has a parser element in between; here the host reads the
+// SPS. "" on success, else the reason.
+std::string completeH264(IMedia& m) {
+  const unsigned char* e = m.Extra();
+  const size_t n = e ? static_cast<size_t>(m.ExtraSize()) : 0;
+  // The units of the extra data, behind start codes of three or four bytes.
+  std::vector<std::pair<size_t, size_t>> units;  // offset, length
+  for (size_t i = 0; i + 3 <= n;) {
+    if (e[i] == 0 && e[i + 1] == 0 && e[i + 2] == 1) {
+      if (!units.empty() && units.back().second == 0)
+        units.back().second = i - units.back().first - (i > 0 && e[i - 1] == 0 ? 1 : 0);
+      units.emplace_back(i + 3, 0);
+      i += 3;
+    } else {
+      ++i;
+    }
+  }
+  if (!units.empty() && units.back().second == 0) units.back().second = n - units.back().first;
+  const std::pair<size_t, size_t>* sps = nullptr;
+  const std::pair<size_t, size_t>* pps = nullptr;
+  for (const auto& u : units) {
+    if (u.second == 0) continue;
+    const unsigned type = e[u.first] & 31u;
+    if (type == 7 && !sps) sps = &u;
+    if (type == 8 && !pps) pps = &u;
+  }
+  if (!sps || !pps) return "the video track's extra data holds no SPS and PPS";
+  H264Sps parsed;
+  std::string why;
+  if (!ParseSps(e + sps->first, sps->second, parsed, why)) return "the video track's SPS does not parse: " + why;
+  // The pointers go into the media's own extra data, which lives as long as the media.
+  auto* base = const_cast<unsigned char*>(e);
+  const bool ok = m.Set("interlace", !parsed.frame_mbs_only) && m.Set("chroma_format_idc", parsed.chroma_format_idc) &&
+                  m.Set("bit_depth_luma_minus8", parsed.bit_depth_luma_minus8) &&
+                  m.Set("bit_depth_chroma_minus8", parsed.bit_depth_chroma_minus8) && m.Set("sps", base + sps->first) &&
+                  m.Set("isps", static_cast<unsigned>(sps->second)) && m.Set("pps", base + pps->first) &&
+                  m.Set("ipps", static_cast<unsigned>(pps->second));
+  return ok ? "" : "the video track's media takes no SPS attributes";
 }
 
 }  // namespace
@@ -72,16 +121,41 @@ int Remux(RemuxOptions o) {
   int linked = 0;
   for (kiv::stream::IPort* port : {d.video, d.audio}) {
     if (!port->Media()) continue;  // no such track in the file
+    if (port == d.video && std::string(port->Media()->Codec()) == "h264") {
+      const std::string problem = completeH264(*port->Media());
+      if (!problem.empty()) return failed(o.in, problem);
+    }
     if (!mux->LinkFrom(port)) return failed(o.out, "cannot link the demuxer to the muxer");
     ++linked;
   }
-  if (!linked) return failed(o.in, "no video or audio track the plug-in plays");
+  if (!linked) {
+    failed(o.in, "no video or audio track the plug-in plays (boxweave info tells what the file holds)");
+    notes.Print();
+    return kFailed;
+  }
   auto* sink = dynamic_cast<kiv::stream::IIO*>(mux.get());
   if (!sink) return failed(o.out, "the muxer has no stream to write to");
   if (!mux->Open()) {
     failed(o.out, "cannot write the movie");
     notes.Print();
     return kFailed;
+  }
+
+  // A medium the muxer's tracks do not take (the muxer logs why) would be left out of OUT without a
+  // word: the remux copies every track it found, or nothing.
+  if (auto* engine = dynamic_cast<kiv::plugin::mov::IMov*>(mux.get())) {
+    for (kiv::stream::IPort* port : {d.video, d.audio}) {
+      IMedia* media = port->Media();
+      if (!media) continue;
+      bool taken = false;
+      for (const kiv::plugin::mov::IStream* st : engine->_streams) taken = taken || (st && st->Media() == media);
+      if (taken) continue;
+      mux->Close();  // without a packet the muxer removes the file
+      failed(o.in, std::string("the muxer takes no track for its ") + (port == d.video ? "video" : "audio") + " (" +
+                       media->Codec() + ")");
+      notes.Print();
+      return kFailed;
+    }
   }
 
   bool started = d.element->Start();
