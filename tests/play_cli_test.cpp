@@ -99,8 +99,8 @@ TEST_F(PlayCli, HelpTellsTheOptionsAndWhatIsPrinted) {
   } helps[] = {
       {"--help", {"play", "remux"}},
       {"play --help",
-       {"FILE", "--video-out", "--audio-out", "--packets", "--from", "--to", "--seek", "--live", "--thumb-out", "\"eos\"",
-        "whole", "Exit status 1"}},
+       {"FILE", "--video-out", "--audio-out", "--packets", "--from", "--to", "--seek", "--live", "--thumb-out",
+        "\"eos\"", "whole", "Exit status 1"}},
       {"remux --help", {"IN", "OUT", "--format", "mov|mp4"}},
   };
   for (const auto& h : helps) {
@@ -117,8 +117,9 @@ TEST_F(PlayCli, PlayPrintsTheEndAndASummaryLineATrack) {
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.err, "");
   EXPECT_EQ(r.out.rfind("eos clock=", 0), 0u) << r.out;
-  EXPECT_NE(r.out.find("\nvideo: h264 320x240, 120 packets (4 key), 60451 bytes, 0.000 s to 3.967 s, duration 4.000 s\n"),
-            std::string::npos)
+  EXPECT_NE(
+      r.out.find("\nvideo: h264 320x240, 120 packets (4 key), 60451 bytes, 0.000 s to 3.967 s, duration 4.000 s\n"),
+      std::string::npos)
       << r.out;
   EXPECT_NE(r.out.find("\naudio: aac 48000 Hz 2 ch, 189 packets (189 key), 49523 bytes, 0.000 s to 4.011 s, "
                        "duration 4.032 s\n"),
