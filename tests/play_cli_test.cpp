@@ -67,6 +67,7 @@ TEST_F(PlayCli, BadInputAndCommandLinesHaveMessagesAndStatuses) {
       {"remux " + d + "/missing.mov " + d + "/o.mov", 1, "cannot open: No such file or directory"},
       {"remux " + d + "/garbage.mov " + d + "/o.mov", 1, "no video or audio track"},
       {"remux " + both + " " + d + "/no/such/o.mov", 1, "o.mov: cannot write the movie"},
+      {"remux " + both + " /dev/full --format mov", 1, "/dev/full: writing failed: No space left on device"},
       {"remux " + both + " " + both, 2, "is the input"},
       {"remux " + both + " " + d + "/o.avi", 2, "cannot tell the format of"},
       {"remux " + both + " " + d + "/o.mov --format avi", 2, "--format"},

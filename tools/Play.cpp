@@ -170,7 +170,7 @@ class TrackSink : public ISink {
       PrintLine(line);
     }
     if (t.out.IsOpen()) {
-      if (!t.extraWritten && p.media) {
+      if (!t.extraWritten && p.media && p.media->IsVideo()) {
         const std::string extra = annexBExtra(p.media->Extra(), p.media->ExtraSize());
         t.out.Write(extra.data(), extra.size());
       }
