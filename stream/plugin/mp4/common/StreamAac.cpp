@@ -387,6 +387,7 @@ bool StreamAac::demuxConfig(kiv::base::Object*) {
     LOGE << "!_media->Set(\"hasadts\",(bool)_adtslen)";
     return false;
   }
+  _adtslenTold = _adtslen;
   return true;
 }
 
@@ -412,7 +413,8 @@ Packet* StreamAac::demuxUpdatePacket(IO&, Packet* packet) {
     packet->Prepend(_adts, static_cast<int>(n));
   }
   packet->CheckKey();
-  if (_media) {
+  if (_media && _adtslenTold != static_cast<long long>(_adtslen)) {
+    _adtslenTold = _adtslen;
     if (!_media->Set("adtslen", static_cast<long long>(_adtslen))) LOGE << "!_media->Set(\"adtslen\",_adtslen)";
     if (!_media->Set("hasadts", _adtslen != 0)) LOGE << "!_media->Set(\"hasadts\",(bool)_adtslen)";
   }

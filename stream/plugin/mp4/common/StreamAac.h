@@ -49,6 +49,9 @@ class StreamAac : public IStream {
   unsigned _ch = 1;
   unsigned _adtslen = 0;
   unsigned char _adts[7] = {};
+  // The header length the media was last told: the attributes are text, and telling them again the
+  // same value costs a lookup and a conversion a packet.
+  long long _adtslenTold = -1;
   unsigned _frmSampNum = 1024;
   PacketFifo* _fifo = nullptr;
   unsigned _spc = 0;          // samples a chunk

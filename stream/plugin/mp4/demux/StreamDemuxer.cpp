@@ -20,6 +20,7 @@ using kiv::stream::Packet;
 
 namespace {
 Packet* const kReadFailed = reinterpret_cast<Packet*>(intptr_t(-1));
+constexpr int kCheckedSize = 1 << 20;
 
 struct PacketRelease {
   void operator()(Packet* p) const { p->Release(); }
@@ -98,8 +99,9 @@ Packet* StreamDemuxer::GetPacket(IO& io, int last) {
     LOGE << "!frm " << _frm.Index << "/" << GetTotalCount();
     return nullptr;
   }
-  // A frame that cannot lie in the file is not allocated: its size may be forged.
-  const long long fileSize = io.Size();
+  // A big frame that cannot lie in the file is not allocated: its size may be forged. Small ones are
+  // left to the short read, which costs no question to the file system a packet.
+  const long long fileSize = _frm.Size > kCheckedSize ? io.Size() : -1;
   if (_frm.Size < 0 || _frm.Pos < 0 || (fileSize >= 0 && _frm.Pos + _frm.Size > fileSize)) {
     LOGE << "(size<=0) || (size != frm.Size())" << " frame " << _frm.Index << " at " << _frm.Pos << " of "
          << _frm.Size << " bytes lies beyond the file's " << fileSize << " bytes";
