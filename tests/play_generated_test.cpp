@@ -215,7 +215,7 @@ class PlayGenerated : public ::testing::Test {
     return f;
   }
   // A file written by ffmpeg: mp4 or mov, with or without B-frames, AAC of 48 kHz stereo (mp4) or
-  // 44.1 kHz mono (mov); 2 s.
+  // 44.1 kHz mono (mov); 2 s; "faststart" puts the movie box in front of the media data.
   static std::string Ff(const std::string& name) {
     const std::string path = dir_ + "/" + name;
     if (FileExists(path)) return path;
@@ -225,7 +225,7 @@ class PlayGenerated : public ::testing::Test {
         "sine=frequency=440:sample_rate=" +
         std::string(mov ? "44100" : "48000") + " -t 2 -map 0:v -map 1:a -pix_fmt yuv420p -c:v libx264 -g 30 " +
         (bframes ? "-preset ultrafast -bf 2" : "-profile:v baseline -bf 0") + " -c:a aac -ac " + (mov ? "1 " : "2 ") +
-        path);
+        (name.find("faststart") != std::string::npos ? "-movflags +faststart " : "") + path);
     EXPECT_TRUE(made) << name;
     return path;
   }
@@ -418,7 +418,7 @@ TEST_F(PlayGenerated, RemuxedFilesDecodeLikeTheirInput) {
   } cases[] = {
       {"r_bundled.mov", "r_bundled.remux.mp4", 0},     {"r_bframes.mp4", "r_bframes.remux.mov", 0},
       {"r_baseline.mov", "r_baseline.remux.mov", 0},   {"ff_bframes.mp4", "ff_bframes.remux.mov", 1},
-      {"ff_baseline.mp4", "ff_baseline.remux.mp4", 1},
+      {"ff_baseline.mp4", "ff_baseline.remux.mp4", 1}, {"ff_baseline_faststart.mp4", "ff_faststart.remux.mov", 1},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.in);
@@ -428,6 +428,11 @@ TEST_F(PlayGenerated, RemuxedFilesDecodeLikeTheirInput) {
     EXPECT_EQ(r.out.rfind("fileurl ", 0), 0u) << "the muxer's messages:\n" << r.out;
     EXPECT_NE(r.out.find("\neos clock="), std::string::npos) << "the demuxer's";
     EXPECT_NE(r.out.find("\nfileClose duration="), std::string::npos);
+    // ffmpeg's decoder configuration is misread (its descriptors have lengths of four bytes): remux
+    // writes the one the ADTS headers are made from, and says so.
+    EXPECT_EQ(r.err.find("the AAC decoder configuration read from the file does not agree") != std::string::npos,
+              c.primer == 1)
+        << r.err;
     const std::vector<std::string> pictures = FrameMd5s(in, "v"), sound = FrameMd5s(in, "a");
     ASSERT_FALSE(pictures.empty() || sound.empty());
     EXPECT_EQ(FrameMd5s(out, "v"), pictures);
@@ -449,10 +454,8 @@ TEST_F(PlayGenerated, RemuxedFilesDecodeLikeTheirInput) {
 // A read that fails in the middle of the run: the tables point past the end of the file. The element
 // ends with "error", and play says how far it came.
 TEST_F(PlayGenerated, AReadThatFailsEndsTheRunWithError) {
-  const std::string whole = dir_ + "/faststart.mp4", cut = dir_ + "/cut.mp4";
-  ASSERT_TRUE(
-      Shell("ffmpeg -nostdin -v error -y -i " + Ff("ff_baseline.mp4") + " -c copy -movflags +faststart " + whole));
-  std::string b = ReadWhole(whole);
+  const std::string cut = dir_ + "/cut.mp4";
+  std::string b = ReadWhole(Ff("ff_baseline_faststart.mp4"));
   const size_t mdat = b.find("mdat");
   ASSERT_NE(mdat, std::string::npos);
   b.resize(b.size() / 2);
@@ -466,7 +469,8 @@ TEST_F(PlayGenerated, AReadThatFailsEndsTheRunWithError) {
   const std::string played = std::to_string(p.video.size() + p.audio.size());
   EXPECT_NE(p.run.err.find(cut + ": reading stopped with an error after " + played + " packets"), std::string::npos)
       << p.run.err;
-  EXPECT_NE(p.run.err.find("note: (size<=0) || (size != frm.Size())"), std::string::npos) << "the reader's note\n" << p.run.err;
+  EXPECT_NE(p.run.err.find("note: (size<=0) || (size != frm.Size())"), std::string::npos) << "the reader's note\n"
+                                                                                          << p.run.err;
   EXPECT_GT(p.video.size(), 10u);
   EXPECT_LT(p.video.size(), 50u);
   EXPECT_NE(p.Summary("video"), "") << "what came before is summed up";

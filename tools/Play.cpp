@@ -400,14 +400,15 @@ Verb AddPlay(CLI::App& app) {
   cmd->add_flag("--packets", o->packets,
                 "print a line a packet in the form of ffprobe -show_packets -of compact (pts_time and dts_time "
                 "both show the packet's one time)");
-  cmd->add_option("--from", o->from, "start the play range here (a seek to the key frame at or before it)")
+  cmd->add_option("--from", o->from, "start the play range: the start seeks forward to the key frame at or after MS")
       ->type_name("MS")
       ->check(CLI::Range(0LL, 0x7fffffffffffLL));
   cmd->add_option("--to", o->to, "end the play range: a packet later than MS ends the run with \"eos\"")
       ->type_name("MS")
       ->check(CLI::Range(1LL, 0x7fffffffffffLL));
   cmd->add_option("--seek", o->seek,
-                  "once the first packet has arrived, set the element's \"seek\" property from the host's thread")
+                  "once the first packet has arrived, set the element's \"seek\" property from the host's thread (a seek "
+                  "forward lands on the key frame at or after MS, one back on the key frame at or before)")
       ->type_name("MS")
       ->check(CLI::Range(0LL, 0x7fffffffffffLL));
   cmd->add_flag("--live", o->live, "set \"live\": packets leave at their time on the clock, as a camera's would");

@@ -2,7 +2,9 @@
 // linked straight into the muxer element's inputs; the demuxer's thread carries every packet through
 // the muxer; the messages of both elements are printed.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <utility>
@@ -73,6 +75,29 @@ std::string completeH264(IMedia& m) {
   return ok ? "" : "the video track's media takes no SPS attributes";
 }
 
+// The demuxer reads the AAC decoder configuration in the form this system writes it, with descriptor
+// lengths of one byte; another writer's (ffmpeg's: four bytes) is misread, and the muxer would write
+// what was misread. The ADTS headers the demuxer puts on the packets are made from the sample entry's
+// rate and channels as AAC LC: a configuration that does not agree with them is made the same way.
+// True when the configuration was made here.
+bool completeAac(IMedia& m) {
+  static const int kRates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000, 7350};
+  int rate = 0, channels = 0;
+  if (!m.Get("rate", rate) || !m.Get("channel", channels) || channels < 1 || channels > 7) return false;
+  const int* at = std::find(std::begin(kRates), std::end(kRates), rate);
+  if (at == std::end(kRates)) return false;
+  const unsigned index = static_cast<unsigned>(at - std::begin(kRates));
+  const unsigned char* e = m.Extra();
+  if (e && m.ExtraSize() >= 2) {
+    const unsigned type = e[0] >> 3, rateIndex = (e[0] & 7u) << 1 | e[1] >> 7, layout = (e[1] >> 3) & 15u;
+    if (type >= 1 && type <= 4 && rateIndex == index && layout == static_cast<unsigned>(channels)) return false;
+  }
+  const unsigned char config[2] = {
+      static_cast<unsigned char>(2u << 3 | index >> 1),
+      static_cast<unsigned char>((index & 1u) << 7 | static_cast<unsigned>(channels) << 3)};
+  return m.Extra(config, 2);
+}
+
 }  // namespace
 
 int Remux(RemuxOptions o) {
@@ -125,6 +150,11 @@ int Remux(RemuxOptions o) {
       const std::string problem = completeH264(*port->Media());
       if (!problem.empty()) return failed(o.in, problem);
     }
+    if (port == d.audio && std::string(port->Media()->Codec()) == "aac" && completeAac(*port->Media()))
+      std::fprintf(stderr,
+                   "boxweave: note: %s: the AAC decoder configuration read from the file does not agree with its "
+                   "sample entry; written as AAC LC of the entry's rate and channels\n",
+                   kiv::base::Printable(o.in).c_str());
     if (!mux->LinkFrom(port)) return failed(o.out, "cannot link the demuxer to the muxer");
     ++linked;
   }
@@ -191,7 +221,9 @@ Verb AddRemux(CLI::App& app) {
       "the demuxer opens IN, the muxer opens OUT with the media of the demuxer's ports, the demuxer's\n"
       "thread carries every packet through the muxer, and the messages of both elements are printed.\n"
       "The first video and the first audio track are copied; packet times are the demuxer's (whole\n"
-      "milliseconds, decoding times).");
+      "milliseconds, decoding times). Exit status 1 when IN cannot be opened, has no video or audio\n"
+      "track, or has one the muxer does not take (nothing is written), when OUT cannot be written, or\n"
+      "when the demuxer ends with \"error\" (OUT then holds what came before).");
   cmd->add_option("IN", o->in, "the movie file to read")->required();
   cmd->add_option("OUT", o->out, "the file to write; its extension gives the format")->required();
   cmd->add_option("--format", o->format, "the format, whatever the extension")
