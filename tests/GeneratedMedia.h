@@ -82,6 +82,6 @@ inline bool MakeStream(Stream& s, const std::string& dir, const std::string& fil
 }
 
 // The pictures of the test streams: 60 of 160x120 at 30 fps.
-inline const char* kPictures = "-f lavfi -i testsrc2=size=160x120:rate=30 -frames:v 60 -pix_fmt yuv420p -c:v libx264 ";
+inline constexpr const char* kPictures = "-f lavfi -i testsrc2=size=160x120:rate=30 -frames:v 60 -pix_fmt yuv420p -c:v libx264 ";
 
 }  // namespace generated
