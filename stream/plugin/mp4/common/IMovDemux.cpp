@@ -42,9 +42,7 @@ bool IMovDemux::Parse(IO& io) {
 
 bool IMovDemux::Open(IO& io) {
   LOGI << "io.URL()=" << (io.URL() ? io.URL() : "");
-  // A stream in which not one box could be read (an empty file) is no movie: the tree parses, but
-  // empty, and the file must not pass for one without tracks.
-  if (!Parse(io) || !_root->Child()) {
+  if (!Parse(io)) {
     LOGE << "!Parse(io)";
     return false;
   }
