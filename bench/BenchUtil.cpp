@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -196,19 +195,84 @@ int ArgumentError(const std::string& message) {
   return 2;
 }
 
+namespace {
+
+// argv0 itself when it names a path, else the first executable of that name on PATH; "" for none.
+std::string findProgram(const std::string& name) {
+  if (name.find('/') != std::string::npos) return name;
+  const char* path = std::getenv("PATH");
+  const std::string dirs = path && *path ? path : "/usr/local/bin:/usr/bin:/bin";
+  for (size_t at = 0; at <= dirs.size();) {
+    size_t end = dirs.find(':', at);
+    if (end == std::string::npos) end = dirs.size();
+    const std::string dir = end > at ? dirs.substr(at, end - at) : ".";
+    const std::string candidate = dir + "/" + name;
+    if (FileSize(candidate) >= 0 && access(candidate.c_str(), X_OK) == 0) return candidate;
+    at = end + 1;
+  }
+  return "";
+}
+
+}  // namespace
+
+// By fork and exec, not posix_spawn: a child made by vfork (as posix_spawn does) runs in this program's
+// memory until it execs, and the kernel keeps that memory's whole high-water mark as the child's
+// ru_maxrss. A forked child starts its mark at the pages it holds of this program at the fork, about
+// its anonymous memory, so a small program such as cat shows its own figure.
 bool Spawn(const std::vector<std::string>& argv, const char* stdoutPath, const char* stderrPath, pid_t& pid) {
+  pid = -1;
+  const std::string program = findProgram(argv[0]);
+  if (program.empty()) {
+    std::fprintf(stderr, "%s: cannot start %s: %s\n", programName, argv[0].c_str(), std::strerror(ENOENT));
+    return false;
+  }
   std::vector<char*> args;
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
-  posix_spawn_file_actions_t fa;
-  posix_spawn_file_actions_init(&fa);
-  posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&fa, 1, stdoutPath ? stdoutPath : "/dev/null", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  posix_spawn_file_actions_addopen(&fa, 2, stderrPath ? stderrPath : "/dev/null", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  const int rc = posix_spawnp(&pid, args[0], &fa, nullptr, args.data(), environ);
-  posix_spawn_file_actions_destroy(&fa);
-  if (rc != 0) {
-    std::fprintf(stderr, "%s: cannot start %s: %s\n", programName, args[0], std::strerror(rc));
+  const char* out = stdoutPath ? stdoutPath : "/dev/null";
+  const char* err = stderrPath ? stderrPath : "/dev/null";
+  // The child tells a failed exec's errno through a pipe that the exec closes.
+  int report[2];
+  if (pipe2(report, O_CLOEXEC) != 0) {
+    std::fprintf(stderr, "%s: pipe: %s\n", programName, std::strerror(errno));
+    return false;
+  }
+  std::fflush(stdout);
+  pid = fork();
+  if (pid == 0) {
+    // Between fork and exec only async-signal-safe calls.
+    int failure = 0;
+    const int in = open("/dev/null", O_RDONLY);
+    const int o = open(out, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const int e = open(err, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (in < 0 || o < 0 || e < 0 || dup2(in, 0) < 0 || dup2(o, 1) < 0 || dup2(e, 2) < 0) {
+      failure = errno;
+    } else {
+      execve(program.c_str(), args.data(), environ);
+      failure = errno;
+    }
+    const ssize_t ignored = write(report[1], &failure, sizeof failure);
+    (void)ignored;
+    _exit(127);
+  }
+  const int forkError = errno;
+  close(report[1]);
+  if (pid < 0) {
+    close(report[0]);
+    pid = -1;
+    std::fprintf(stderr, "%s: fork: %s\n", programName, std::strerror(forkError));
+    return false;
+  }
+  int failure = 0;
+  ssize_t got;
+  do got = read(report[0], &failure, sizeof failure);
+  while (got < 0 && errno == EINTR);
+  close(report[0]);
+  if (got == static_cast<ssize_t>(sizeof failure)) {
+    int status = 0;
+    WaitChild(pid, status, nullptr);
+    pid = -1;
+    std::fprintf(stderr, "%s: cannot start %s: %s\n", programName, program.c_str(), std::strerror(failure));
     return false;
   }
   return true;

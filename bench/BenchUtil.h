@@ -2,8 +2,8 @@
 // and peak memory, small file and /proc helpers, and the generated input (H.264 and AAC elementary
 // streams made with ffmpeg, kept in a data directory).
 //
-// Nothing here holds large buffers: the kernel carries a parent's high-water mark of memory into a
-// child until it execs, so every child figure has the benchmark's own peak as its floor.
+// Nothing here holds large buffers: a child begins its high-water mark of memory with the pages it
+// holds of its parent at the fork, so the benchmark's own memory is a floor under every child figure.
 #pragma once
 
 #include <sys/resource.h>
@@ -52,7 +52,8 @@ bool Positive(const char* text, long max, long& v);
 double Median(std::vector<double> values);
 
 // A child with its standard input from /dev/null and its output into the files given (null:
-// /dev/null). The program is looked up on PATH when argv[0] has no slash.
+// /dev/null), started by fork and exec. The program is looked up on PATH when argv[0] has no slash.
+// A program that cannot be started is told on stderr; pid is -1 then.
 bool Spawn(const std::vector<std::string>& argv, const char* stdoutPath, const char* stderrPath, pid_t& pid);
 bool WaitChild(pid_t pid, int& status, rusage* usage);
 

@@ -13,8 +13,9 @@
 // child may be well into Close by then, and at one minute it often was.) The filter stops only those
 // writes, so the child runs at nearly full speed; its time is not used all the same.
 //
-// The kernel carries the parent's high-water mark into a child until it execs, so no child figure can
-// be below this program's own peak; the program keeps itself small and prints that floor.
+// Children start by fork and exec: a child's peak counts the pages of this program it holds until it
+// execs (a vfork would lend it all of them, and its figure could not be below this program's peak).
+// The program keeps itself small and prints its own peak.
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -503,8 +504,8 @@ int RecordBench::Run() {
     std::printf("\n");
   }
   std::printf("  (\"during\": VmHWM at the last currentDuration line, %lld ms into the %d-minute recording;\n"
-              "   \"including Close\": ru_maxrss; highest of %d run(s); no figure can be below this program's\n"
-              "   own peak, %ld KiB)\n",
+              "   \"including Close\": ru_maxrss; highest of %d run(s); a figure counts the part of this\n"
+              "   program's %ld KiB that the child holds until it execs)\n",
               cells[1][0].lastNoticeMs, inputs[1].minutes, _o.runs, selfKiB);
   std::printf("\nduring the %d-minute recording, KiB: VmHWM (VmRSS) at a quarter, half and three quarters of it,\n"
               "and VmHWM at the last currentDuration line\n",
