@@ -177,7 +177,7 @@ bool PlayBench::runOnce(Recording& rec, Tool tool, bool counted) {
       stdoutPath = out.c_str();  // its messages and summary, a few lines, looked at below
       break;
     default:
-      argv = {_o.ffmpeg, "-nostdin", "-v", "error", "-i", rec.path, "-map", "0", "-c", "copy", "-f", "null", "-"};
+      argv = {_o.ffmpeg, "-v", "error", "-i", rec.path, "-map", "0", "-c", "copy", "-f", "null", "-"};
       break;
   }
   ChildRun run;
