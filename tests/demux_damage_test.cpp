@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -142,11 +143,11 @@ std::vector<movie::Bytes> Flipped(const movie::Bytes& b, size_t moovAt, size_t m
   return out;
 }
 
-// Where the movie box lies.
-std::pair<size_t, size_t> MoovOf(const movie::Bytes& b) {
+// Where a top-level box lies: its start and end; the whole file when there is none.
+std::pair<size_t, size_t> TopBox(const movie::Bytes& b, const std::string& code) {
   for (size_t at = 0; at + 8 <= b.size();) {
     const uint32_t size = uint32_t(b[at]) << 24 | uint32_t(b[at + 1]) << 16 | uint32_t(b[at + 2]) << 8 | b[at + 3];
-    if (std::string(b.begin() + long(at) + 4, b.begin() + long(at) + 8) == "moov") return {at, at + size};
+    if (std::string(b.begin() + long(at) + 4, b.begin() + long(at) + 8) == code) return {at, at + size};
     if (size < 8) break;
     at += size;
   }
@@ -161,6 +162,7 @@ movie::Bytes Slurp(const std::string& path) {
 struct Base {
   std::string name;
   movie::Bytes bytes;
+  std::vector<uint64_t> ends = {};  // where each sample ends, when known
 };
 
 std::vector<Base> Bases() {
@@ -189,7 +191,11 @@ std::vector<Base> Bases() {
   movie::Spec s;
   s.tracks = {movie::Video(40, 3600, 10, 90000), movie::Audio(70)};
   s.moovFirst = true;
-  out.push_back({"hand-made, moov in front", movie::Build(s).bytes});
+  const movie::Movie m = movie::Build(s);
+  std::vector<uint64_t> ends;
+  for (size_t t = 0; t < s.tracks.size(); ++t)
+    for (size_t i = 0; i < s.tracks[t].samples.size(); ++i) ends.push_back(m.pos[t][i] + s.tracks[t].samples[i].size);
+  out.push_back({"hand-made, moov in front", m.bytes, ends});
   Shell("rm -rf " + dir);
   return out;
 }
@@ -208,6 +214,9 @@ TEST(DemuxDamage, CutAndBitFlippedFilesEndCleanly) {
     ASSERT_EQ(whole.end, "eos");
     ASSERT_GT(whole.packets, 20u);
     std::map<std::string, int> ends, cutEnds;
+    // With the tables in front, a cut inside the media data plays up to the cut and ends in "error".
+    const auto moov = TopBox(base.bytes, "moov"), mdat = TopBox(base.bytes, "mdat");
+    const bool tablesInFront = moov.first < mdat.first;
     for (size_t cut : Cuts(base.bytes.size())) {
       const std::string what = base.name + " cut at " + std::to_string(cut);
       const Outcome o = Play(movie::Bytes(base.bytes.begin(), base.bytes.begin() + long(cut)), dog, what);
@@ -217,9 +226,14 @@ TEST(DemuxDamage, CutAndBitFlippedFilesEndCleanly) {
       EXPECT_TRUE(o.logged) << what;
       EXPECT_LE(o.packets, whole.packets) << what;
       EXPECT_LE(static_cast<size_t>(o.largest), cut) << what;
+      if (tablesInFront && cut >= mdat.first + 8) {
+        EXPECT_EQ(o.end, "error") << what;
+        const auto whole = std::count_if(base.ends.begin(), base.ends.end(), [cut](uint64_t e) { return e <= cut; });
+        EXPECT_TRUE(base.ends.empty() || o.packets == static_cast<size_t>(whole))
+            << what << ": " << o.packets << " packets, not the " << whole << " whole frames in front of the cut";
+      }
       ++runs;
     }
-    const auto moov = MoovOf(base.bytes);
     int i = 0;
     for (const movie::Bytes& b : Flipped(base.bytes, moov.first, moov.second, 7u + unsigned(base.bytes.size()))) {
       const std::string what = base.name + " flipped, copy " + std::to_string(i++);
