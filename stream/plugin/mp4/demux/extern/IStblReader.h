@@ -49,7 +49,9 @@ class IStblReader : public kiv::base::Object {
 
   IStbl* Box() const { return _stbl; }
   // The whole table is in memory (no second handle on the file).
-  bool Buffered() const { return _buffered; }
+  bool Buffered() const { return _reader && _buffered; }
+  // The table is read through a block of its own, over a second handle on the file.
+  bool Blocks() const { return _reader && !_buffered; }
   // Entries the reader may step through, as the header counts them and the box holds them.
   uint32_t Entries() const { return _entries; }
 
