@@ -12,12 +12,14 @@
 #include <tuple>
 #include <vector>
 
+#include "tests/GeneratedMedia.h"
 #include "tests/MuxTestUtil.h"
 #include "tests/ToolRun.h"
 
 namespace {
 
 using namespace muxtest;
+using namespace generated;
 
 // Children; sample descriptions and their entries carry fields ahead of theirs.
 std::vector<BoxAt> Kids(const Bytes& b, const BoxAt& x) {
@@ -82,43 +84,6 @@ struct Movie {
   BoxAt root;
 };
 
-// ---- the sources and the oracles
-
-struct Stream {
-  std::string path, md5;  // md5 of what ffmpeg decodes from it
-  long long frames = 0, width = 0, height = 0, rate = 0, channels = 0;  // pictures, or AAC frames
-  bool bframes = false;
-};
-
-struct Decoded {
-  int status = -1;
-  std::string errors, video, audio;  // what ffmpeg said at error level less what is allowed; md5 of each
-};
-
-// Decodes every picture and every sound frame. Pictures keep their decoding count (no frame dropped
-// or repeated for timing). A B-frame track carries a fixed pattern of composition offsets, so the
-// pictures come out with repeated time stamps: the raw writer's notes about them are allowed there.
-Decoded Decode(const std::string& dir, const std::string& file, bool video, bool audio, bool bframes) {
-  const std::string v = dir + "/decoded_v", a = dir + "/decoded_a", e = dir + "/decoded_err";
-  std::string cmd = "ffmpeg -nostdin -v error -xerror -i " + file;
-  if (video) cmd += " -map 0:v -fps_mode passthrough -f rawvideo -y " + v;
-  if (audio) cmd += " -map 0:a -f s16le -y " + a;
-  cmd += " 2>" + e + "; echo $?" + (video ? "; md5sum <" + v : "") + (audio ? "; md5sum <" + a : "");
-  std::istringstream out(Capture(cmd)), err(ReadWhole(e));
-  Decoded d;
-  std::string line;
-  if (std::getline(out, line)) d.status = std::atoi(line.c_str());
-  if (video && std::getline(out, line)) d.video = line.substr(0, 32);
-  if (audio && std::getline(out, line)) d.audio = line.substr(0, 32);
-  while (std::getline(err, line))
-    if (!(bframes && line.find("non monotonically increasing dts to muxer") != std::string::npos))
-      d.errors += line + "\n";
-  Shell("rm -f " + v + " " + a + " " + e);
-  return d;
-}
-
-double Seconds(const Fields& f) { return f.count("duration") ? std::atof(f.at("duration").c_str()) : -1; }
-
 // ---- the fixture: sources made once a run
 
 class GeneratedRecord : public ::testing::Test {
@@ -133,8 +98,7 @@ class GeneratedRecord : public ::testing::Test {
     dir_ = tmp + "/bw_generated_" + std::to_string(::getpid());
     Shell("rm -rf " + dir_ + " && mkdir -p " + dir_ + "/tmp");
     const std::string samples = std::string(BOXWEAVE_SOURCE_DIR) + "/samples/";
-    const std::string pictures =
-        "-f lavfi -i testsrc2=size=160x120:rate=30 -frames:v 60 -pix_fmt yuv420p -c:v libx264 ";
+    const std::string pictures = kPictures;
     why_ = "ffmpeg cannot encode H.264 with and without B-frames through libx264, or AAC";
     ready_ = Source(bframes_, "bframes.h264", pictures + "-preset ultrafast -bf 2 -g 30", true) &&
              Source(baseline_, "baseline.h264", pictures + "-profile:v baseline -bf 0 -g 30", false) &&
@@ -144,21 +108,8 @@ class GeneratedRecord : public ::testing::Test {
   }
   static void TearDownTestSuite() { Shell("rm -rf " + dir_); }
   void SetUp() override { if (!ready_) GTEST_SKIP() << why_; }
-  // Makes a stream with ffmpeg when `args` are given, then learns from ffprobe and ffmpeg what it holds.
   static bool Source(Stream& s, const std::string& file, const std::string& args, bool bframes = false) {
-    s.path = file[0] == '/' ? file : dir_ + "/" + file;
-    const bool video = file.find(".h264") != std::string::npos;
-    if (!args.empty() && !Shell("ffmpeg -nostdin -v error -y " + args + (video ? " -f h264 " : " -c:a aac -f adts ") +
-                                s.path))
-      return false;
-    const Fields f = Probe(s.path)[video ? "video" : "audio"];
-    s.frames = Count(f, video ? "nb_read_frames" : "nb_read_packets");
-    std::tie(s.width, s.height, s.rate, s.channels) = std::make_tuple(Count(f, "width"), Count(f, "height"),
-                                                                      Count(f, "sample_rate"), Count(f, "channels"));
-    if (video) s.bframes = Capture("ffprobe -v error -show_entries frame=pict_type -of csv=p=0 " + s.path).find('B') !=
-                           std::string::npos;
-    s.md5 = video ? Decode(dir_, s.path, true, false, false).video : Decode(dir_, s.path, false, true, false).audio;
-    return s.frames > 0 && s.bframes == bframes && !s.md5.empty();
+    return MakeStream(s, dir_, file, args, bframes);
   }
   static ToolResult Record(const std::string& out, const Stream& v, const Stream& a, const std::string& extra = "") {
     return RunTool("record -o " + dir_ + "/" + out + " --video " + v.path + " --audio " + a.path + " --tmp " + dir_ +

@@ -11,6 +11,11 @@
 namespace CLI {
 class App;
 }
+namespace kiv {
+namespace base {
+class Message;
+}
+}  // namespace kiv
 
 namespace boxweave {
 
@@ -28,6 +33,8 @@ Verb AddInspect(CLI::App& app);
 Verb AddInfo(CLI::App& app);
 Verb AddRecord(CLI::App& app);
 Verb AddDemo(CLI::App& app);
+Verb AddPlay(CLI::App& app);
+Verb AddRemux(CLI::App& app);
 
 // Prints "boxweave: MESSAGE" and a hint to stderr; returns kUsage.
 int UsageError(const std::string& message, const std::string& verb = "");
@@ -55,7 +62,49 @@ struct InfoOptions {
 };
 int Info(const InfoOptions& o);
 
+struct PlayOptions {
+  std::string path;
+  std::string videoOut, audioOut, thumbOut;
+  bool packets = false;
+  bool live = false;
+  long long from = -1, to = -1, seek = -1;  // ms; -1: not given
+  bool messages = true;                      // print the element's messages
+};
+int Play(const PlayOptions& o);
+
+struct RemuxOptions {
+  std::string in, out;
+  std::string format;  // "mov" or "mp4"; empty: from the extension of out
+};
+int Remux(RemuxOptions o);
+
 // Directory of the running program.
 std::string OwnDirectory();
+
+// ---- shared by the verbs
+
+// The extension of a path's last component, in lower case; "" without one.
+std::string Extension(const std::string& path);
+// The same file under two names (a link, another path): one device and inode.
+bool SameFile(const std::string& a, const std::string& b);
+// Why a path cannot be read as a movie at all; empty for a regular file. Anything else may never
+// end (/dev/zero) or block the open (a FIFO without a writer), so it is not opened.
+std::string NotAFile(const std::string& path);
+// What a failed write left is no playable movie: it goes (a device, such as /dev/full, stays).
+void RemoveOutput(const std::string& path);
+// A line on stdout; lines printed from several threads do not mix.
+void PrintLine(const std::string& line);
+// "name key=value ...": every message of an element, as it comes.
+void PrintMessage(kiv::base::Message& msg);
+// The text of a log line behind its place ("file:line func:\ttext").
+std::string LogText(const std::string& line);
+
+// Keeps the log's lines off the terminal while it lives: the host says what went wrong itself.
+struct QuietLog {
+  QuietLog();
+  ~QuietLog();
+  QuietLog(const QuietLog&) = delete;
+  QuietLog& operator=(const QuietLog&) = delete;
+};
 
 }  // namespace boxweave

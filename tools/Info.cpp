@@ -312,28 +312,6 @@ json boxJson(const IBox& box) {
 
 // ---- the verb
 
-// The text of a log line behind its place ("file:line func:\ttext").
-std::string logText(const std::string& line) {
-  const size_t tab = line.find(":\t");
-  const std::string text = tab == std::string::npos ? line : line.substr(tab + 2);
-  return text.substr(0, text.find('\n'));  // the colour reset follows the line
-}
-
-// Why a path cannot be read as a movie at all; empty for a regular file. Anything else may never
-// end (/dev/zero) or block the open (a FIFO without a writer), so it is not opened.
-std::string notAFile(const std::string& path) {
-  struct stat st {};
-  if (::stat(path.c_str(), &st) != 0) return std::string("cannot open: ") + std::strerror(errno);
-  if (S_ISREG(st.st_mode)) return "";
-  const char* kind = S_ISDIR(st.st_mode)    ? "a directory"
-                     : S_ISCHR(st.st_mode)  ? "a character device"
-                     : S_ISBLK(st.st_mode)  ? "a block device"
-                     : S_ISFIFO(st.st_mode) ? "a FIFO"
-                     : S_ISSOCK(st.st_mode) ? "a socket"
-                                            : "no regular file";
-  return std::string("not a movie file: ") + kind + ", not a regular file";
-}
-
 int fail(const std::string& path, const std::string& why) {
   std::fprintf(stderr, "boxweave: %s: %s\n", Printable(path).c_str(), why.c_str());
   return kFailed;
@@ -342,7 +320,7 @@ int fail(const std::string& path, const std::string& why) {
 }  // namespace
 
 int Info(const InfoOptions& o) {
-  const std::string refused = notAFile(o.path);
+  const std::string refused = NotAFile(o.path);
   if (!refused.empty()) return fail(o.path, refused);
   errno = 0;
   std::unique_ptr<kiv::base::IO> io(kiv::base::IO::New(o.path.c_str(), "rb"));
@@ -354,7 +332,7 @@ int Info(const InfoOptions& o) {
     // box around it.
     if (level == kiv::dbg::E && line.find("unknow box:") == std::string::npos &&
         line.find("!bx->Parse(") == std::string::npos) {
-      const std::string text = logText(line);
+      const std::string text = LogText(line);
       if (std::find(notes.begin(), notes.end(), text) == notes.end() && notes.size() < 100) notes.push_back(text);
     }
     if (kiv::dbg::GetLevel() >= kiv::dbg::I) std::cerr << line;

@@ -44,30 +44,15 @@ using kiv::stream::ISink;
 using kiv::stream::ISource;
 using kiv::stream::Packet;
 
-std::string extension(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  const size_t dot = path.rfind('.');
-  if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return "";
-  std::string e = path.substr(dot + 1);
-  for (char& c : e) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
-  return e;
-}
-
-// The same file under two names (a link, another path): one device and inode.
-bool sameFile(const std::string& a, const std::string& b) {
-  struct stat sa, sb;
-  return ::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
-}
-
 // What the command line alone cannot tell: the format from the file name, and an output that would
 // overwrite an input (opening it for writing truncates it before a byte is read).
 int finishOptions(RecordOptions& o) {
   if (o.video.empty() && o.audio.empty()) return UsageError("record needs --video FILE or --audio FILE", "record");
   for (const std::string* in : {&o.video, &o.audio})
-    if (!in->empty() && sameFile(o.out, *in))
+    if (!in->empty() && SameFile(o.out, *in))
       return UsageError("record: the output '" + o.out + "' is the input '" + *in + "'", "record");
   if (o.format.empty()) {
-    const std::string e = extension(o.out);
+    const std::string e = Extension(o.out);
     if (e != "mov" && e != "mp4")
       return UsageError("record: cannot tell the format of '" + o.out + "' (use .mov, .mp4 or --format)", "record");
     o.format = e;
@@ -89,13 +74,6 @@ class StreamSource : public ISource {
  private:
   IPort* _port = nullptr;
 };
-
-void printMessage(Message& msg) {
-  std::string line = msg.Name();
-  for (size_t i = 0; i < msg.Attrs.Size(); ++i) line += std::string(" ") + msg.Attrs.Key(i) + "=" + msg.Attrs.Value(i);
-  std::printf("%s\n", line.c_str());
-  std::fflush(stdout);
-}
 
 // One input: its reader and the next packet it holds.
 struct Input {
@@ -147,14 +125,6 @@ struct StopSignals {
   }
 };
 
-// Keeps the log's lines off the terminal while it lives: the host says what went wrong itself.
-struct QuietLog {
-  QuietLog() {
-    kiv::dbg::SetSink([](int, const std::string&) {});
-  }
-  ~QuietLog() { kiv::dbg::SetSink(nullptr); }
-};
-
 // Temporary files can only be trusted where one can be made and written: a directory that is
 // missing, read-only or full would otherwise only show when the first sample list spills.
 std::string tmpProblem(const std::string& dir) {
@@ -171,13 +141,6 @@ std::string tmpProblem(const std::string& dir) {
   std::string problem = kiv::base::IOFile::TemporaryError();
   kiv::base::IOFile::ClearTemporaryError();
   return ok || !problem.empty() ? problem : "cannot write a file there";
-}
-
-// What a failed write left is no playable movie: it goes (a device, such as /dev/full, stays).
-void removeOutput(const std::string& path) {
-  struct stat st;
-  if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && ::unlink(path.c_str()) == 0)
-    std::fprintf(stderr, "boxweave: removed %s\n", path.c_str());
 }
 
 }  // namespace
@@ -238,7 +201,7 @@ int Record(RecordOptions o) {
   Object::AttrSetInit(ap, nullptr, o.format == "mov" ? "mov-muxer" : "mp4-muxer");
   std::unique_ptr<ISink> mux(Object::New<ISink>(ap));
   if (!mux) return failed("the plug-in has no muxer for " + o.format);
-  mux->SetMessageHandler(printMessage);
+  mux->SetMessageHandler(PrintMessage);
 
   if (!mux->setString("url", o.out.c_str())) return failed("the muxer takes no url");
   if (o.thumb && !mux->Set("thumb", true)) return failed("the muxer takes no thumbnail setting");
@@ -322,7 +285,7 @@ int Record(RecordOptions o) {
   }
   if (!checkWrites()) {
     failed(writeError);
-    removeOutput(o.out);
+    RemoveOutput(o.out);
     return kFailed;
   }
   if (!closed) return failed("closing " + o.out + " failed");

@@ -48,7 +48,7 @@ int UsageError(const std::string& message, const std::string& verb) {
 
 int main(int argc, char** argv) {
   using namespace boxweave;
-  CLI::App app("Records and inspects QuickTime and MP4 files through the libboxweave plug-in.", "boxweave");
+  CLI::App app("Records, plays and inspects QuickTime and MP4 files through the libboxweave plug-in.", "boxweave");
   app.require_subcommand(0, 1);
   app.footer("Exit status: 0 success, 1 failure, 2 wrong command line.");
   std::string level = "N";
@@ -57,7 +57,8 @@ int main(int argc, char** argv) {
   app.add_option("--log-level", level, "show log lines up to level E, N (default), I or L (all, with traces)")
       ->type_name("E|N|I|L");
   app.add_flag("--version", version, "print the plug-in's version banner and the host's version");
-  const std::vector<Verb> verbs = {AddInspect(app), AddInfo(app), AddDemo(app), AddRecord(app)};
+  const std::vector<Verb> verbs = {AddInspect(app), AddInfo(app), AddDemo(app), AddRecord(app), AddPlay(app),
+                                   AddRemux(app)};
 
   try {
     app.parse(argc, argv);
