@@ -371,3 +371,52 @@ TEST_F(TablesOnFile, AFileCutWhilePlayingEndsItsTracksWithoutCrashing) {
 }
 
 }  // namespace
+
+namespace {
+// The lines of a play run that do not depend on the clock: the packets and the tracks' summaries.
+std::string Played(const std::string& out) {
+  std::istringstream in(out);
+  std::string kept;
+  for (std::string line; std::getline(in, line);)
+    if (line.rfind("packet|", 0) == 0 || line.rfind("video:", 0) == 0 || line.rfind("audio:", 0) == 0 ||
+        line.rfind("seek ", 0) == 0)
+      kept += line + "\n";
+  return kept;
+}
+}  // namespace
+
+TEST_F(TablesOnFile, TheCommandLinePlaysBothWaysAlikeAndTellsTheWayOfEachTrack) {
+  for (const char* name : {"rec_groups.mp4", "ff_copy.mov"})
+    for (const char* seek : {"", " --seek 3000", " --seek 700"}) {
+      SCOPED_TRACE(std::string(name) + seek);
+      const ToolResult list = RunTool("play --packets" + std::string(seek) + " " + path(name));
+      const ToolResult onFile = RunTool("play --packets --tables-on-file --switch-size 1" + std::string(seek) + " " + path(name));
+      ASSERT_EQ(std::make_pair(list.status, onFile.status), std::make_pair(0, 0)) << list.err << onFile.err;
+      EXPECT_GT(Played(list.out).size(), 10000u);
+      EXPECT_EQ(Played(onFile.out), Played(list.out));
+    }
+  // A track with composition offsets keeps the file off that way; the default size keeps small files
+  // in memory, so the flag alone changes nothing for them.
+  const ToolResult refused = RunTool("play --tables-on-file --switch-size 1 " + path("rec_bframes.mp4"));
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.err.find("composition offsets (ctts)"), std::string::npos) << refused.err;
+  EXPECT_EQ(RunTool("play --tables-on-file " + path("rec_bframes.mp4")).status, 0);
+  const ToolResult both = RunTool("info --summary --switch-size 1 " + path("rec_bframes.mp4"));
+  EXPECT_NE(both.out.find("track 1: vide avc1 96x64, 60 samples, 2.000 s, tables in memory only (stbl "),
+            std::string::npos)
+      << both.out;
+  EXPECT_NE(both.out.find("with ctts: play --tables-on-file refuses the file)"), std::string::npos) << both.out;
+  const ToolResult small = RunTool("info --summary " + path("rec_groups.mp4")),
+                   low = RunTool("info --summary --switch-size 1200 " + path("rec_groups.mp4"));
+  EXPECT_EQ(small.status, 0);
+  EXPECT_NE(small.out.find("track 1: vide avc1 96x64, 150 samples, 5.000 s, tables in memory (stbl "), std::string::npos)
+      << small.out;
+  EXPECT_NE(small.out.find(" bytes, below 65536)\n  track 2: soun mp4a 48000 Hz 2 ch"), std::string::npos) << small.out;
+  // The video's stbl here is below 1200 bytes, the audio's above.
+  EXPECT_NE(low.out.find("below 1200)\n  track 2:"), std::string::npos) << low.out;
+  EXPECT_NE(low.out.find("tables on file with --tables-on-file (stbl "), std::string::npos) << low.out;
+  // The sizes belong to the flags they qualify.
+  EXPECT_EQ(RunTool("play --switch-size 1 " + path("rec_groups.mp4")).status, 2);
+  EXPECT_EQ(RunTool("info --switch-size 1 " + path("rec_groups.mp4")).status, 2);
+  EXPECT_EQ(RunTool("play --tables-on-file --switch-size -1 " + path("rec_groups.mp4")).status, 2);
+}
