@@ -13,25 +13,22 @@
 // child may be well into Close by then, and at one minute it often was.) The filter stops only those
 // writes, so the child runs at nearly full speed; its time is not used all the same.
 //
-// The kernel carries the parent's high-water mark into a child until it execs, so no child figure can
-// be below this program's own peak; the program keeps itself small and prints that floor.
+// Children start by fork and exec: a child's peak counts the pages of this program it holds until it
+// execs (a vfork would lend it all of them, and its figure could not be below this program's peak).
+// The program keeps itself small and prints its own peak.
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -43,141 +40,20 @@
 #include <utility>
 #include <vector>
 
+#include "BenchUtil.h"
+
 extern char** environ;
 
 namespace boxweave {
 namespace {
 
-// The generated input. Changing any of these changes the cached files' names.
-constexpr int kWidth = 128;
-constexpr int kHeight = 96;
-constexpr int kFps = 30;
-constexpr int kAudioRate = 48000;
-constexpr int kAacFrame = 1024;  // samples of one AAC-LC frame
+using namespace bench;
 
 constexpr long kDefaultToleranceKiB = 1024;
 constexpr double kTimeTarget = 1.5;
 
-double now() {
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
-
-long long fileSize(const std::string& path) {
-  struct stat st;
-  if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return -1;
-  return static_cast<long long>(st.st_size);
-}
-
-bool isDir(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-// mkdir -p.
-bool makeDirs(const std::string& path) {
-  if (path.empty() || isDir(path)) return true;
-  const size_t slash = path.find_last_of('/');
-  if (slash != std::string::npos && slash > 0 && !makeDirs(path.substr(0, slash))) return false;
-  return mkdir(path.c_str(), 0777) == 0 || errno == EEXIST;
-}
-
-std::string ownDirectory() {
-  char buf[PATH_MAX];
-  const ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
-  if (n <= 0) return ".";
-  const std::string path(buf, static_cast<size_t>(n));
-  const size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, slash);
-}
-
-// A "VmHWM:"-style field of /proc/<pid>/status in KiB; -1 when the process or the field is gone.
-// Plain read(2) into a fixed buffer: sampling must not grow this program's own memory.
-long statusKiB(pid_t pid, const char* field) {
-  char path[64];
-  std::snprintf(path, sizeof path, "/proc/%d/status", static_cast<int>(pid));
-  const int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return -1;
-  char buf[8192];
-  size_t used = 0;
-  for (;;) {
-    const ssize_t got = read(fd, buf + used, sizeof buf - 1 - used);
-    if (got <= 0) break;
-    used += static_cast<size_t>(got);
-    if (used == sizeof buf - 1) break;
-  }
-  close(fd);
-  buf[used] = '\0';
-  const size_t len = std::strlen(field);
-  for (const char* p = buf; p && *p;) {
-    if (std::strncmp(p, field, len) == 0 && p[len] == ':') return std::strtol(p + len + 1, nullptr, 10);
-    p = std::strchr(p, '\n');
-    if (p) ++p;
-  }
-  return -1;
-}
-
-// The value of "key=" in a message line such as "fileClose duration=59999 url=... filesize=123".
-bool lineValue(const std::string& line, const char* key, long long& value) {
-  const std::string k = std::string(" ") + key + "=";
-  const size_t at = line.find(k);
-  if (at == std::string::npos) return false;
-  char* end = nullptr;
-  value = std::strtoll(line.c_str() + at + k.size(), &end, 10);
-  return end != line.c_str() + at + k.size();
-}
-
-bool startsWith(const std::string& s, const char* prefix) { return s.compare(0, std::strlen(prefix), prefix) == 0; }
-
-double cpuOf(const rusage& ru) {
-  return static_cast<double>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) +
-         static_cast<double>(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
-}
-
-// The first three fields of /proc/loadavg: how busy the machine was while the times were taken.
-std::string loadAverage() {
-  char buf[128] = {};
-  const int fd = open("/proc/loadavg", O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return "?";
-  const ssize_t n = read(fd, buf, sizeof buf - 1);
-  close(fd);
-  std::string s(buf, n > 0 ? static_cast<size_t>(n) : 0);
-  size_t cut = 0;
-  for (int field = 0; field < 3 && cut != std::string::npos; ++field) cut = s.find(' ', cut + (field ? 1 : 0));
-  return s.substr(0, cut);
-}
-
-std::string describeStatus(int status) {
-  if (WIFEXITED(status)) return "exit status " + std::to_string(WEXITSTATUS(status));
-  if (WIFSIGNALED(status)) return std::string("signal ") + strsignal(WTERMSIG(status));
-  return "status " + std::to_string(status);
-}
-
-// The last lines of a log file, for an error report.
-std::string tailOf(const std::string& path, size_t maxBytes = 2000) {
-  FILE* f = std::fopen(path.c_str(), "rb");
-  if (!f) return "";
-  std::string text;
-  char buf[4096];
-  size_t n;
-  while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) {
-    text.append(buf, n);
-    if (text.size() > 4 * maxBytes) text.erase(0, text.size() - maxBytes);
-  }
-  std::fclose(f);
-  if (text.size() > maxBytes) text.erase(0, text.size() - maxBytes);
-  return text;
-}
-
-struct Options {
-  std::string boxweave;
-  std::string ffmpeg = "ffmpeg";
-  std::string data;
-  std::string scratch;
-  std::string format = "mov";
-  int longMinutes = 60;
-  int runs = 3;
+struct Options : CommonOptions {
+  Options() : CommonOptions(3) {}
   long toleranceKiB = kDefaultToleranceKiB;
 };
 
@@ -228,13 +104,6 @@ struct Cell {
   }
 };
 
-struct Input {
-  int minutes = 0;
-  std::string video;
-  std::string audio;
-  long long bytes = 0;  // both files together
-};
-
 class RecordBench {
  public:
   explicit RecordBench(Options o) : _o(std::move(o)), _copyBuffer(1 << 16) {}
@@ -242,9 +111,6 @@ class RecordBench {
   int Run();
 
  private:
-  bool prepareInput(int minutes, Input& in);
-  bool spawn(const std::vector<std::string>& argv, const char* stdoutPath, const char* stderrPath, pid_t& pid);
-  bool waitChild(pid_t pid, int& status, rusage* usage);
   bool startTraced(const std::vector<std::string>& argv, const std::string& stdoutPath, const std::string& stderrPath,
                    pid_t& pid);
   bool traceChild(pid_t pid, long long plannedMs, int& status, rusage& usage, RecordRun& run);
@@ -259,118 +125,6 @@ class RecordBench {
   std::string _tmpDir;
   bool _tmpWarned = false;
 };
-
-bool RecordBench::spawn(const std::vector<std::string>& argv, const char* stdoutPath, const char* stderrPath,
-                        pid_t& pid) {
-  std::vector<char*> args;
-  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
-  posix_spawn_file_actions_t fa;
-  posix_spawn_file_actions_init(&fa);
-  posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&fa, 1, stdoutPath ? stdoutPath : "/dev/null", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  posix_spawn_file_actions_addopen(&fa, 2, stderrPath ? stderrPath : "/dev/null", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  const int rc = posix_spawnp(&pid, args[0], &fa, nullptr, args.data(), environ);
-  posix_spawn_file_actions_destroy(&fa);
-  if (rc != 0) {
-    std::fprintf(stderr, "record_bench: cannot start %s: %s\n", args[0], std::strerror(rc));
-    return false;
-  }
-  return true;
-}
-
-bool RecordBench::waitChild(pid_t pid, int& status, rusage* usage) {
-  rusage ru{};
-  for (;;) {
-    const pid_t got = wait4(pid, &status, 0, &ru);
-    if (got == pid) break;
-    if (got < 0 && errno == EINTR) continue;
-    std::fprintf(stderr, "record_bench: wait4: %s\n", std::strerror(errno));
-    return false;
-  }
-  if (usage) *usage = ru;
-  return true;
-}
-
-// The input of one length, made with ffmpeg once and kept in the data directory.
-bool RecordBench::prepareInput(int minutes, Input& in) {
-  char base[160];
-  std::snprintf(base, sizeof base, "%s/gen-%dmin-%dx%d-%dfps", _o.data.c_str(), minutes, kWidth, kHeight, kFps);
-  in.minutes = minutes;
-  in.video = std::string(base) + ".h264";
-  in.audio = std::string(base) + "-aac" + std::to_string(kAudioRate / 1000) + "k.aac";
-  const std::string seconds = std::to_string(minutes * 60);
-
-  struct Job {
-    std::string path;
-    std::vector<std::string> argv;
-    pid_t pid = -1;
-  };
-  std::vector<Job> jobs;
-  if (fileSize(in.video) <= 0) {
-    Job j;
-    j.path = in.video;
-    char src[128];
-    std::snprintf(src, sizeof src, "testsrc=size=%dx%d:rate=%d:duration=%s", kWidth, kHeight, kFps, seconds.c_str());
-    // Annex-B without the encoder's SEI (its banner), as a camera sends it; a key frame every second.
-    j.argv = {_o.ffmpeg, "-hide_banner", "-nostdin", "-loglevel", "error", "-y", "-f", "lavfi", "-i", src,
-              "-c:v", "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p", "-g", std::to_string(kFps),
-              "-keyint_min", std::to_string(kFps), "-sc_threshold", "0", "-bsf:v", "filter_units=remove_types=6",
-              "-f", "h264", in.video + ".part"};
-    jobs.push_back(j);
-  }
-  if (fileSize(in.audio) <= 0) {
-    Job j;
-    j.path = in.audio;
-    char src[128];
-    std::snprintf(src, sizeof src, "sine=frequency=440:sample_rate=%d:duration=%s", kAudioRate, seconds.c_str());
-    j.argv = {_o.ffmpeg, "-hide_banner", "-nostdin", "-loglevel", "error", "-y", "-f", "lavfi", "-i", src,
-              "-c:a", "aac", "-b:a", "96k", "-ar", std::to_string(kAudioRate), "-ac", "2", "-f", "adts",
-              in.audio + ".part"};
-    jobs.push_back(j);
-  }
-  if (!jobs.empty()) {
-    std::printf("generating the %d-minute input with ffmpeg into %s ...\n", minutes, _o.data.c_str());
-    std::fflush(stdout);
-  }
-  const double t0 = now();
-  // Both encoders at once: they are independent, and the long input takes minutes.
-  bool ok = true;
-  for (Job& j : jobs) {
-    const std::string log = j.path + ".log";
-    if (!spawn(j.argv, nullptr, log.c_str(), j.pid)) ok = false;
-  }
-  for (Job& j : jobs) {
-    if (j.pid < 0) continue;
-    int status = 0;
-    if (!waitChild(j.pid, status, nullptr)) return false;
-    const std::string part = j.path + ".part";
-    const std::string log = j.path + ".log";
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || fileSize(part) <= 0) {
-      std::fprintf(stderr, "record_bench: ffmpeg failed (%s) making %s:\n%s\n", describeStatus(status).c_str(),
-                   j.path.c_str(), tailOf(log).c_str());
-      unlink(part.c_str());
-      ok = false;
-      continue;
-    }
-    if (rename(part.c_str(), j.path.c_str()) != 0) {
-      std::fprintf(stderr, "record_bench: cannot rename %s: %s\n", part.c_str(), std::strerror(errno));
-      ok = false;
-    }
-    unlink(log.c_str());
-  }
-  if (!ok) return false;
-  if (!jobs.empty()) std::printf("  done in %.1f s\n", now() - t0);
-  const long long v = fileSize(in.video);
-  const long long a = fileSize(in.audio);
-  if (v <= 0 || a <= 0) {
-    std::fprintf(stderr, "record_bench: the input %s or %s is missing\n", in.video.c_str(), in.audio.c_str());
-    return false;
-  }
-  in.bytes = v + a;
-  return true;
-}
-
 // The reference: both input files read and written into one file beside the recording, with ordinary
 // buffered I/O. Closing the output is part of it, as it is of a recording.
 bool RecordBench::copyOnce(const Input& in, double& seconds, double& cpuSeconds) {
@@ -378,7 +132,7 @@ bool RecordBench::copyOnce(const Input& in, double& seconds, double& cpuSeconds)
   unlink(out.c_str());
   rusage before{}, after{};
   getrusage(RUSAGE_SELF, &before);
-  const double t0 = now();
+  const double t0 = Now();
   FILE* o = std::fopen(out.c_str(), "wb");
   if (!o) {
     std::fprintf(stderr, "record_bench: cannot write %s: %s\n", out.c_str(), std::strerror(errno));
@@ -403,9 +157,9 @@ bool RecordBench::copyOnce(const Input& in, double& seconds, double& cpuSeconds)
     std::fclose(i);
   }
   if (std::fclose(o) != 0) ok = false;
-  seconds = now() - t0;
+  seconds = Now() - t0;
   getrusage(RUSAGE_SELF, &after);
-  cpuSeconds = cpuOf(after) - cpuOf(before);
+  cpuSeconds = CpuOf(after) - CpuOf(before);
   if (!ok || copied != in.bytes) {
     std::fprintf(stderr, "record_bench: the copy into %s failed (%lld of %lld bytes)\n", out.c_str(), copied, in.bytes);
     return false;
@@ -418,18 +172,14 @@ bool RecordBench::copyOnce(const Input& in, double& seconds, double& cpuSeconds)
 bool RecordBench::processStart(double& seconds) {
   seconds = 0;
   for (int r = 0; r < std::max(3, _o.runs); ++r) {
-    pid_t pid;
-    const double t0 = now();
-    if (!spawn({_o.boxweave, "--version"}, nullptr, nullptr, pid)) return false;
-    int status = 0;
-    if (!waitChild(pid, status, nullptr)) return false;
-    const double t = now() - t0;
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    ChildRun run;
+    if (!RunChild({_o.boxweave, "--version"}, nullptr, nullptr, run)) return false;
+    if (!run.Succeeded()) {
       std::fprintf(stderr, "record_bench: %s --version failed (%s)\n", _o.boxweave.c_str(),
-                   describeStatus(status).c_str());
+                   DescribeStatus(run.status).c_str());
       return false;
     }
-    seconds = r == 0 ? t : std::min(seconds, t);
+    seconds = r == 0 ? run.seconds : std::min(seconds, run.seconds);
   }
   return true;
 }
@@ -476,7 +226,7 @@ bool RecordBench::startTraced(const std::vector<std::string>& argv, const std::s
   bool asanOptions = false;
   for (char** e = environ; *e; ++e) {
     env.push_back(*e);
-    if (startsWith(env.back(), "ASAN_OPTIONS=")) {
+    if (StartsWith(env.back(), "ASAN_OPTIONS=")) {
       env.back() += ":detect_leaks=0";
       asanOptions = true;
     }
@@ -552,16 +302,16 @@ bool RecordBench::traceChild(pid_t pid, long long plannedMs, int& status, rusage
         text[got > 0 ? got : 0] = '\0';
         // A write may carry lines printed without a flush in front of the message; the message is last.
         for (const char* line = text; line && *line;) {
-          if (startsWith(line, "currentDuration")) {
+          if (StartsWith(line, "currentDuration")) {
             const char* nl = std::strchr(line, '\n');
             long long ms = 0;
-            if (lineValue(std::string(line, nl ? static_cast<size_t>(nl - line) : std::strlen(line)), "duration", ms)) {
-              const long hwm = statusKiB(who, "VmHWM");
+            if (LineValue(std::string(line, nl ? static_cast<size_t>(nl - line) : std::strlen(line)), "duration", ms)) {
+              const long hwm = StatusKiB(who, "VmHWM");
               run.lastNoticeMs = ms;
               run.duringKiB = hwm;
               while (nextMark < kMarks && ms >= plannedMs * (nextMark + 1) / (kMarks + 1)) {
                 run.marksKiB[nextMark] = hwm;
-                run.marksRssKiB[nextMark++] = statusKiB(who, "VmRSS");
+                run.marksRssKiB[nextMark++] = StatusKiB(who, "VmRSS");
               }
             }
           }
@@ -589,14 +339,14 @@ bool RecordBench::recordOnce(const Input& in, const Mode& mode, bool traced, Rec
   pid_t pid;
   int status = 0;
   rusage ru{};
-  const double t0 = now();
+  const double t0 = Now();
   if (traced) {
     if (!startTraced(argv, messages, log, pid) || !traceChild(pid, plannedMs, status, ru, run)) return false;
   } else {
-    if (!spawn(argv, messages.c_str(), log.c_str(), pid) || !waitChild(pid, status, &ru)) return false;
+    if (!Spawn(argv, messages.c_str(), log.c_str(), pid) || !WaitChild(pid, status, &ru)) return false;
   }
-  run.seconds = now() - t0;
-  run.cpuSeconds = cpuOf(ru);
+  run.seconds = Now() - t0;
+  run.cpuSeconds = CpuOf(ru);
   run.totalKiB = ru.ru_maxrss;
 
   const std::string what =
@@ -607,8 +357,8 @@ bool RecordBench::recordOnce(const Input& in, const Mode& mode, bool traced, Rec
     return false;
   }
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    std::fprintf(stderr, "record_bench: the %s failed (%s):\n%s\n", what.c_str(), describeStatus(status).c_str(),
-                 tailOf(log).c_str());
+    std::fprintf(stderr, "record_bench: the %s failed (%s):\n%s\n", what.c_str(), DescribeStatus(status).c_str(),
+                 TailOf(log).c_str());
     return false;
   }
 
@@ -618,16 +368,16 @@ bool RecordBench::recordOnce(const Input& in, const Mode& mode, bool traced, Rec
     char buf[1024];
     while (std::fgets(buf, sizeof buf, f)) {
       const std::string line(buf);
-      if (startsWith(line, "currentDuration")) {
-        lineValue(line, "duration", lastNotice);
-      } else if (startsWith(line, "fileClose")) {
-        lineValue(line, "duration", closeMs);
-        lineValue(line, "filesize", closeSize);
+      if (StartsWith(line, "currentDuration")) {
+        LineValue(line, "duration", lastNotice);
+      } else if (StartsWith(line, "fileClose")) {
+        LineValue(line, "duration", closeMs);
+        LineValue(line, "filesize", closeSize);
       }
     }
     std::fclose(f);
   }
-  run.outBytes = fileSize(out);
+  run.outBytes = FileSize(out);
   const long long videoFrames = in.minutes * 60LL * kFps;
   const long long audioFrames = (in.minutes * 60LL * kAudioRate + kAacFrame - 1) / kAacFrame;
   // The payload loses start codes and ADTS headers; the tables add some bytes a sample.
@@ -650,7 +400,7 @@ bool RecordBench::recordOnce(const Input& in, const Mode& mode, bool traced, Rec
               " ms, the output has it at " + std::to_string(lastNotice) + " ms";
   if (!problem.empty()) {
     std::fprintf(stderr, "record_bench: the %s is wrong: %s\n%s\n", what.c_str(), problem.c_str(),
-                 tailOf(log).c_str());
+                 TailOf(log).c_str());
     return false;
   }
   run.lastNoticeMs = lastNotice;
@@ -661,13 +411,11 @@ bool RecordBench::recordOnce(const Input& in, const Mode& mode, bool traced, Rec
   return true;
 }
 
-std::string kib(long v) { return v < 0 ? std::string("-") : std::to_string(v); }
-
 int RecordBench::Run() {
   _outDir = _o.scratch + "/out";
   _tmpDir = _o.scratch + "/tmp";
   for (const std::string& d : {_o.data, _outDir, _tmpDir}) {
-    if (!makeDirs(d)) {
+    if (!MakeDirs(d)) {
       std::fprintf(stderr, "record_bench: cannot make the directory %s: %s\n", d.c_str(), std::strerror(errno));
       return 1;
     }
@@ -681,7 +429,8 @@ int RecordBench::Run() {
   _tmpWarned = false;
 
   std::vector<Input> inputs(2);
-  if (!prepareInput(1, inputs[0]) || !prepareInput(_o.longMinutes, inputs[1])) return 1;
+  if (!MakeInput(_o.ffmpeg, _o.data, 1, inputs[0]) || !MakeInput(_o.ffmpeg, _o.data, _o.longMinutes, inputs[1]))
+    return 1;
 
   const std::vector<Mode> modes = {
       {"plain", {}}, {"--spill", {"--spill"}}, {"--table-files", {"--table-files"}},
@@ -701,7 +450,7 @@ int RecordBench::Run() {
   // machine does not fall on one of them only.
   std::vector<std::vector<Cell>> cells(inputs.size(), std::vector<Cell>(modes.size()));
   std::vector<double> copyBest(inputs.size(), 0), copyBestCpu(inputs.size(), 0);
-  const std::string loadBefore = loadAverage();
+  const std::string loadBefore = LoadAverage();
   for (size_t l = 0; l < inputs.size(); ++l) {
     for (int r = 0; r < _o.runs; ++r) {
       double c = 0, cpu = 0;
@@ -717,7 +466,7 @@ int RecordBench::Run() {
       }
     }
   }
-  const long selfKiB = statusKiB(getpid(), "VmHWM");
+  const long selfKiB = StatusKiB(getpid(), "VmHWM");
 
   // ---- time
   auto timeTable = [&](const char* title, const std::vector<double>& copy, double Cell::*best) {
@@ -739,7 +488,7 @@ int RecordBench::Run() {
   timeTable("wall time", copyBest, &Cell::bestSeconds);
   timeTable("CPU time (user + system)", copyBestCpu, &Cell::bestCpuSeconds);
   std::printf("  (load average %s before the runs, %s after, on %ld CPU(s))\n", loadBefore.c_str(),
-              loadAverage().c_str(), sysconf(_SC_NPROCESSORS_ONLN));
+              LoadAverage().c_str(), sysconf(_SC_NPROCESSORS_ONLN));
 
   // ---- memory
   std::printf("\npeak RSS of the recording process, KiB: during the recording / including Close\n");
@@ -749,14 +498,14 @@ int RecordBench::Run() {
   for (size_t l = 0; l < inputs.size(); ++l) {
     std::printf("  %3d min ", inputs[l].minutes);
     for (size_t m = 0; m < modes.size(); ++m) {
-      const std::string cell = kib(cells[l][m].duringKiB) + " / " + kib(cells[l][m].totalKiB);
+      const std::string cell = Kib(cells[l][m].duringKiB) + " / " + Kib(cells[l][m].totalKiB);
       std::printf(" %21s", cell.c_str());
     }
     std::printf("\n");
   }
   std::printf("  (\"during\": VmHWM at the last currentDuration line, %lld ms into the %d-minute recording;\n"
-              "   \"including Close\": ru_maxrss; highest of %d run(s); no figure can be below this program's\n"
-              "   own peak, %ld KiB)\n",
+              "   \"including Close\": ru_maxrss; highest of %d run(s); a figure counts the part of this\n"
+              "   program's %ld KiB that the child holds until it execs)\n",
               cells[1][0].lastNoticeMs, inputs[1].minutes, _o.runs, selfKiB);
   std::printf("\nduring the %d-minute recording, KiB: VmHWM (VmRSS) at a quarter, half and three quarters of it,\n"
               "and VmHWM at the last currentDuration line\n",
@@ -765,10 +514,10 @@ int RecordBench::Run() {
     const Cell& c = cells[1][m];
     std::printf("  %-14s", modes[m].name);
     for (int i = 0; i < kMarks; ++i) {
-      const std::string cell = kib(c.marksKiB[i]) + " (" + kib(c.marksRssKiB[i]) + ")";
+      const std::string cell = Kib(c.marksKiB[i]) + " (" + Kib(c.marksRssKiB[i]) + ")";
       std::printf(" %16s", cell.c_str());
     }
-    std::printf(" %8s\n", kib(c.duringKiB).c_str());
+    std::printf(" %8s\n", Kib(c.duringKiB).c_str());
   }
 
   // ---- targets
@@ -795,9 +544,7 @@ int RecordBench::Run() {
   flat(3, true);   // both
   std::printf("  (for comparison, plain: %+ld KiB during, %+ld KiB including Close)\n",
               cells[1][0].duringKiB - cells[0][0].duringKiB, cells[1][0].totalKiB - cells[0][0].totalKiB);
-#if defined(__SANITIZE_ADDRESS__)
-  std::printf("note: this program was built with AddressSanitizer; its own shadow memory raises every figure\n");
-#endif
+  PrintSanitizerNote();
   return 0;
 }
 
@@ -840,58 +587,23 @@ void printHelp() {
       kWidth, kHeight, kFps, kAudioRate, kTimeTarget, kDefaultToleranceKiB);
 }
 
-bool positive(const char* text, long max, long& v) {
-  char* end = nullptr;
-  errno = 0;
-  v = std::strtol(text, &end, 10);
-  return errno == 0 && end != text && *end == '\0' && v >= 1 && v <= max;
-}
-
 }  // namespace
 }  // namespace boxweave
 
 int main(int argc, char** argv) {
   using namespace boxweave;
+  using namespace boxweave::bench;
+  SetProgramName("record_bench");
   Options o;
-  const std::string own = ownDirectory();
-  o.boxweave = own + "/boxweave";
-  o.data = own + "/bench-data";
-  o.scratch = own + "/bench-scratch";
-  for (int i = 1; i < argc; ++i) {
-    const std::string a = argv[i];
-    if (a == "-h" || a == "--help") {
-      printHelp();
-      return 0;
-    }
-    if (i + 1 >= argc) {
-      std::fprintf(stderr, "record_bench: %s\nTry 'record_bench --help'.\n",
-                   (a.size() > 1 && a[0] == '-' ? "option " + a + " needs a value" : "unknown argument '" + a + "'")
-                       .c_str());
-      return 2;
-    }
-    const char* v = argv[++i];
+  const int parsed = ParseArguments(argc, argv, printHelp, [&o](const std::string& name, const char* value) {
     long n = 0;
-    if (a == "--boxweave") {
-      o.boxweave = v;
-    } else if (a == "--ffmpeg") {
-      o.ffmpeg = v;
-    } else if (a == "--data") {
-      o.data = v;
-    } else if (a == "--scratch") {
-      o.scratch = v;
-    } else if (a == "--format" && (std::strcmp(v, "mov") == 0 || std::strcmp(v, "mp4") == 0)) {
-      o.format = v;
-    } else if (a == "--long-minutes" && positive(v, 24 * 60, n)) {
-      o.longMinutes = static_cast<int>(n);
-    } else if (a == "--runs" && positive(v, 100, n)) {
-      o.runs = static_cast<int>(n);
-    } else if (a == "--tolerance-kib" && positive(v, 1L << 30, n)) {
+    if (name == "--tolerance-kib" && Positive(value, 1L << 30, n)) {
       o.toleranceKiB = n;
-    } else {
-      std::fprintf(stderr, "record_bench: bad argument: %s %s\nTry 'record_bench --help'.\n", a.c_str(), v);
-      return 2;
+      return true;
     }
-  }
+    return o.Take(name, value);
+  });
+  if (parsed >= 0) return parsed;
   RecordBench bench(o);
   return bench.Run();
 }

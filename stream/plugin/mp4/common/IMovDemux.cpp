@@ -47,6 +47,7 @@ bool IMovDemux::Open(IO& io) {
     return false;
   }
   IBox* mdat = _root->Find("mdat");
+  if (!mdat) mdat = cutMdat(io);
   for (IBox* trak = _root->Find("trak"); trak && trak->FourCC() == FCC("trak"); trak = trak->Next()) {
     auto* stsd = dynamic_cast<cstsd*>(trak->Find("stsd"));
     if (!stsd || stsd->Num() < 1 || !stsd->Child()) continue;
@@ -61,6 +62,38 @@ bool IMovDemux::Open(IO& io) {
   }
   Update(io);
   return true;
+}
+
+IBox* IMovDemux::cutMdat(IO& io) {
+  // The tree keeps no box that runs past the end of the file. A file cut inside its media data (its
+  // tables in front) still has frames to play up to the cut: the mdat is kept by its header, and the
+  // first frame behind the cut ends the run in "error".
+  const long long end = io.Size();
+  kiv::base::IOIntReader in(io);
+  long long pos = 0;
+  while (pos + 8 <= end && io.Seek(pos, kiv::Position::front)) {
+    const uint32_t size = in.Read32be();
+    const uint32_t code = in.Read32();
+    const uint64_t extended = size == 1 ? in.Read64be() : 0;
+    const unsigned long long real = size == 1 ? extended : size;
+    const unsigned header = size == 1 ? 16u : 8u;
+    if (in.Failed() || real < header) return nullptr;
+    if (code == FCC("mdat")) {
+      if (static_cast<unsigned long long>(end - pos) >= real) return nullptr;
+      LOGE << "mdat at " << pos << " claims " << real << " bytes; the file ends at " << end << ": cut";
+      auto* mdat = dynamic_cast<cmdat*>(IBox::New(FCC("mdat")));
+      if (!mdat) return nullptr;
+      mdat->Size(size);
+      mdat->ExtendedSize(extended);
+      mdat->Offset(pos);
+      mdat->_pos = static_cast<unsigned long long>(pos) + header;
+      _root->Add(mdat);
+      return mdat;
+    }
+    if (real > static_cast<unsigned long long>(end - pos)) return nullptr;
+    pos += static_cast<long long>(real);
+  }
+  return nullptr;
 }
 
 bool IMovDemux::Update(IO& io) {

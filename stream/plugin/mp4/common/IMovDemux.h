@@ -59,6 +59,8 @@ class IMovDemux : public IMov {
   // The track the single-track modes play: the chosen video track, or the first audio track.
   IStream* videoTrack();
   IStream* audioTrack();
+  // The mdat of a file cut inside it, added to the tree by its header; null when there is none.
+  IBox* cutMdat(kiv::base::IO& io);
   // What Close does; the stream plays no part in it.
   bool closeTree();
   // Steps 6 to 8 of every mode: note the time, read the frame, move on.
