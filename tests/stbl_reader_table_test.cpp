@@ -66,6 +66,7 @@ struct Track {
   bool stss = false;
   std::vector<uint32_t> keys;  // sample numbers from 1
   bool co64 = false;
+  bool stsz = true;
 
   uint32_t samples() const { return fixed ? fixedCount : static_cast<uint32_t>(sizes.size()); }
   // Chunk offsets that lay the chunks one after the other with a gap between them.
@@ -94,7 +95,7 @@ struct Track {
     std::vector<std::vector<uint32_t>> ss;
     for (uint32_t k : keys) ss.push_back({k});
     Bytes all = boxtest::Cat({Table("stts", stts), stss ? Table("stss", ss) : Bytes(), Table("stsc", stsc),
-                              Words("stsz", sz), Table(co64 ? "co64" : "stco", co)});
+                              stsz ? Words("stsz", sz) : Bytes(), Table(co64 ? "co64" : "stco", co)});
     all.insert(all.end(), extra.begin(), extra.end());
     return boxtest::Box("stbl", all);
   }
@@ -452,6 +453,8 @@ TEST_F(StblReaders, DamagedTablesGiveLogLinesAndFailuresNeverACrash) {
   const auto stbl = [&](const Track& t, const Bytes& extra = Bytes()) { return t.bytes(extra); };
   Track forgedCount = base, forgedSpc = base, noStsc = base, zeroSpc = base, zeroRuns = base, unordered = base;
   forgedSpc.stsc = {{1, 0x7fffffff, 1}};
+  Track noSizes = forgedSpc;
+  noSizes.stsz = false;
   noStsc.stsc = {};
   zeroSpc.stsc = {{1, 3, 1}, {2, 0, 1}, {3, 3, 1}};
   zeroRuns.stts = {{4, 10}, {0, 20}, {8, 30}};
@@ -466,6 +469,7 @@ TEST_F(StblReaders, DamagedTablesGiveLogLinesAndFailuresNeverACrash) {
        },
        true, 12, 12, "the entries the box holds"},
       {"stsc gives 2^31 samples a chunk", [&] { return stbl(forgedSpc); }, true, 12, 12, "what the tables describe"},
+      {"no stsz, stsc gives 2^31 samples a chunk", [&] { return stbl(noSizes); }, true, 4, 4, "what the tables describe"},
       {"stsc without entries", [&] { return stbl(noStsc); }, false, 0, 0, "_stbl->_num<1"},
       {"an stsc entry of no samples", [&] { return stbl(zeroSpc); }, true, 9, 3, "samples_per_chunk==0"},
       {"a run of no samples", [&] { return stbl(zeroRuns); }, true, 12, 12, ""},

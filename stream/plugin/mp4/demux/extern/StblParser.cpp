@@ -231,15 +231,14 @@ int StblParser::GetSampleCount() {
     LOGE << "!_stscparser->Run(\"get_sample_cnt\",_sample_cnt,GetChunkCount())";
     return 0;
   }
-  // The count is a product of numbers from the file; no more samples than the sizes describe (as the
-  // list in memory is cut), so that no walk runs over samples that are not there.
-  if (auto* sz = dynamic_cast<StszReader*>(_stszparser)) {
-    const unsigned long long described =
-        std::max<unsigned long long>(static_cast<unsigned long long>(std::max(_chunk_cnt, 0)), sz->DescribedSamples());
-    if (static_cast<unsigned long long>(count) > described) {
-      LOGE << "samples " << count << " > " << described << ", what the tables describe";
-      count = static_cast<int>(described);
-    }
+  // The count is a product of numbers from the file; no more samples than the sizes describe, or
+  // than one a chunk without sizes (as the list in memory is cut), so that no walk runs over samples
+  // that are not there.
+  unsigned long long described = static_cast<unsigned long long>(std::max(_chunk_cnt, 0));
+  if (auto* sz = dynamic_cast<StszReader*>(_stszparser)) described = std::max(described, sz->DescribedSamples());
+  if (static_cast<unsigned long long>(count) > described) {
+    LOGE << "samples " << count << " > " << described << ", what the tables describe";
+    count = static_cast<int>(described);
   }
   _sample_cnt = std::max(count, 0);
   return _sample_cnt;
