@@ -420,3 +420,61 @@ TEST_F(TablesOnFile, TheCommandLinePlaysBothWaysAlikeAndTellsTheWayOfEachTrack) 
   EXPECT_EQ(RunTool("info --switch-size 1 " + path("rec_groups.mp4")).status, 2);
   EXPECT_EQ(RunTool("play --tables-on-file --switch-size -1 " + path("rec_groups.mp4")).status, 2);
 }
+
+namespace {
+void Put64(std::vector<unsigned char>& b, size_t at, uint64_t v) {
+  Put32(b, at, static_cast<uint32_t>(v >> 32));
+  Put32(b, at + 4, static_cast<uint32_t>(v));
+}
+uint32_t Get32(const std::vector<unsigned char>& b, size_t at) {
+  return static_cast<uint32_t>(b[at]) << 24 | static_cast<uint32_t>(b[at + 1]) << 16 |
+         static_cast<uint32_t>(b[at + 2]) << 8 | b[at + 3];
+}
+}  // namespace
+
+TEST_F(TablesOnFile, SixtyFourBitChunkOffsetsPlayAlikeAndOneNearTheLimitIsAnError) {
+  // The video's stco of a recording rewritten as co64; the tables lie behind the media, so no chunk
+  // moves, and the boxes that hold the table grow by what it grows.
+  Engine probe;
+  ASSERT_TRUE(probe.open(path("rec_single.mp4"), false));
+  cstbl* stbl = probe.stbls().at(0);
+  IBox* stco = stbl->Find("stco");
+  std::vector<size_t> holders;
+  for (IBox* b = stbl; b && b->Parent(); b = b->Parent()) holders.push_back(static_cast<size_t>(b->Offset()));
+  const std::vector<unsigned char> in = Load(path("rec_single.mp4"));
+  const size_t at = static_cast<size_t>(stco->Offset()), count = Get32(in, at + 12);
+  std::vector<unsigned char> co64(in.begin(), in.begin() + static_cast<long>(at));
+  std::vector<unsigned char> box(16 + 8 * count);
+  Put32(box, 0, static_cast<uint32_t>(box.size()));
+  const char code[] = "co64";
+  std::copy(code, code + 4, box.begin() + 4);
+  Put32(box, 12, static_cast<uint32_t>(count));
+  for (size_t i = 0; i < count; ++i) Put64(box, 16 + 8 * i, Get32(in, at + 16 + 4 * i));
+  co64.insert(co64.end(), box.begin(), box.end());
+  co64.insert(co64.end(), in.begin() + static_cast<long>(at + 16 + 4 * count), in.end());
+  for (size_t h : holders) Put32(co64, h, Get32(co64, h) + static_cast<uint32_t>(4 * count));
+  Store(path("co64.mp4"), co64);
+  Engine list, onFile;
+  ASSERT_TRUE(list.open(path("co64.mp4"), false));
+  ASSERT_TRUE(onFile.open(path("co64.mp4"), true, 1, 256));
+  ASSERT_NE(onFile.stbls().at(0)->Find("co64"), nullptr);
+  const std::vector<Pkt> a = list.take(100000), b = onFile.take(100000);
+  EXPECT_EQ(FirstDifference(probe.take(100000), a), "") << "the same packets as from the 32-bit table";
+  EXPECT_EQ(FirstDifference(a, b), "");
+  // Frame 20 of 2 MiB just below the largest file position: past the file, an error both ways.
+  IBox* stsz = onFile.stbls().at(0)->Find("stsz");
+  Put64(co64, at + 16 + 8 * 20, 0x7fffffffffffff00ull);
+  Put32(co64, static_cast<size_t>(stsz->Offset()) + 20 + 4 * 20, 2u << 20);
+  Store(path("co64.mp4"), co64);
+  std::vector<Pkt> played[2];
+  for (bool way : {false, true}) {
+    Engine e;
+    ASSERT_TRUE(e.open(path("co64.mp4"), way));
+    bool error = false;
+    played[way] = e.take(100000, &error);
+    EXPECT_TRUE(error) << way;
+    // The frame far away comes after the audio: the error ends the run there.
+    EXPECT_GT(played[way].size(), 200u) << way;
+  }
+  EXPECT_EQ(FirstDifference(played[0], played[1]), "");
+}

@@ -105,15 +105,17 @@ bool StblParser::GetFrame(int idx, FrameInfo& frm) {
 bool StblParser::positionInChunk(const Item& item, int64_t& pos) {
   // From the last frame given out when it lies before this one in the same chunk, else from the
   // chunk's start: in play the loop below does not run at all; after a jump it sums what it skips.
+  // Unsigned sums: positions come from the file and may stand next to the largest one.
   uint32_t from = item.chunk_first_sample;
-  pos = static_cast<int64_t>(item.pos);
+  uint64_t at = item.pos;
   if (_last_sample >= from && _last_sample < item.sample) {
     from = _last_sample + 1;
-    pos = _last_pos + _last_size;
+    at = static_cast<uint64_t>(_last_pos) + static_cast<uint32_t>(_last_size);
   }
+  pos = static_cast<int64_t>(at);
   if (!_stszparser) return true;
   if (auto* sz = dynamic_cast<StszReader*>(_stszparser); sz && sz->SampleSize()) {
-    pos += static_cast<int64_t>(item.sample - from) * sz->SampleSize();
+    pos = static_cast<int64_t>(at + static_cast<uint64_t>(item.sample - from) * sz->SampleSize());
     return true;
   }
   for (uint32_t s = from; s < item.sample; ++s) {
@@ -123,8 +125,9 @@ bool StblParser::positionInChunk(const Item& item, int64_t& pos) {
       LOGE << "!_stszparser->Parse(item)" << " sample=" << s << " in the chunk of " << item.chunk_first_sample;
       return false;
     }
-    pos += one.size;
+    at += one.size;
   }
+  pos = static_cast<int64_t>(at);
   return true;
 }
 
@@ -145,7 +148,7 @@ bool StblParser::toFrame(Item& item, int idx, FrameInfo& frm) {
     if (_last_sample == item.sample) {
       frm.Pos = _last_pos;
     } else if (_last_sample + 1 == item.sample) {
-      frm.Pos = _last_pos + _last_size;
+      frm.Pos = static_cast<int64_t>(static_cast<uint64_t>(_last_pos) + static_cast<uint32_t>(_last_size));
     } else if (!positionInChunk(item, frm.Pos)) {
       return false;
     }
