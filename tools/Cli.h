@@ -59,6 +59,7 @@ struct InfoOptions {
   std::string path;
   bool json = false;
   bool summary = false;
+  long long switchSize = 0x10000;  // the size from which play --tables-on-file leaves a track's tables on file
 };
 int Info(const InfoOptions& o);
 
@@ -69,6 +70,8 @@ struct PlayOptions {
   bool live = false;
   long long from = -1, to = -1, seek = -1;  // ms; -1: not given
   bool messages = true;                      // print the element's messages
+  bool tablesOnFile = false;                 // big sample tables read where they lie in the file
+  long long switchSize = 0x10000;            // bytes of a "stbl" from which its tables stay on file
 };
 int Play(const PlayOptions& o);
 

@@ -196,7 +196,23 @@ unsigned esdsChannels(const IBox& esds, kiv::base::IO& io) {
 }
 
 // One line for the file, one a track: what a user checks first.
-void printSummary(const IBox& root, const std::string& path, long long size, kiv::base::IO& io, std::ostream& os) {
+// How play reads a track's sample tables: into a list in memory, or (with --tables-on-file, from
+// the switch size on) where they lie in the file. Composition offsets are not read from the file: a
+// track that has them and reaches the size keeps the whole file from opening that way.
+std::string tablesWay(const IBox& stbl, long long switchSize) {
+  const unsigned long long bytes = stbl.RealSize();
+  std::string s = ", tables ";
+  if (static_cast<long long>(bytes) < switchSize)
+    s += "in memory (stbl " + std::to_string(bytes) + " bytes, below " + std::to_string(switchSize) + ")";
+  else if (child(&stbl, "ctts"))
+    s += "in memory only (stbl " + std::to_string(bytes) + " bytes with ctts: play --tables-on-file refuses the file)";
+  else
+    s += "on file with --tables-on-file (stbl " + std::to_string(bytes) + " bytes)";
+  return s;
+}
+
+void printSummary(const IBox& root, const std::string& path, long long size, kiv::base::IO& io, long long switchSize,
+                  std::ostream& os) {
   std::string top;
   int fragments = 0;
   for (const IBox* c = root.Child(); c; c = c->Next()) {
@@ -247,6 +263,7 @@ void printSummary(const IBox& root, const std::string& path, long long size, kiv
       std::snprintf(buf, sizeof buf, "%.3f", static_cast<double>(duration) / static_cast<double>(scale));
       os << ", " << buf << " s";
     }
+    if (stbl && entry && !dynamic_cast<const kiv::plugin::mov::cfakebox*>(entry)) os << tablesWay(*stbl, switchSize);
     os << "\n";
   }
 }
@@ -370,7 +387,7 @@ int Info(const InfoOptions& o) {
     if (!verdict.empty()) doc["damage"] = utf8(verdict);
     out << doc.dump(1, ' ', false, json::error_handler_t::replace) << "\n";
   } else if (o.summary) {
-    printSummary(*root, o.path, reader.Size(), reader, out);
+    printSummary(*root, o.path, reader.Size(), reader, o.switchSize, out);
   } else {
     for (const IBox* c = root->Child(); c; c = c->Next()) c->Dump(out);
   }
@@ -398,7 +415,16 @@ Verb AddInfo(CLI::App& app) {
       "complaints are printed as notes (a few; all of them from --log-level I on).");
   cmd->add_option("FILE", o->path, "the movie file (.mov, .mp4, fragmented too)")->required();
   CLI::Option* json = cmd->add_flag("--json", o->json, "the tree as JSON, with the notes and the damage found");
-  cmd->add_flag("--summary", o->summary, "one line for the file and one for each track")->excludes(json);
+  CLI::Option* summary =
+      cmd->add_flag("--summary", o->summary,
+                    "one line for the file and one for each track, with the way play reads its sample tables")
+          ->excludes(json);
+  cmd->add_option("--switch-size", o->switchSize,
+                  "with --summary, the size of a 'stbl' box from which play --tables-on-file leaves its tables on "
+                  "file (default 65536, as play's)")
+      ->type_name("BYTES")
+      ->check(CLI::Range(0LL, 0x7fffffffLL))
+      ->needs(summary);
   return {cmd, [o] { return Info(*o); }};
 }
 

@@ -19,6 +19,7 @@
 #include "stream/core/fw/IElement.h"
 #include "stream/plugin/mp4/common/IBox.h"
 #include "stream/plugin/mp4/common/ThumbBox.h"
+#include "stream/plugin/mp4/core/demux/Mp4Demuxer.h"
 #include "tools/Cli.h"
 #include "tools/Demux.h"
 
@@ -306,9 +307,19 @@ int Play(const PlayOptions& o) {
     run.end.Take(msg);
   });
   if (o.live && !d.element->Set("live", true)) return failed(o.path, "the demuxer takes no \"live\"");
+  // No element property carries the tables' way: the element's own seam sets it before Open.
+  if (o.tablesOnFile) {
+    auto* mp4 = dynamic_cast<kiv::plugin::mov::Mp4Demuxer*>(d.element.get());
+    if (!mp4) return failed(o.path, "the demuxer cannot leave tables on file");
+    mp4->TablesOnFile(true, static_cast<int>(o.switchSize));
+  }
 
   if (!d.element->Open()) {
     failed(o.path, "cannot open it as a movie the plug-in plays");
+    if (o.tablesOnFile)
+      std::fprintf(stderr,
+                   "boxweave: note: with --tables-on-file a track with composition offsets (ctts) cannot be read "
+                   "from tables on file; boxweave info --summary tells which tracks would be\n");
     notes.Print();
     return kFailed;
   }
@@ -412,6 +423,17 @@ Verb AddPlay(CLI::App& app) {
       ->type_name("MS")
       ->check(CLI::Range(0LL, 0x7fffffffffffLL));
   cmd->add_flag("--live", o->live, "set \"live\": packets leave at their time on the clock, as a camera's would");
+  CLI::Option* onFile = cmd->add_flag(
+      "--tables-on-file", o->tablesOnFile,
+      "read the sample tables of a track whose 'stbl' box has --switch-size bytes or more where they lie in the "
+      "file, a block at a time, instead of expanding them into memory: memory stays flat however long the file. "
+      "A file with such a track that has composition offsets (ctts, B-frames) does not open this way");
+  cmd->add_option("--switch-size", o->switchSize,
+                  "with --tables-on-file, the size of a 'stbl' box from which its tables stay on file (default "
+                  "65536; 1 takes every track that way)")
+      ->type_name("BYTES")
+      ->check(CLI::Range(0LL, 0x7fffffffLL))
+      ->needs(onFile);
   cmd->add_option("--thumb-out", o->thumbOut,
                   "write the thumbnail JPEG: the element's \"thumbdata\", or else the file's 'thum' box; exit 1 "
                   "without one")

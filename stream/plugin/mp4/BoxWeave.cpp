@@ -11,6 +11,16 @@ extern "C" void RegisterBoxWeave() {
   RegisterMovStreamAac();
   RegisterVideoTags();
   RegisterListParser();
+  RegisterStblParser();
+  RegisterIStblReader();
+  RegisterCttsReader();
+  RegisterStcoReader();
+  RegisterCo64Reader();
+  RegisterStscReader();
+  RegisterStssReader();
+  RegisterStszReader();
+  RegisterSttsReader();
+  RegisterFakeReader();
 }
 
 int __cb_register_BoxWeave = ReflectAdd(RegisterBoxWeave, 0, "BoxWeave", BOXWEAVE_BANNER);

@@ -37,4 +37,14 @@ void RegisterMovStreamH264();
 void RegisterMovStreamAac();
 void RegisterVideoTags();
 void RegisterListParser();
+void RegisterStblParser();
+void RegisterIStblReader();
+void RegisterCttsReader();
+void RegisterStcoReader();
+void RegisterCo64Reader();
+void RegisterStscReader();
+void RegisterStssReader();
+void RegisterStszReader();
+void RegisterSttsReader();
+void RegisterFakeReader();
 }

@@ -120,16 +120,20 @@ bool IStbl::Parse(IO& io, AttrSet& ap, bool flag) {
 
   // Block-wise: the reader class is found by the keywords and this box's code, e.g.
   // mov-stbl-reader-extern-stts; it takes the table from the file itself.
-  std::string type = "mov-stbl-reader";
-  type += "-";
-  type += ap.GetOrDef("stbl_extern_parser_keywords", "extern");
-  type += "-";
-  type += FCCString();
+  std::string prefix = "mov-stbl-reader";
+  prefix += "-";
+  prefix += ap.GetOrDef("stbl_extern_parser_keywords", "extern");
+  prefix += "-";
+  const std::string type = prefix + FCCString();
 
   delete _parser;
   _parser = nullptr;
+  // A box without a class of its own ("sgpd" and "sbgp" of other recorders, "pasp" and "btrt" in a
+  // sample entry) holds nothing that playing needs: the reader that reads nothing stands for it, as
+  // for "sdtp".
+  const bool fake = dynamic_cast<cfakebox*>(this) && !kiv::base::IClass::Find(type.c_str(), false);
   AttrSet na;
-  Object::AttrSetInit(na, nullptr, type.c_str());
+  Object::AttrSetInit(na, nullptr, fake ? (prefix + "fake").c_str() : type.c_str());
   _parser = Object::New<Object>(na);
   if (!_parser) {
     LOGE << "!_parser";

@@ -102,7 +102,8 @@ Packet* StreamDemuxer::GetPacket(IO& io, int last) {
   // A big frame that cannot lie in the file is not allocated: its size may be forged. Small ones are
   // left to the short read, which costs no question to the file system a packet.
   const long long fileSize = _frm.Size > kCheckedSize ? io.Size() : -1;
-  if (_frm.Size < 0 || _frm.Pos < 0 || (fileSize >= 0 && _frm.Pos + _frm.Size > fileSize)) {
+  // Compared without a sum: a 64-bit chunk offset can put Pos next to the largest position.
+  if (_frm.Size < 0 || _frm.Pos < 0 || (fileSize >= 0 && (_frm.Size > fileSize || _frm.Pos > fileSize - _frm.Size))) {
     LOGE << "(size<=0) || (size != frm.Size())" << " frame " << _frm.Index << " at " << _frm.Pos << " of "
          << _frm.Size << " bytes lies beyond the file's " << fileSize << " bytes";
     return kReadFailed;

@@ -104,8 +104,11 @@ bool StreamParser::SeekByIndex(int idx, bool align) {
     const long long pts = GetTimeStamp(idx);
     _frm.Reset();
     if (!_stblparser->GetFrame(idx, _frm)) {
-      LOGE << "!_stblparser->GetFrame(idx, _frm)";
-      _frm.Reset();
+      // A frame the tables cannot give (a table on file that ends early or cannot be read) ends the
+      // track here. A reset record would read as frame 0 with no bytes, and Next would play the track
+      // again from frame 1, without end.
+      LOGE << "!_stblparser->GetFrame(idx, _frm)" << " idx=" << idx;
+      _frm.InvalidFrameInfo(idx);
       return false;
     }
     _frm.Pts = pts;

@@ -81,7 +81,11 @@ bool Mp4Demuxer::Open() {
     // Fragmented files have an engine of their own, which this build does not have yet.
     LOGE << "fragmented file: no engine for fragmented files";
   } else {
-    _demuxer = (new Mp4Parser())->AsParser();
+    auto* parser = new Mp4Parser();
+    parser->_stbl_extern_enable = _tables_on_file;
+    parser->_stbl_switch_size = _switch_size;
+    parser->_stbl_blk_size = _block_size;
+    _demuxer = parser->AsParser();
     if (!_io->Seek(0, kiv::Position::front)) {
       LOGE << "!_io->Seek(0,Position::front)";
       return false;
@@ -97,6 +101,12 @@ bool Mp4Demuxer::Open() {
   }
   std::list<kiv::stream::IPort*> ports = Ports();
   return _demuxer->PortInfoUpdate(ports);
+}
+
+void Mp4Demuxer::TablesOnFile(bool onFile, int switchSize, int blockSize) {
+  _tables_on_file = onFile;
+  _switch_size = switchSize;
+  _block_size = blockSize;
 }
 
 bool Mp4Demuxer::Close() {

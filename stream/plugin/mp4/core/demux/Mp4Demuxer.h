@@ -32,6 +32,14 @@ class Mp4Demuxer : public kiv::stream::IDemuxer {
   unsigned GetThumbSize() override;
   kiv::stream::Packet* GeneratePacket(void* user) override;
 
+  // The host's one seam for reading big sample tables where they lie in the file instead of expanding
+  // them into a list in memory; no element property carries it (a device sets it from its own
+  // configuration). With onFile, a track whose "stbl" box has at least switchSize bytes is read through
+  // table readers, each with a block of blockSize bytes, so that memory stays flat however long the
+  // recording; smaller ones stay in memory. Off by default; set before Open. A track with composition
+  // offsets ("ctts") cannot be read that way: such a file fails to open when its "stbl" reaches the size.
+  void TablesOnFile(bool onFile, int switchSize = 0x10000, int blockSize = 32768);
+
   // Looks for a box of this code at the top level, from the stream's present position, by headers only.
   bool FindTopFcc(const char* fcc);
 
@@ -41,6 +49,9 @@ class Mp4Demuxer : public kiv::stream::IDemuxer {
   void dropEngine();
 
   IParser* _demuxer = nullptr;
+  bool _tables_on_file = false;
+  int _switch_size = 0x10000;
+  int _block_size = 32768;
 };
 
 }  // namespace mov

@@ -1,0 +1,530 @@
+// The table readers and the on-file table parser against tables laid out by hand: the same frames as
+// the list in memory for every shape of table, in any order of questions; what the readers keep on
+// purpose; tables they refuse; damaged tables.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "io_test_util.h"
+#include "stream/base/io/IO.h"
+#include "stream/base/reflect/IClass.h"
+#include "stream/plugin/mp4/common/IBox.h"
+#include "stream/plugin/mp4/common/Stbl.h"
+#include "stream/plugin/mp4/demux/ListParser.h"
+#include "stream/plugin/mp4/demux/extern/StblParser.h"
+#include "stream/plugin/mp4/demux/extern/stbl/CttsReader.h"
+#include "tests/BoxBytes.h"
+#include "tests/LogCapture.h"
+
+namespace {
+
+using boxtest::Bytes;
+using kiv::base::AttrSet;
+using kiv::base::IO;
+using kiv::plugin::mov::cstbl;
+using kiv::plugin::mov::FrameInfo;
+using kiv::plugin::mov::IBox;
+using kiv::plugin::mov::IStbl;
+using kiv::plugin::mov::IStblReader;
+using kiv::plugin::mov::ListParser;
+using kiv::plugin::mov::StblParser;
+
+// ---- tables laid out by hand
+
+Bytes Words(const char* fcc, const std::vector<uint32_t>& words, uint32_t head = 0) {
+  Bytes payload;
+  boxtest::Be32(payload, head);  // version and flags
+  for (uint32_t w : words) boxtest::Be32(payload, w);
+  return boxtest::Box(fcc, payload);
+}
+
+// A count, then entries of some words each; the count may be forged.
+Bytes Table(const char* fcc, const std::vector<std::vector<uint32_t>>& entries, long long count = -1) {
+  std::vector<uint32_t> w;
+  w.push_back(count < 0 ? static_cast<uint32_t>(entries.size()) : static_cast<uint32_t>(count));
+  for (const auto& e : entries) w.insert(w.end(), e.begin(), e.end());
+  return Words(fcc, w);
+}
+
+// A track's tables: samples with sizes, runs of durations, chunk shapes, sync samples.
+struct Track {
+  std::vector<uint32_t> sizes;  // a size a sample; empty with one size for all
+  uint32_t fixed = 0, fixedCount = 0;
+  std::vector<std::vector<uint32_t>> stts;  // run, delta
+  std::vector<std::vector<uint32_t>> stsc;  // first chunk, samples a chunk, description
+  uint32_t chunks = 0;
+  bool stss = false;
+  std::vector<uint32_t> keys;  // sample numbers from 1
+  bool co64 = false;
+  bool stsz = true;
+
+  uint32_t samples() const { return fixed ? fixedCount : static_cast<uint32_t>(sizes.size()); }
+  // Chunk offsets that lay the chunks one after the other with a gap between them.
+  std::vector<uint64_t> offsets() const {
+    std::vector<uint64_t> out;
+    uint64_t at = co64 ? 0x100000000ull : 0x1000;
+    uint32_t s = 0;
+    for (uint32_t c = 1; c <= chunks; ++c) {
+      uint32_t spc = 0;
+      for (const auto& e : stsc)
+        if (e[0] <= c) spc = e[1];
+      out.push_back(at);
+      for (uint32_t k = 0; k < spc && s < samples(); ++k, ++s) at += fixed ? fixed : sizes[s];
+      at += 7;
+    }
+    return out;
+  }
+  Bytes bytes(const Bytes& extra = Bytes()) const {
+    std::vector<std::vector<uint32_t>> co;
+    for (uint64_t o : offsets()) {
+      if (co64) co.push_back({static_cast<uint32_t>(o >> 32), static_cast<uint32_t>(o)});
+      else co.push_back({static_cast<uint32_t>(o)});
+    }
+    std::vector<uint32_t> sz = {fixed, fixed ? fixedCount : static_cast<uint32_t>(sizes.size())};
+    if (!fixed) sz.insert(sz.end(), sizes.begin(), sizes.end());
+    std::vector<std::vector<uint32_t>> ss;
+    for (uint32_t k : keys) ss.push_back({k});
+    Bytes all = boxtest::Cat({Table("stts", stts), stss ? Table("stss", ss) : Bytes(), Table("stsc", stsc),
+                              stsz ? Words("stsz", sz) : Bytes(), Table(co64 ? "co64" : "stco", co)});
+    all.insert(all.end(), extra.begin(), extra.end());
+    return boxtest::Box("stbl", all);
+  }
+};
+
+std::vector<uint32_t> Sizes(uint32_t n, uint32_t base = 100) {
+  std::vector<uint32_t> v;
+  v.reserve(n);
+  for (uint32_t i = 0; i < n; ++i) v.push_back(base + (i * 37) % 91);
+  return v;
+}
+
+std::vector<uint32_t> Every(uint32_t stride, uint32_t n, uint32_t first = 1) {
+  std::vector<uint32_t> v;
+  for (uint32_t k = first; k <= n; k += stride) v.push_back(k);
+  return v;
+}
+
+// A "stbl" at the start of a file of its own, read as the demuxer reads it, one way or the other.
+struct Parsed {
+  std::string path;
+  std::unique_ptr<IO> io;
+  AttrSet ap;
+  kiv::plugin::mov::croot root;
+  cstbl* stbl = nullptr;
+  bool ok = false;
+
+  Parsed(const iotest::TempDir& dir, const Bytes& bytes, bool onFile, const std::string& attrs = "", bool pad = true) {
+    static int n = 0;
+    path = dir.file("t" + std::to_string(n++) + ".mov");
+    // Room behind the tables: samples of one size are counted no further than the file's bytes.
+    const Bytes file = boxtest::Cat({bytes, pad ? boxtest::Box("free", Bytes(4096, 0)) : Bytes()});
+    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(file.data()),
+                                                static_cast<std::streamsize>(file.size()));
+    ap.Parse(("codec_fcc=1;stbl_extern_parser_enable=" + std::string(onFile ? "true" : "false") +
+              ";stbl_extern_parser_switch_stbl_size=0;" + attrs)
+                 .c_str());
+    io.reset(IO::New(path.c_str(), "rb"));
+    ok = io && root.Parse(*io, ap, true);
+    stbl = dynamic_cast<cstbl*>(root.Find("stbl"));
+  }
+  template <class R = IStblReader>
+  R* reader(const char* fcc) {
+    auto* t = stbl ? dynamic_cast<IStbl*>(stbl->Find(fcc)) : nullptr;
+    return t ? dynamic_cast<R*>(t->Parser()) : nullptr;
+  }
+};
+
+// What a parser says of one frame.
+using Said = std::tuple<bool, int, long long, int, long long, bool, bool, long long>;
+Said Ask(kiv::plugin::mov::IStblParser& p, int idx, bool durations) {
+  FrameInfo f;
+  const bool got = p.GetFrame(idx, f);
+  return Said(got, f.Index, f.Pos, f.Size, durations ? f.Duration : -1, (f.Flags & 1) != 0, p.GetFrameIsKey(idx),
+              durations ? p.GetFrameDuration(idx) : -1);
+}
+
+// Every frame forward, backward and in a shuffled order.
+std::vector<int> Orders(int n) {
+  std::vector<int> v;
+  for (int i = 0; i < n; ++i) v.push_back(i);
+  for (int i = n; i-- > 0;) v.push_back(i);
+  std::vector<int> shuffled(v.begin(), v.begin() + n);
+  std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(7));
+  v.insert(v.end(), shuffled.begin(), shuffled.end());
+  return v;
+}
+
+class StblReaders : public ::testing::Test {
+ protected:
+  iotest::TempDir dir;
+};
+
+struct Shape {
+  const char* name;
+  Track track;
+  std::string attrs;  // "frame_with_chunk=true": a frame is a chunk
+};
+
+std::vector<Shape> Shapes() {
+  std::vector<Shape> v;
+  Track t;
+  t.sizes = Sizes(10);
+  t.stts = {{10, 512}};
+  t.stsc = {{1, 1, 1}};
+  t.chunks = 10;
+  t.stss = true;
+  t.keys = Every(3, 10);
+  v.push_back({"a sample a chunk, keys every third", t, ""});
+
+  t = Track();
+  t.sizes = Sizes(12);
+  t.stts = {{12, 1000}};
+  t.stsc = {{1, 3, 1}};
+  t.chunks = 4;
+  t.stss = true;
+  t.keys = Every(4, 12);
+  v.push_back({"chunks of three", t, ""});
+
+  t = Track();
+  t.sizes = Sizes(22);
+  t.stts = {{22, 40}};
+  t.stsc = {{1, 2, 1}, {3, 5, 1}, {6, 1, 1}};
+  t.chunks = 8;
+  t.co64 = true;
+  v.push_back({"chunk shapes change, 64-bit offsets, no sync table", t, ""});
+
+  t = Track();
+  t.fixed = 50;
+  t.fixedCount = 9;
+  t.stts = {{9, 1024}};
+  t.stsc = {{1, 3, 1}};
+  t.chunks = 3;
+  t.stss = true;
+  t.keys = {1};
+  v.push_back({"one size for all, a sync table of one entry", t, ""});
+
+  t = Track();
+  t.sizes = Sizes(16);
+  t.stts = {{16, 20}};
+  t.stsc = {{1, 4, 1}, {3, 4, 1}};
+  t.chunks = 4;
+  t.stss = true;
+  v.push_back({"two equal stsc entries, an empty sync table", t, ""});
+
+  t = Track();
+  t.sizes = Sizes(300, 1000);
+  t.stts = {{300, 3000}};
+  t.stsc = {{1, 1, 1}, {101, 2, 1}, {151, 1, 1}};
+  t.chunks = 250;
+  t.stss = true;
+  t.keys = Every(10, 300);
+  v.push_back({"keys on a fixed stride, far jumps", t, ""});
+
+  t = Track();
+  t.fixed = 4;
+  t.fixedCount = 24;
+  t.stts = {{24, 1}};
+  t.stsc = {{1, 8, 1}, {3, 4, 1}};
+  t.chunks = 4;
+  v.push_back({"a frame a chunk", t, "frame_with_chunk=true"});
+  return v;
+}
+
+}  // namespace
+
+TEST_F(StblReaders, EveryFrameIsTheSameAsFromTheListInAnyOrderOfQuestions) {
+  for (const Shape& s : Shapes())
+    for (const char* block : {"", "stbl_extern_parser_blksize=16"}) {
+      SCOPED_TRACE(std::string(s.name) + " " + block);
+      const Bytes bytes = s.track.bytes();
+      Parsed inMemory(dir, bytes, false, s.attrs), onFile(dir, bytes, true, s.attrs + ";" + block);
+      ASSERT_TRUE(inMemory.ok && onFile.ok);
+      ASSERT_EQ(onFile.stbl->_keywords, "extern");
+      ASSERT_TRUE(onFile.stbl->_list.empty());
+      EXPECT_EQ(onFile.reader("stsz")->Blocks(), *block && onFile.reader("stsz")->Box()->PayloadSize() > 16);
+      ListParser list;
+      StblParser tables;
+      ASSERT_TRUE(list.Init(inMemory.stbl));
+      ASSERT_TRUE(tables.Init(onFile.stbl));
+      ASSERT_EQ(tables.GetFrameCount(), list.GetFrameCount());
+      EXPECT_EQ(tables.GetTotalSize(), list.GetTotalSize());
+      if (!s.track.stss) {
+        EXPECT_EQ(tables.GetLastKeyFrame(), list.GetLastKeyFrame());
+      }
+      // A frame that is a chunk: the parser's answer of the frame it holds is one sample's (below).
+      const bool durations = s.attrs.empty();
+      for (int idx : Orders(list.GetFrameCount()))
+        ASSERT_EQ(Ask(tables, idx, durations), Ask(list, idx, durations)) << idx;
+      // Out of the track: refused both ways.
+      FrameInfo f;
+      EXPECT_FALSE(tables.GetFrame(list.GetFrameCount(), f));
+      EXPECT_FALSE(tables.GetFrame(-1, f));
+    }
+  // The stsc reader's order: first, then the chunk offsets, then the other tables.
+  const Bytes bytes = Shapes()[0].track.bytes();
+  Parsed p(dir, bytes, true);
+  StblParser tables;
+  ASSERT_TRUE(tables.Init(p.stbl));
+  std::string order;
+  for (IStblReader* r : tables.Readers()) order += std::string(r->Box()->FCCString()) + " ";
+  EXPECT_EQ(order, "stsc stco stts stss stsz ");
+}
+
+TEST_F(StblReaders, SeveralDurationRunsAreReadAsTheyStandOnFileAndAveragedInMemory) {
+  Track t;
+  t.sizes = Sizes(20);
+  t.stts = {{10, 100}, {10, 300}};
+  t.stsc = {{1, 1, 1}};
+  t.chunks = 20;
+  const Bytes bytes = t.bytes();
+  Parsed inMemory(dir, bytes, false), onFile(dir, bytes, true);
+  ListParser list;
+  StblParser tables;
+  ASSERT_TRUE(list.Init(inMemory.stbl) && tables.Init(onFile.stbl));
+  std::vector<long long> forward, back, mean;
+  for (int i = 0; i < 20; ++i) forward.push_back(tables.GetFrameDuration(i));
+  for (int i = 0; i < 20; ++i) mean.push_back(list.GetFrameDuration(i));
+  back.push_back(tables.GetFrameDuration(4));
+  back.push_back(tables.GetFrameDuration(0));
+  // The first sample of the second run still gets the first run's duration; a walk back re-reads
+  // the run it holds.
+  std::vector<long long> want(20, 300);
+  std::fill(want.begin(), want.begin() + 11, 100);
+  EXPECT_EQ(forward, want);
+  EXPECT_EQ(mean, std::vector<long long>(20, 200));
+  EXPECT_EQ(back, (std::vector<long long>{300, 300}));
+  // The total starts behind the first entry.
+  long long total = 0;
+  ASSERT_TRUE(onFile.reader("stts")->Get("get_total_duration", total));
+  EXPECT_EQ(total, 3000);
+}
+
+TEST_F(StblReaders, AFrameThatIsAChunkCountsItsSamplesButTheFrameHeldAnswersForOneSample) {
+  const Shape s = Shapes().back();
+  Parsed onFile(dir, s.track.bytes(), true, s.attrs);
+  StblParser tables;
+  ASSERT_TRUE(tables.Init(onFile.stbl));
+  ASSERT_EQ(tables.GetFrameCount(), 4);
+  FrameInfo f;
+  ASSERT_TRUE(tables.GetFrame(0, f));  // chunk 1: 8 samples of 4 bytes and 1 unit each
+  EXPECT_EQ(std::make_tuple(f.Size, f.Duration, f.Pos), std::make_tuple(32, 8ll, 0x1000ll));
+  EXPECT_EQ(std::make_pair(tables.GetFrameSize(0), tables.GetFrameDuration(0)), std::make_pair(4ll, 1ll));
+  EXPECT_EQ(std::make_pair(tables.GetFrameSize(3), tables.GetFrameDuration(3)), std::make_pair(16ll, 4ll));
+}
+
+TEST_F(StblReaders, TheLastKeyFrameIsUnknownToTheSyncTableOnFile) {
+  Track t = Shapes()[0].track;
+  Parsed onFile(dir, t.bytes(), true);
+  StblParser tables;
+  ASSERT_TRUE(tables.Init(onFile.stbl));
+  LogCapture log;
+  EXPECT_EQ(tables.GetLastKeyFrame(), 0);
+  EXPECT_TRUE(log.Has("!_stssparser->Get(\"get_last_key\",_last_key)"));
+  t.stss = false;
+  Parsed noSync(dir, t.bytes(), true);
+  StblParser all;
+  ASSERT_TRUE(all.Init(noSync.stbl));
+  EXPECT_EQ(all.GetLastKeyFrame(), 9);
+  EXPECT_TRUE(all.GetFrameIsKey(5));
+}
+
+TEST_F(StblReaders, ATableOfOneBlockIsCopiedAndALargerOneReadThroughABlock) {
+  // stsz payloads of 4096 and 4097 bytes under a block of 0x1000, the size given in hexadecimal.
+  for (uint32_t extra : {0u, 1u}) {
+    Track t;
+    t.sizes = Sizes(1021);  // 12 + 4 * 1021 = 4096
+    t.stts = {{1021, 1}};
+    t.stsc = {{1, 1, 1}};
+    t.chunks = 1021;
+    Bytes b = t.bytes();
+    if (extra) {
+      // One byte more in the stsz box, behind its entries.
+      Parsed probe(dir, b, false);
+      IBox* stsz = probe.stbl->Find("stsz");
+      const size_t end = static_cast<size_t>(stsz->Offset() + stsz->RealSize());
+      b.insert(b.begin() + static_cast<long>(end), 0);
+      for (size_t at : {size_t(0), static_cast<size_t>(stsz->Offset())}) {
+        uint32_t v = 0;
+        for (int i = 0; i < 4; ++i) v = v << 8 | b[at + static_cast<size_t>(i)];
+        ++v;
+        for (int i = 0; i < 4; ++i) b[at + static_cast<size_t>(i)] = static_cast<unsigned char>(v >> (24 - 8 * i));
+      }
+    }
+    Parsed p(dir, b, true, "stbl_extern_parser_blksize=0x1000");
+    ASSERT_TRUE(p.ok);
+    EXPECT_EQ(p.reader("stsz")->Box()->PayloadSize(), 4096u + extra);
+    EXPECT_EQ(p.reader("stsz")->Buffered(), extra == 0);
+    EXPECT_EQ(p.reader("stsz")->Blocks(), extra == 1);
+    // A second init is refused.
+    LogCapture log;
+    AttrSet again;
+    EXPECT_FALSE(p.reader("stsz")->Set("init", again));
+    EXPECT_TRUE(log.Has("initialized!"));
+  }
+}
+
+TEST_F(StblReaders, TablesTheReadersRefuseOrStandInFor) {
+  Track t = Shapes()[1].track;
+  const Bytes ctts = Table("ctts", {{1, 0}});
+  {
+    // Composition offsets: the file does not open this way, and opens in memory.
+    LogCapture log;
+    Parsed onFile(dir, t.bytes(ctts), true);
+    EXPECT_FALSE(onFile.ok);
+    EXPECT_TRUE(log.Has("!_parser->Set(\"init\",(AttrSet&)ap)"));
+    Parsed inMemory(dir, t.bytes(ctts), false);
+    EXPECT_TRUE(inMemory.ok);
+  }
+  {
+    // Dependency flags and boxes without a class of their own are accepted and read nothing.
+    LogCapture log;
+    Parsed onFile(dir, t.bytes(boxtest::Cat({Words("sdtp", {0x20101010}), Words("sgpd", {1, 2, 3}), Words("sbgp", {9})})),
+                  true);
+    ASSERT_TRUE(onFile.ok);
+    EXPECT_FALSE(log.Has("no class"));
+    StblParser tables;
+    ASSERT_TRUE(tables.Init(onFile.stbl));
+    EXPECT_EQ(tables.Readers().size(), 8u);
+    FrameInfo f;
+    EXPECT_TRUE(tables.GetFrame(5, f));
+  }
+  // The registry: the parser and the readers in the order of the class table; the abstract base is
+  // never made, and "sdtp" finds the reader that reads nothing.
+  std::vector<std::string> names;
+  bool after = false;
+  for (kiv::base::IClass* c : kiv::base::IClass::Globle()) {
+    after = after || std::string(c->Name()) == "MovStblParserList-mov-stbl-parser-list";
+    if (after && std::string(c->Name()).find("mov-stbl-") != std::string::npos) names.push_back(c->Name());
+  }
+  const std::vector<std::string> want = {
+      "MovStblParserList-mov-stbl-parser-list", "mov-stbl-parser-extern",        "mov-stbl-reader-extern",
+      "mov-stbl-reader-extern-ctts",            "mov-stbl-reader-extern-stco",   "mov-stbl-reader-extern-co64",
+      "mov-stbl-reader-extern-stsc",            "mov-stbl-reader-extern-stss",   "mov-stbl-reader-extern-stsz",
+      "mov-stbl-reader-extern-stts",            "mov-stbl-reader-extern-fake-sdtp"};
+  EXPECT_EQ(names, want);
+  EXPECT_STREQ(kiv::base::IClass::Find("mov-stbl-reader-extern", false)->Name(), "mov-stbl-reader-extern");
+  EXPECT_STREQ(kiv::base::IClass::Find("mov-stbl-reader-extern-sdtp", false)->Name(), "mov-stbl-reader-extern-fake-sdtp");
+  AttrSet na;
+  kiv::base::Object::AttrSetInit(na, nullptr, "mov-stbl-reader-extern");
+  std::unique_ptr<kiv::base::Object> o(kiv::base::Object::New<kiv::base::Object>(na));
+  EXPECT_NE(dynamic_cast<kiv::plugin::mov::CttsReader*>(o.get()), nullptr) << "the next class that can be made";
+}
+
+TEST_F(StblReaders, SamplesOfOneSizeWithoutATable) {
+  // The count stands for sample frames and no entry follows: the one size, with the three values said.
+  Track t = Shapes()[3].track;
+  LogCapture log;
+  Parsed onFile(dir, t.bytes(), true);
+  ASSERT_TRUE(onFile.ok);
+  EXPECT_TRUE(log.Has("_entry_num=9") && log.Has("_sample_size=50") && log.Has("stsz->PayloadSize()=12"));
+  StblParser tables;
+  ASSERT_TRUE(tables.Init(onFile.stbl));
+  EXPECT_EQ(tables.GetFrameSize(4), 50);
+  EXPECT_EQ(tables.GetTotalSize(), 450);
+  // With a size of 0 the missing entries are fatal.
+  const Bytes b = boxtest::Box("stbl", boxtest::Cat({Table("stts", t.stts), Table("stsc", t.stsc),
+                                                     Words("stsz", {0, 9}), Table("stco", {{0x1000}, {0x2000}, {0x3000}})}));
+  LogCapture refusal;
+  Parsed refused(dir, b, true);
+  EXPECT_FALSE(refused.ok);
+  EXPECT_TRUE(refusal.Has("!_sample_size"));
+}
+
+TEST_F(StblReaders, DamagedTablesGiveLogLinesAndFailuresNeverACrash) {
+  Track base = Shapes()[1].track;  // 12 samples, chunks of three
+  struct Case {
+    const char* what;
+    std::function<Bytes()> bytes;
+    bool opens;            // the stbl parses
+    int frames;            // frames the parser counts
+    int good;              // frames given before the first refusal
+    const char* says;
+  };
+  const auto stbl = [&](const Track& t, const Bytes& extra = Bytes()) { return t.bytes(extra); };
+  Track forgedCount = base, forgedSpc = base, noStsc = base, zeroSpc = base, zeroRuns = base, unordered = base;
+  forgedSpc.stsc = {{1, 0x7fffffff, 1}};
+  Track noSizes = forgedSpc;
+  noSizes.stsz = false;
+  noStsc.stsc = {};
+  zeroSpc.stsc = {{1, 3, 1}, {2, 0, 1}, {3, 3, 1}};
+  zeroRuns.stts = {{4, 10}, {0, 20}, {8, 30}};
+  unordered.keys = {9, 1, 12, 5};
+  const Case cases[] = {
+      {"stco counts 1000 chunks, holds 4",
+       [&] {
+         Bytes b = stbl(base);
+         b[b.size() - 4 * 4 - 1] = 0xe8;  // count 4 -> 0x3e8... the low byte
+         b[b.size() - 4 * 4 - 2] = 0x03;
+         return b;
+       },
+       true, 12, 12, "the entries the box holds"},
+      {"stsc gives 2^31 samples a chunk", [&] { return stbl(forgedSpc); }, true, 12, 12, "what the tables describe"},
+      {"no stsz, stsc gives 2^31 samples a chunk", [&] { return stbl(noSizes); }, true, 4, 4, "what the tables describe"},
+      {"stsc without entries", [&] { return stbl(noStsc); }, false, 0, 0, "_stbl->_num<1"},
+      {"an stsc entry of no samples", [&] { return stbl(zeroSpc); }, true, 9, 3, "samples_per_chunk==0"},
+      {"a run of no samples", [&] { return stbl(zeroRuns); }, true, 12, 12, ""},
+      {"sync samples out of order", [&] { return stbl(unordered); }, true, 12, 12, ""},
+      {"stsz of 64-bit size past the file",
+       [&] {
+         Track t = base;
+         t.sizes = Sizes(400);
+         t.chunks = 134;
+         Bytes b = t.bytes();
+         // Cut the sizes after their 12th entry and claim a large box behind a 64-bit size.
+         Parsed probe(dir, b, false);
+         IBox* stsz = probe.stbl->Find("stsz");
+         const size_t at = static_cast<size_t>(stsz->Offset()), end = at + static_cast<size_t>(stsz->RealSize());
+         Bytes head = boxtest::Header64(1 << 20, "stsz");
+         Bytes body(b.begin() + static_cast<long>(at) + 8, b.begin() + static_cast<long>(at) + 20 + 48);
+         Bytes out(b.begin(), b.begin() + static_cast<long>(at));
+         Bytes rest(b.begin() + static_cast<long>(end), b.end());
+         out.insert(out.end(), rest.begin(), rest.end());
+         out.insert(out.end(), head.begin(), head.end());
+         out.insert(out.end(), body.begin(), body.end());
+         const uint32_t size = static_cast<uint32_t>(out.size());
+         for (int i = 0; i < 4; ++i) out[static_cast<size_t>(i)] = static_cast<unsigned char>(size >> (24 - 8 * i));
+         return out;
+       },
+       true, 400, 12, "not read, the file ends at"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    LogCapture log;
+    const auto start = std::chrono::steady_clock::now();
+    Parsed p(dir, c.bytes(), true, "stbl_extern_parser_blksize=64", false);
+    EXPECT_EQ(p.ok, c.opens);
+    if (!p.ok) {
+      EXPECT_TRUE(log.Has(c.says)) << c.says;
+      continue;
+    }
+    StblParser tables;
+    ASSERT_TRUE(tables.Init(p.stbl));
+    EXPECT_EQ(tables.GetFrameCount(), c.frames);
+    int good = 0;
+    for (int i = 0; i < tables.GetFrameCount(); ++i) {
+      FrameInfo f;
+      if (!tables.GetFrame(i, f)) break;
+      ++good;
+    }
+    EXPECT_EQ(good, c.good);
+    // Backward and scattered questions end too.
+    for (int i : Orders(tables.GetFrameCount())) {
+      FrameInfo f;
+      tables.GetFrame(i, f);
+      tables.GetFrameDuration(i);
+      tables.GetFrameIsKey(i);
+    }
+    EXPECT_TRUE(!*c.says || log.Has(c.says)) << c.says;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+  }
+}
