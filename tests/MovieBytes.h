@@ -30,7 +30,7 @@ struct Track {
   bool stss = true;  // a sync table of the key samples; false leaves it out
 };
 
-struct Spec {
+struct Layout {
   std::vector<Track> tracks;
   // (track, sample) in file order; empty: by start time, the earlier track first at equal times.
   std::vector<std::pair<int, int>> order;
@@ -149,17 +149,17 @@ inline Bytes Trak(const Track& t, int id, const std::vector<uint64_t>& pos, uint
 
 }  // namespace detail
 
-inline Movie Build(const Spec& spec) {
+inline Movie Build(const Layout& layout) {
   Movie m;
   // The file order of the samples.
-  std::vector<std::pair<int, int>> order = spec.order;
+  std::vector<std::pair<int, int>> order = layout.order;
   if (order.empty()) {
-    for (size_t t = 0; t < spec.tracks.size(); ++t)
-      for (size_t i = 0; i < spec.tracks[t].samples.size(); ++i) order.emplace_back(int(t), int(i));
+    for (size_t t = 0; t < layout.tracks.size(); ++t)
+      for (size_t i = 0; i < layout.tracks[t].samples.size(); ++i) order.emplace_back(int(t), int(i));
     std::vector<std::vector<uint64_t>> starts;
-    for (const Track& t : spec.tracks) starts.push_back(Starts(t));
+    for (const Track& t : layout.tracks) starts.push_back(Starts(t));
     std::stable_sort(order.begin(), order.end(), [&](const std::pair<int, int>& a, const std::pair<int, int>& b) {
-      const Track &ta = spec.tracks[size_t(a.first)], &tb = spec.tracks[size_t(b.first)];
+      const Track &ta = layout.tracks[size_t(a.first)], &tb = layout.tracks[size_t(b.first)];
       const uint64_t x = starts[size_t(a.first)][size_t(a.second)] * tb.scale;
       const uint64_t y = starts[size_t(b.first)][size_t(b.second)] * ta.scale;
       return x != y ? x < y : a.first < b.first;
@@ -169,32 +169,32 @@ inline Movie Build(const Spec& spec) {
   // the media stand (32-bit offsets): it is built twice when it goes in front.
   const Bytes ftyp = B("ftyp", "'isom' 00000200 'isom' 'mp42'");
   auto build = [&](uint64_t mediaStart) {
-    m.pos.assign(spec.tracks.size(), {});
-    for (size_t t = 0; t < spec.tracks.size(); ++t) m.pos[t].assign(spec.tracks[t].samples.size(), 0);
+    m.pos.assign(layout.tracks.size(), {});
+    for (size_t t = 0; t < layout.tracks.size(); ++t) m.pos[t].assign(layout.tracks[t].samples.size(), 0);
     Bytes media;
     for (const auto& o : order) {
       m.pos[size_t(o.first)][size_t(o.second)] = mediaStart + media.size();
-      boxtest::Append(media, Payload(spec.tracks[size_t(o.first)], o.first, o.second));
+      boxtest::Append(media, Payload(layout.tracks[size_t(o.first)], o.first, o.second));
     }
     uint64_t longest = 0;
     Bytes traks;
-    for (size_t t = 0; t < spec.tracks.size(); ++t) {
-      const Track& tr = spec.tracks[t];
-      longest = std::max<uint64_t>(longest, tr.scale ? Length(tr) * spec.movieScale / tr.scale : 0);
-      boxtest::Append(traks, detail::Trak(tr, int(t) + 1, m.pos[t], spec.movieScale));
-      if (t == 0) boxtest::Append(traks, spec.afterFirstTrak);
+    for (size_t t = 0; t < layout.tracks.size(); ++t) {
+      const Track& tr = layout.tracks[t];
+      longest = std::max<uint64_t>(longest, tr.scale ? Length(tr) * layout.movieScale / tr.scale : 0);
+      boxtest::Append(traks, detail::Trak(tr, int(t) + 1, m.pos[t], layout.movieScale));
+      if (t == 0) boxtest::Append(traks, layout.afterFirstTrak);
     }
-    const Bytes mvhd = B("mvhd", "00000000 00000000 00000000 " + detail::Hex32(spec.movieScale) +
+    const Bytes mvhd = B("mvhd", "00000000 00000000 00000000 " + detail::Hex32(layout.movieScale) +
                                      detail::Hex32(static_cast<uint32_t>(longest)) + "00010000 0100 10*00 " +
                                      detail::kMatrix + "24*00 " +
-                                     detail::Hex32(static_cast<uint32_t>(spec.tracks.size() + 1)));
+                                     detail::Hex32(static_cast<uint32_t>(layout.tracks.size() + 1)));
     return std::make_pair(boxtest::Box("moov", boxtest::Cat({mvhd, traks})),
-                          boxtest::Box(spec.mdat ? "mdat" : "free", media));
+                          boxtest::Box(layout.mdat ? "mdat" : "free", media));
   };
   auto parts = build(ftyp.size() + 8);
-  if (spec.moovFirst) parts = build(ftyp.size() + parts.first.size() + 8);
-  m.bytes = spec.moovFirst ? boxtest::Cat({ftyp, parts.first, parts.second}) : boxtest::Cat({ftyp, parts.second, parts.first});
-  m.mediaStart = spec.moovFirst ? ftyp.size() + parts.first.size() + 8 : ftyp.size() + 8;
+  if (layout.moovFirst) parts = build(ftyp.size() + parts.first.size() + 8);
+  m.bytes = layout.moovFirst ? boxtest::Cat({ftyp, parts.first, parts.second}) : boxtest::Cat({ftyp, parts.second, parts.first});
+  m.mediaStart = layout.moovFirst ? ftyp.size() + parts.first.size() + 8 : ftyp.size() + 8;
   m.mediaEnd = m.mediaStart + parts.second.size() - 8;
   return m;
 }

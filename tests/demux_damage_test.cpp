@@ -188,7 +188,7 @@ std::vector<Base> Bases() {
   } else {
     std::printf("ffmpeg is not installed: only the recordings and the hand-made file are damaged\n");
   }
-  movie::Spec s;
+  movie::Layout s;
   s.tracks = {movie::Video(40, 3600, 10, 90000), movie::Audio(70)};
   s.moovFirst = true;
   const movie::Movie m = movie::Build(s);

@@ -62,7 +62,7 @@ TEST(DemuxElement, AFileWithoutPacketsEndsAtOnceWithClockZero) {
 // passes the last time ends the run unsent; a packet exactly at it plays.
 TEST(DemuxElement, PlayRangeFromAndTo) {
   LogCapture quiet(kiv::dbg::E);
-  movie::Spec s;
+  movie::Layout s;
   s.tracks = {movie::Video(6, 5, 1)};  // a key frame every 5 ms: 0 5 10 15 20 25
   const movie::Bytes bytes = movie::Build(s).bytes;
   struct Case {
@@ -97,7 +97,7 @@ TEST(DemuxElement, PlayRangeFromAndTo) {
 // Start keeps it, so the time line runs on.
 TEST(DemuxElement, ALaterStartKeepsTheFirstOffset) {
   LogCapture quiet(kiv::dbg::E);
-  movie::Spec s;
+  movie::Layout s;
   s.tracks = {movie::Video(10), movie::Audio(20)};
   MemPlayer p(movie::Build(s).bytes);
   EXPECT_EQ(p.Run(), "eos");
@@ -119,7 +119,7 @@ TEST(DemuxElement, ALaterStartKeepsTheFirstOffset) {
 // A seek after the end of the run plays on from the key frame for that time, audio from the same time.
 TEST(DemuxElement, ASeekAfterEosPlaysOnFromTheKeyFrame) {
   LogCapture quiet(kiv::dbg::E);
-  movie::Spec s;
+  movie::Layout s;
   s.tracks = {movie::Video(50, 3600, 10, 90000), movie::Audio(94)};
   MemPlayer p(movie::Build(s).bytes);
   EXPECT_EQ(p.Run(), "eos");
@@ -147,7 +147,7 @@ TEST(DemuxElement, ASeekAfterEosPlaysOnFromTheKeyFrame) {
 
 // "duration" and the thumbnail before Open, and for an ordinary file after it.
 TEST(DemuxElement, PropertiesBeforeAndAfterOpen) {
-  movie::Spec s;
+  movie::Layout s;
   s.tracks = {movie::Video(25), movie::Audio(10)};
   LogCapture log;
   MemPlayer p(movie::Build(s).bytes);
@@ -177,7 +177,7 @@ TEST(DemuxElement, PropertiesBeforeAndAfterOpen) {
 // Packets leave as a host takes them: H.264 behind start codes, AAC behind an ADTS header.
 TEST(DemuxElement, PacketsCarryStartCodesAndAdtsHeaders) {
   LogCapture quiet(kiv::dbg::E);
-  movie::Spec s;
+  movie::Layout s;
   s.tracks = {movie::Video(3), movie::Audio(3)};
   MemPlayer p(movie::Build(s).bytes);
   EXPECT_EQ(p.Run(), "eos");
@@ -199,7 +199,7 @@ TEST(DemuxElement, PacketsCarryStartCodesAndAdtsHeaders) {
 TEST(DemuxElement, LivePacesThePackets) {
   LogCapture quiet(kiv::dbg::E);
   RegisterIFileDemuxer();
-  movie::Spec s;
+  movie::Layout s;
   s.tracks = {movie::Video(6, 40, 1)};
   for (bool live : {false, true}) {
     SCOPED_TRACE(live);
@@ -220,7 +220,7 @@ TEST(DemuxElement, LivePacesThePackets) {
 // What Open makes of the file's top level: a "moof" before any box of 64-bit size means a fragmented
 // file (whose engine is not in this build: a logged failure), anything else an ordinary one.
 TEST(DemuxElement, OpenTellsFragmentedFilesByATopLevelMoof) {
-  movie::Spec s;
+  movie::Layout s;
   s.tracks = {movie::Video(3)};
   const movie::Bytes plain = movie::Build(s).bytes;
   const movie::Bytes moof = boxtest::Box("moof", boxtest::kit::B("mfhd", "00000000 00000001"));

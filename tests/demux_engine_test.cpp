@@ -61,8 +61,8 @@ std::vector<std::string> Names(const std::vector<std::pair<int, int>>& order) {
 }
 
 // Video of 50 frames of 40 ms at 90 kHz, a key frame every 10 (0, 400, ... 1600 ms), and AAC beside it.
-movie::Spec AV() {
-  movie::Spec s;
+movie::Layout AV() {
+  movie::Layout s;
   s.tracks = {movie::Video(50, 3600, 10, 90000), movie::Audio(94)};
   return s;
 }
@@ -114,7 +114,7 @@ TEST(DemuxWalker, SeeksLandOnTheKeyFrameTheDirectionChooses) {
 
 // A track whose first frame is no key frame: a backward search ends at frame 0 all the same.
 TEST(DemuxWalker, BackwardAlignmentEndsAtTheFirstFrame) {
-  movie::Spec s;
+  movie::Layout s;
   s.tracks = {movie::Video(30, 40, 10, 1000)};
   for (size_t i = 0; i < 30; ++i) s.tracks[0].samples[i].key = i == 5 || i == 15;
   LogCapture quiet;
@@ -132,7 +132,7 @@ TEST(DemuxWalker, BackwardAlignmentEndsAtTheFirstFrame) {
 // Zero-length samples are never delivered and their time goes to the next frame with bytes; a run of
 // them at the end of the table ends the track with a line.
 TEST(DemuxWalker, ZeroLengthSamplesAreSkippedWithTheirTimeKept) {
-  movie::Spec s;
+  movie::Layout s;
   s.tracks = {movie::Video(8, 40, 100, 1000)};
   for (int i : {1, 4, 5, 7}) s.tracks[0].samples[size_t(i)].size = 0;
   LogCapture log;
@@ -151,7 +151,7 @@ TEST(DemuxWalker, ZeroLengthSamplesAreSkippedWithTheirTimeKept) {
 
 TEST(DemuxWalker, ExtFlagsRideOnOnePacketAndEosFlagsOnTheLastFrame) {
   LogCapture quiet(kiv::dbg::E);
-  movie::Spec s;
+  movie::Layout s;
   s.tracks = {movie::Video(4)};
   Engine e(movie::Build(s).bytes);
   StreamDemuxer* v = e.walker(0);
@@ -165,7 +165,7 @@ TEST(DemuxWalker, ExtFlagsRideOnOnePacketAndEosFlagsOnTheLastFrame) {
 // Tracks leave in the order their samples lie in the file, whatever their times.
 TEST(DemuxEngine, PacketsFollowTheFilePositionAcrossTracks) {
   LogCapture quiet(kiv::dbg::E);
-  movie::Spec s;
+  movie::Layout s;
   s.tracks = {movie::Video(4), movie::Audio(5)};
   struct Case {
     const char* name;
@@ -190,14 +190,14 @@ TEST(DemuxEngine, PacketsFollowTheFilePositionAcrossTracks) {
 TEST(DemuxEngine, WhichTracksPlay) {
   LogCapture log;
   {
-    movie::Spec s;
+    movie::Layout s;
     s.tracks = {movie::Video(3), movie::Video(3), movie::Audio(2)};
     Engine e(movie::Build(s).bytes);
     ASSERT_EQ(e.streams().size(), 3u);
     EXPECT_EQ(e.playAll(), (std::vector<std::string>{"0/0", "2/0", "2/1", "0/1", "0/2"}));
   }
   {
-    movie::Spec s;
+    movie::Layout s;
     s.tracks = {movie::Video(3), movie::Audio(2)};
     s.afterFirstTrak = boxtest::Box("udta", boxtest::Box("free"));
     Engine e(movie::Build(s).bytes);
@@ -206,7 +206,7 @@ TEST(DemuxEngine, WhichTracksPlay) {
     EXPECT_EQ(e.playAll(), (std::vector<std::string>{"0/0", "0/1", "0/2"}));
   }
   {
-    movie::Spec s;
+    movie::Layout s;
     s.tracks = {movie::Video(3), movie::Audio(2)};
     s.mdat = false;
     Engine e(movie::Build(s).bytes);
@@ -216,7 +216,7 @@ TEST(DemuxEngine, WhichTracksPlay) {
     EXPECT_TRUE(e.playAll().empty()) << "no track can play";
   }
   {
-    movie::Spec s;  // a sample entry of a codec without a track class is passed over
+    movie::Layout s;  // a sample entry of a codec without a track class is passed over
     s.tracks = {movie::Video(2), movie::Audio(2)};
     s.tracks[0].codec = "hvc1";
     Engine e(movie::Build(s).bytes);
@@ -229,7 +229,7 @@ TEST(DemuxEngine, WhichTracksPlay) {
 // play, the first frame behind it comes up short and the engine says -1. Whether the media box's size
 // was set to what is left or still claims the bytes that are gone (the box is then kept by its header).
 TEST(DemuxEngine, AFileCutInsideItsMediaPlaysUpToTheCutAndEndsInAnError) {
-  movie::Spec s;
+  movie::Layout s;
   s.tracks = {movie::Video(5)};
   s.moovFirst = true;
   const movie::Movie whole = movie::Build(s);

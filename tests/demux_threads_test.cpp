@@ -206,10 +206,10 @@ struct Oracle {
 TEST(DemuxThreads, SeekPauseResumeAndStopFromTheControlThread) {
   const unsigned seed = std::getenv("BOXWEAVE_SEED") ? unsigned(std::atoi(std::getenv("BOXWEAVE_SEED"))) : 20240611u;
   SCOPED_TRACE("BOXWEAVE_SEED=" + std::to_string(seed));
-  movie::Spec spec;
-  spec.tracks = {movie::Video(150, 3600, 12, 90000), movie::Audio(282)};
-  const movie::Movie file = movie::Build(spec);
-  Oracle oracle{Model(spec.tracks[0]), Model(spec.tracks[1])};
+  movie::Layout layout;
+  layout.tracks = {movie::Video(150, 3600, 12, 90000), movie::Audio(282)};
+  const movie::Movie file = movie::Build(layout);
+  Oracle oracle{Model(layout.tracks[0]), Model(layout.tracks[1])};
 
   LogCapture quiet(kiv::dbg::E);
   auto* io = new CountingIO(file.bytes);
