@@ -23,9 +23,12 @@
 #include "tests/LogCapture.h"
 #include "tests/MovieBytes.h"
 #include "tests/PlayRig.h"
+#include "tests/ProcessMemory.h"
 #include "tests/ToolRun.h"
 
 using namespace playtest;
+using boxtest::Bound;
+using boxtest::RssMiB;
 
 namespace {
 
@@ -72,23 +75,6 @@ class Watchdog {
   bool _armed = false, _quit = false;
   std::thread _t;
 };
-
-long RssMiB(const std::string& key = "VmHWM:") {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line))
-    if (line.rfind(key, 0) == 0) return std::atol(line.c_str() + key.size()) / 1024;
-  return 0;
-}
-
-// The address sanitizer holds freed blocks back for a while (256 MiB and its bookkeeping).
-long Bound(long mib) {
-#if defined(__SANITIZE_ADDRESS__)
-  return mib + 768;
-#else
-  return mib;
-#endif
-}
 
 struct Outcome {
   std::string end;  // "eos", "error", "open failed"

@@ -16,6 +16,7 @@
 
 #include "BoxBytes.h"
 #include "LogCapture.h"
+#include "ProcessMemory.h"
 #include "StblTestUtil.h"
 #include "io_test_util.h"
 #include "stream/base/io/IOFile.h"
@@ -38,26 +39,6 @@ std::string SparseFile(const iotest::TempDir& dir, const Bytes& head, long long 
   const bool ok = std::fwrite(head.data(), 1, head.size(), f) == head.size();
   std::fclose(f);
   return ok && ::truncate(path.c_str(), size) == 0 ? path : "";
-}
-
-// The peak ("VmHWM:") or present ("VmRSS:") resident size of this process, in MiB; ctest runs each
-// test in a process of its own.
-long RssMiB(const std::string& key = "VmHWM:") {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line))
-    if (line.rfind(key, 0) == 0) return std::atol(line.c_str() + key.size()) / 1024;
-  return 0;
-}
-
-// A memory bound in MiB; the address sanitizer holds freed blocks back for a while (256 MiB and its
-// bookkeeping), so it gets that much more.
-long Bound(long mib) {
-#if defined(__SANITIZE_ADDRESS__)
-  return mib + 768;
-#else
-  return mib;
-#endif
 }
 
 // A file read as the demuxer reads it, tables in memory.

@@ -1,21 +1,15 @@
-// "co64" on file: a chunk's 64-bit offset, read straight from its place in the table.
+// "co64" on file: a chunk's 64-bit offset, read as StcoReader reads the 32-bit one.
 #pragma once
 
-#include "stream/plugin/mp4/demux/extern/IStblReader.h"
+#include "stream/plugin/mp4/demux/extern/stbl/StcoReader.h"
 
 namespace kiv {
 namespace plugin {
 namespace mov {
 
-class Co64Reader : public IStblReader {
+class Co64Reader : public StcoReader {
  public:
-  Co64Reader();
-  // item.chunk to item.pos; a chunk outside the table is false without a line.
-  bool Parse(Item& item) override;
-  int GetFrameCount() const { return static_cast<int>(Entries()); }
-
- protected:
-  bool init(kiv::base::AttrSet& ap) override;
+  Co64Reader() { _list_item_size = 8; }
 };
 
 }  // namespace mov

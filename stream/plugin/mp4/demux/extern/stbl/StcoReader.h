@@ -1,4 +1,5 @@
-// "stco" on file: a chunk's 32-bit offset, read straight from its place in the table.
+// "stco" on file: a chunk's 32-bit offset, read straight from its place in the table; Co64Reader reads
+// the 64-bit form the same way.
 #pragma once
 
 #include "stream/plugin/mp4/demux/extern/IStblReader.h"
