@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <sstream>
 #include <string>
@@ -28,6 +30,19 @@ struct Decoded {
 // Decodes every picture and every sound frame. Pictures keep their decoding count (no frame dropped
 // or repeated for timing). A B-frame track carries a fixed pattern of composition offsets, so the
 // pictures come out with repeated time stamps: the raw writer's notes about them are allowed there.
+// A fresh scratch folder for one test process, named by prefix and process id, or "" with why set
+// when ffmpeg or ffprobe is missing.
+inline std::string ScratchDir(const std::string& prefix, std::string& why) {
+  if (!Shell("command -v ffmpeg") || !Shell("command -v ffprobe")) {
+    why = "ffmpeg or ffprobe is not installed";
+    return "";
+  }
+  std::string tmp = ::testing::TempDir();
+  if (!tmp.empty() && tmp.back() == '/') tmp.pop_back();
+  const std::string dir = tmp + "/" + prefix + std::to_string(::getpid());
+  return Shell("rm -rf " + dir + " && mkdir -p " + dir) ? dir : "";
+}
+
 inline Decoded Decode(const std::string& dir, const std::string& file, bool video, bool audio, bool bframes) {
   const std::string v = dir + "/decoded_v", a = dir + "/decoded_a", e = dir + "/decoded_err";
   std::string cmd = "ffmpeg -nostdin -v error -xerror -i " + file;

@@ -163,14 +163,8 @@ std::vector<std::string> Head(const std::vector<std::string>& v, size_t n) {
 class PlayGenerated : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    if (!Shell("command -v ffmpeg") || !Shell("command -v ffprobe")) {
-      why_ = "ffmpeg or ffprobe is not installed";
-      return;
-    }
-    std::string tmp = ::testing::TempDir();
-    if (!tmp.empty() && tmp.back() == '/') tmp.pop_back();
-    dir_ = tmp + "/bw_play_" + std::to_string(::getpid());
-    ready_ = Shell("rm -rf " + dir_ + " && mkdir -p " + dir_);
+    dir_ = generated::ScratchDir("bw_play_", why_);
+    ready_ = !dir_.empty();
   }
   static void TearDownTestSuite() {
     if (!dir_.empty()) Shell("rm -rf " + dir_);

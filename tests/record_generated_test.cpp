@@ -89,14 +89,9 @@ struct Movie {
 class GeneratedRecord : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    if (!Shell("command -v ffmpeg") || !Shell("command -v ffprobe")) {
-      why_ = "ffmpeg or ffprobe is not installed";
-      return;
-    }
-    std::string tmp = ::testing::TempDir();
-    if (!tmp.empty() && tmp.back() == '/') tmp.pop_back();
-    dir_ = tmp + "/bw_generated_" + std::to_string(::getpid());
-    Shell("rm -rf " + dir_ + " && mkdir -p " + dir_ + "/tmp");
+    dir_ = generated::ScratchDir("bw_generated_", why_);
+    if (dir_.empty()) return;
+    Shell("mkdir -p " + dir_ + "/tmp");
     const std::string samples = std::string(BOXWEAVE_SOURCE_DIR) + "/samples/";
     const std::string pictures = kPictures;
     why_ = "ffmpeg cannot encode H.264 with and without B-frames through libx264, or AAC";
