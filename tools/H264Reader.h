@@ -17,18 +17,18 @@
 #include <vector>
 
 #include "stream/base/Convert.h"
+#include "stream/core/Packet.h"
 
 namespace kiv {
 namespace stream {
 class IMedia;
-class Packet;
 }  // namespace stream
 }  // namespace kiv
 
 namespace boxweave {
 
 // The error value of the packet-producing calls (null is the end of the stream).
-inline kiv::stream::Packet* PacketError() { return reinterpret_cast<kiv::stream::Packet*>(intptr_t(-1)); }
+using kiv::stream::PacketError;
 
 // Slice types seen in a picture, one bit each (slice_type % 5).
 enum SliceBits : unsigned { kSliceP = 1, kSliceB = 2, kSliceI = 4, kSliceSP = 8, kSliceSI = 16 };

@@ -94,5 +94,8 @@ Packet* PacketAlloc(int size, int headroom = 0, int tailroom = 0);
 
 std::ostream& operator<<(std::ostream& os, const Packet& p);
 
+// What a packet producer returns for an error (null is the end of the stream): the pointer value -1.
+inline Packet* PacketError() { return reinterpret_cast<Packet*>(intptr_t(-1)); }
+
 }  // namespace stream
 }  // namespace kiv

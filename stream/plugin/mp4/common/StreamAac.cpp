@@ -396,7 +396,7 @@ Packet* StreamAac::demuxUpdatePacket(IO&, Packet* packet) {
     LOGE << "!pkt" << "," << "IStream GetPacket null!";
     return packet;
   }
-  if (packet == reinterpret_cast<Packet*>(intptr_t(-1))) {
+  if (packet == kiv::stream::PacketError()) {
     LOGE << "(pkt == (Packet*)-1)" << "," << "IStream GetPacket failed!";
     return packet;
   }

@@ -19,7 +19,6 @@ using kiv::base::Object;
 using kiv::stream::Packet;
 
 namespace {
-Packet* const kReadFailed = reinterpret_cast<Packet*>(intptr_t(-1));
 constexpr int kCheckedSize = 1 << 20;
 
 struct PacketRelease {
@@ -106,12 +105,12 @@ Packet* StreamDemuxer::GetPacket(IO& io, int last) {
   if (_frm.Size < 0 || _frm.Pos < 0 || (fileSize >= 0 && (_frm.Size > fileSize || _frm.Pos > fileSize - _frm.Size))) {
     LOGE << "(size<=0) || (size != frm.Size())" << " frame " << _frm.Index << " at " << _frm.Pos << " of "
          << _frm.Size << " bytes lies beyond the file's " << fileSize << " bytes";
-    return kReadFailed;
+    return kiv::stream::PacketError();
   }
   std::unique_ptr<Packet, PacketRelease> packet(kiv::stream::PacketAlloc(_frm.Size + 128, 64, 64));
   if (!packet) {
     LOGE << "!PacketAlloc(" << _frm.Size + 128 << ")";
-    return kReadFailed;
+    return kiv::stream::PacketError();
   }
   packet->index = _frm.Index;
   packet->pts = scale().ToMs(_frm.Pts) * 1000000;
@@ -122,12 +121,12 @@ Packet* StreamDemuxer::GetPacket(IO& io, int last) {
   if (!io.Seek(_frm.Pos, kiv::Position::front)) {
     LOGE << "!io.Seek(frm.Postion(),Position::front)" << " pos=" << _frm.Pos << " size=" << io.Size()
          << " at=" << io.Position();
-    return kReadFailed;
+    return kiv::stream::PacketError();
   }
   const long long size = io.Read(packet->Data(), _frm.Size);
   if (size <= 0 || size != _frm.Size) {
     LOGE << "(size<=0) || (size != frm.Size())" << " data=" << (packet->Data() ? "set" : "null") << " size=" << size;
-    return kReadFailed;
+    return kiv::stream::PacketError();
   }
   packet->Size(static_cast<int>(size));
   if (last >= 0 && last == _frm.Index) packet->flags |= _eos_flags;

@@ -17,7 +17,6 @@ namespace stream {
 using kiv::base::Message;
 
 namespace {
-Packet* const kPacketError = reinterpret_cast<Packet*>(intptr_t(-1));
 
 long long steadyNs() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
@@ -28,7 +27,7 @@ long long steadyNs() {
 struct PacketGuard {
   Packet* p;
   ~PacketGuard() {
-    if (p && p != kPacketError) p->Release();
+    if (p && p != PacketError()) p->Release();
   }
 };
 }  // namespace
@@ -107,7 +106,7 @@ int IDemuxer::ProcessPacket() {
     endRun("eos", "!msg->Attrs.Add(\"clock\",_clock)");
     return 0;
   }
-  if (packet == kPacketError) {
+  if (packet == PacketError()) {
     LOGE << "Error";
     endRun("error", "!msg->Attrs.Add(\"clock\", _clock)");
     return 0;
