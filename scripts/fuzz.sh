@@ -52,10 +52,13 @@ for f in "$seeds"/raw*.mov "$seeds"/raw*.mp4; do
     { printf "\\x$pick"; cat "$f"; } >"$seeds/box/$((i++))"
   done
 done
-# Whole files for the play target.
+# Whole files for the play target, behind the byte that picks the tables' way: in memory; on file
+# for every table with 32 KiB and with 256-byte blocks; on file over the default switch size.
 for f in "$seeds"/raw*.mov "$seeds"/raw*.mp4 "$seeds"/rec*.mov "$seeds"/rec*.mp4; do
   [ -s "$f" ] || continue
-  cp "$f" "$seeds/play/"
+  for pick in 00 03 0b 01; do
+    { printf "\\x$pick"; cat "$f"; } >"$seeds/play/$((i++))"
+  done
 done
 for f in samples/*.h264 samples/*.aac "$seeds"/raw.h264 "$seeds"/raw.aac; do
   [ -s "$f" ] || continue
