@@ -54,6 +54,11 @@ class IStblParser : public virtual kiv::base::Object {
   virtual long long GetFrameSize(int idx) = 0;
   virtual long long GetFrameDuration(int idx) = 0;
   virtual bool GetFrameIsKey(int idx) = 0;
+  // Right after GetFrameDuration(idx): the frames around idx that GetFrameDuration would give the same
+  // duration now, without any table moving; a walk by durations steps over them in one go. The first
+  // and the last of them; idx itself when the parser cannot tell.
+  virtual int SameDurationFirst(int idx) { return idx; }
+  virtual int SameDurationLast(int idx) { return idx; }
   virtual int GetLastKeyFrame() = 0;
 };
 

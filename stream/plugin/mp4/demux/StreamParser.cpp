@@ -1,5 +1,7 @@
 #include "stream/plugin/mp4/demux/StreamParser.h"
 
+#include <algorithm>
+
 #include "stream/base/dbg/Log.h"
 
 namespace kiv {
@@ -80,15 +82,29 @@ FrameInfo StreamParser::GetFrameInfo(int idx) {
   return f;
 }
 
+int StreamParser::sameDurationLast(int idx) { return _stblparser ? _stblparser->SameDurationLast(idx) : idx; }
+
+int StreamParser::sameDurationFirst(int idx) { return _stblparser ? _stblparser->SameDurationFirst(idx) : idx; }
+
+void StreamParser::moveCursor(long long frames, long long duration) {
+  // As many additions of the duration as frames, wrapping as they would.
+  _cursor_idx += static_cast<int>(frames);
+  _cursor_pts = static_cast<long long>(static_cast<unsigned long long>(_cursor_pts) +
+                                       static_cast<unsigned long long>(duration) * static_cast<unsigned long long>(frames));
+}
+
+// The walk steps a frame at a time; over frames that share their duration (a run of the tables, as
+// the parser tells) it counts the steps instead of making them, so a long jump costs a lookup a run.
 long long StreamParser::GetTimeStamp(int idx) {
   idx = LimitIndex(idx);
+  // A failed lookup (-1) is taken a frame at a time, as it comes.
   while (_cursor_idx < idx) {
-    _cursor_pts += frameDuration(_cursor_idx);
-    ++_cursor_idx;
+    const long long d = frameDuration(_cursor_idx);
+    moveCursor(d < 0 ? 1 : std::min(sameDurationLast(_cursor_idx), idx - 1) - _cursor_idx + 1, d);
   }
   while (_cursor_idx > idx) {
-    --_cursor_idx;
-    _cursor_pts -= frameDuration(_cursor_idx);
+    const long long d = frameDuration(_cursor_idx - 1);
+    moveCursor(d < 0 ? -1 : std::max(sameDurationFirst(_cursor_idx - 1), idx) - _cursor_idx, d);
   }
   return _cursor_pts;
 }
@@ -183,10 +199,17 @@ int StreamParser::GetIndex(long long pts, Approximate approx) {
         lowPts = highPts = _cursor_pts;
         break;
       }
-      const long long start = _cursor_pts - frameDuration(_cursor_idx - 1);
+      const long long d = frameDuration(_cursor_idx - 1);
+      const long long start = _cursor_pts - d;
       if (pts < start) {
-        --_cursor_idx;
-        _cursor_pts = start;
+        // Back over the frames of this duration while pts stays below the start stepped to.
+        long long k = 1;
+        if (d >= 0) {
+          k = _cursor_idx - sameDurationFirst(_cursor_idx - 1);
+          if (d > 0) k = std::min(k, (_cursor_pts - pts - 1) / d);
+          k = std::max(1LL, std::min(k, static_cast<long long>(_cursor_idx)));
+        }
+        moveCursor(-k, d);
         continue;
       }
       lowIdx = _cursor_idx - 1;
@@ -197,7 +220,8 @@ int StreamParser::GetIndex(long long pts, Approximate approx) {
     }
   } else {
     for (;;) {
-      const long long next = _cursor_pts + frameDuration(_cursor_idx);
+      const long long d = frameDuration(_cursor_idx);
+      const long long next = _cursor_pts + d;
       if (_cursor_idx >= last) {
         // The tables end before the track's length says: the last frame is the latest there is.
         lowIdx = highIdx = _cursor_idx;
@@ -205,8 +229,14 @@ int StreamParser::GetIndex(long long pts, Approximate approx) {
         break;
       }
       if (next < pts) {
-        ++_cursor_idx;
-        _cursor_pts = next;
+        // On over the frames of this duration while the next start stays below pts, up to the last.
+        long long k = 1;
+        if (d >= 0) {
+          k = sameDurationLast(_cursor_idx) - _cursor_idx + 1;
+          if (d > 0) k = std::min(k, (pts - _cursor_pts - 1) / d);
+          k = std::max(1LL, std::min(k, static_cast<long long>(last - _cursor_idx)));
+        }
+        moveCursor(k, d);
         continue;
       }
       lowIdx = _cursor_idx;

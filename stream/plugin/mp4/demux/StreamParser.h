@@ -68,6 +68,10 @@ class StreamParser {
                               Approximate approx, long long& chosenPts);
   // Duration of a frame in track units, 0 for one the tables do not hold.
   long long frameDuration(int idx);
+  int sameDurationLast(int idx);
+  int sameDurationFirst(int idx);
+  // The cursor moved by frames (back when negative) that each last duration.
+  void moveCursor(long long frames, long long duration);
   // The current frame is the used one: it has been made into a packet.
   void markUsed() { _frm.Flags |= FrameInfo::kUsed; }
 

@@ -7,7 +7,9 @@
 #include "stream/base/dbg/Log.h"
 #include "stream/plugin/mp4/BoxWeave.h"
 #include "stream/plugin/mp4/common/Stbl.h"
+#include "stream/plugin/mp4/demux/extern/stbl/StscReader.h"
 #include "stream/plugin/mp4/demux/extern/stbl/StszReader.h"
+#include "stream/plugin/mp4/demux/extern/stbl/SttsReader.h"
 
 namespace kiv {
 namespace plugin {
@@ -36,11 +38,11 @@ bool StblParser::Init(IBox* box) {
     _parsers.push_back(reader);
     switch (c->FourCC()) {
       case FCC("stss"): _stssparser = reader; break;
-      case FCC("stsc"): _stscparser = reader; break;
+      case FCC("stsc"): _stscparser = reader, _stsc = dynamic_cast<StscReader*>(reader); break;
       case FCC("stco"):
       case FCC("co64"): _stcoparser = reader; break;
-      case FCC("stts"): _sttsparser = reader; break;
-      case FCC("stsz"): _stszparser = reader; break;
+      case FCC("stts"): _sttsparser = reader, _stts = dynamic_cast<SttsReader*>(reader); break;
+      case FCC("stsz"): _stszparser = reader, _stsz = dynamic_cast<StszReader*>(reader); break;
       case FCC("ctts"): _cttsparser = reader; break;
       default: break;
     }
@@ -114,7 +116,7 @@ bool StblParser::positionInChunk(const Item& item, int64_t& pos) {
   }
   pos = static_cast<int64_t>(at);
   if (!_stszparser) return true;
-  if (auto* sz = dynamic_cast<StszReader*>(_stszparser); sz && sz->SampleSize()) {
+  if (StszReader* sz = _stsz; sz && sz->SampleSize()) {
     pos = static_cast<int64_t>(at + static_cast<uint64_t>(item.sample - from) * sz->SampleSize());
     return true;
   }
@@ -193,6 +195,39 @@ long long StblParser::GetFrameDuration(int idx) {
   return static_cast<long long>(xSampleNum(item, item.duration));
 }
 
+// A frame's duration comes from the stts run that holds its sample, once the stsc walk has found the
+// sample (which moves nothing in sample mode but its own reader). Where both readers answer without
+// loading an entry, every frame gets the run's delta: a walk over them needs no lookup a frame. The
+// frame last given out answers from its own record, so a run stops short of it.
+int StblParser::SameDurationLast(int idx) {
+  SttsReader* stts = _stts;
+  StscReader* stsc = _stsc;
+  const long long sample = static_cast<long long>(idx) + 1;
+  if (!_frame_is_sample || !stts || !stsc || getFrameIndex(_item) == idx || beyond(idx)) return idx;
+  if (sample < stts->StillFirst() || sample > stts->StillLast()) return idx;
+  const unsigned long long stscLast = std::min(stsc->StillLast(static_cast<unsigned long long>(sample)),
+                                               static_cast<unsigned long long>(INT_MAX));
+  long long last =
+      std::min({stts->StillLast(), static_cast<long long>(GetFrameCount()), static_cast<long long>(stscLast)}) - 1;
+  const long long given = getFrameIndex(_item);
+  if (given > idx && given <= last) last = given - 1;
+  return last > idx ? static_cast<int>(last) : idx;
+}
+
+int StblParser::SameDurationFirst(int idx) {
+  SttsReader* stts = _stts;
+  StscReader* stsc = _stsc;
+  const long long sample = static_cast<long long>(idx) + 1;
+  if (!_frame_is_sample || !stts || !stsc || getFrameIndex(_item) == idx || beyond(idx)) return idx;
+  if (sample < stts->StillFirst() || sample > stts->StillLast()) return idx;
+  long long first = std::max({stts->StillFirst(), 1LL,
+                              static_cast<long long>(stsc->StillFirst(static_cast<unsigned long long>(sample)))}) -
+                    1;
+  const long long given = getFrameIndex(_item);
+  if (given >= first && given < idx) first = given + 1;
+  return first < idx ? static_cast<int>(first) : idx;
+}
+
 bool StblParser::GetFrameIsKey(int idx) {
   if (getFrameIndex(_item) == idx) return _item.is_key;
   if (beyond(idx)) return false;
@@ -238,7 +273,7 @@ int StblParser::GetSampleCount() {
   // than one a chunk without sizes (as the list in memory is cut), so that no walk runs over samples
   // that are not there.
   unsigned long long described = static_cast<unsigned long long>(std::max(_chunk_cnt, 0));
-  if (auto* sz = dynamic_cast<StszReader*>(_stszparser)) described = std::max(described, sz->DescribedSamples());
+  if (StszReader* sz = _stsz) described = std::max(described, sz->DescribedSamples());
   if (static_cast<unsigned long long>(count) > described) {
     LOGE << "samples " << count << " > " << described << ", what the tables describe";
     count = static_cast<int>(described);

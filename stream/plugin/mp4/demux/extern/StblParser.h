@@ -14,6 +14,10 @@ namespace kiv {
 namespace plugin {
 namespace mov {
 
+class StscReader;
+class StszReader;
+class SttsReader;
+
 class StblParser : public IStblParser {
  public:
   StblParser() = default;
@@ -25,6 +29,8 @@ class StblParser : public IStblParser {
   long long GetFrameSize(int idx) override;
   long long GetFrameDuration(int idx) override;
   bool GetFrameIsKey(int idx) override;
+  int SameDurationFirst(int idx) override;
+  int SameDurationLast(int idx) override;
   // Without a sync table the last frame. With one the question goes to the stss reader, which has no
   // answer: 0, with a log line. A forward seek past the last key frame of such a track lands on frame
   // 0 (the list in memory gives the last key frame).
@@ -52,6 +58,10 @@ class StblParser : public IStblParser {
   IStblReader* _stssparser = nullptr;
   IStblReader* _stszparser = nullptr;
   IStblReader* _sttsparser = nullptr;
+  // The same readers by their own types, for what only they can tell.
+  StscReader* _stsc = nullptr;
+  StszReader* _stsz = nullptr;
+  SttsReader* _stts = nullptr;
   std::vector<IStblReader*> _parsers;
   int _chunk_cnt = 0;
   int _sample_cnt = 0;

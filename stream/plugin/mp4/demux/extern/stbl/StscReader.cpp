@@ -133,6 +133,18 @@ bool StscReader::ParseBySampleIndex(Item& item) {
   return true;
 }
 
+unsigned long long StscReader::StillLast(unsigned long long sample) const {
+  if (Entries() < 2) return _cur.samples_per_chunk ? ~0ull : sample;
+  if (sample < _first_sample || sample > _next_first_sample || !_cur.samples_per_chunk) return sample;
+  return _next.samples_per_chunk ? _next_first_sample : _next_first_sample - 1;
+}
+
+unsigned long long StscReader::StillFirst(unsigned long long sample) const {
+  if (Entries() < 2) return _cur.samples_per_chunk ? 1 : sample;
+  if (sample < _first_sample || sample >= _next_first_sample || !_cur.samples_per_chunk) return sample;
+  return _first_sample;
+}
+
 int StscReader::GetSampleNumber(int chunkCount) {
   const long long back = position();
   if (!seek(_list_begin_pos)) {

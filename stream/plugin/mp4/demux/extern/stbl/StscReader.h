@@ -18,6 +18,10 @@ class StscReader : public IStblReader {
   bool Parse(Item& item) override;
   // Property "get_sample_cnt": the samples of chunkCount chunks.
   int GetSampleNumber(int chunkCount);
+  // The samples from `sample` on (or back) that Parse by sample answers without loading an entry and
+  // without failing; `sample` itself when it is not such a sample.
+  unsigned long long StillLast(unsigned long long sample) const;
+  unsigned long long StillFirst(unsigned long long sample) const;
 
  protected:
   bool init(kiv::base::AttrSet& ap) override;

@@ -21,6 +21,10 @@ class SttsReader : public IStblReader {
   // Property "get_total_duration": run times delta over the box's count of entries, from behind the
   // first one (so the first run is left out).
   long long GetTotalDuration();
+  // The samples Parse answers with the current run's delta without loading an entry (its bounds
+  // include the first sample of the next run, as Parse's do).
+  long long StillFirst() const { return _first_sample; }
+  long long StillLast() const { return _first_sample + _run.run; }
 
  protected:
   bool init(kiv::base::AttrSet& ap) override;
