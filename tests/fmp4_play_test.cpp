@@ -4,6 +4,7 @@
 // remuxed into plain files.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <map>
@@ -419,6 +420,72 @@ TEST_F(FragmentedPlay, RemuxIntoPlainFilesKeepsEveryFrame) {
       if (remuxed.size() == sound.size() + 1) remuxed.erase(remuxed.begin());
       EXPECT_EQ(remuxed, sound);
     }
+}
+
+// The options of play on fragmented files: the thumbnail through the element, a play range, pacing.
+TEST_F(FragmentedPlay, PlayOptionsWorkOnFragmentedFiles) {
+  // A thumbnail box in front of the first fragment: the element gives it.
+  const std::string whole = ReadWhole(Path("indexed.mp4"));
+  const std::vector<TopBox> top = TopLevel(whole);
+  ASSERT_EQ(top[2].code, "moof");
+  std::string jpeg = "\xff\xd8\xff\xe0";
+  for (int i = 0; i < 300; ++i) jpeg += static_cast<char>(i * 7);
+  std::string thum;
+  PutBe32(thum, static_cast<uint32_t>(8 + jpeg.size()));
+  thum += "thum" + jpeg;
+  // Moved by the box: the index's positions and the runs' base positions would have to follow, so
+  // the file with a thumbnail has no index and plays from the head.
+  std::string thumbed = WithoutIndex(whole);
+  thumbed.insert(top[2].at, thum);
+  for (const TopBox& moof : TopLevel(thumbed))
+    if (moof.code == "moof")
+      for (const TopBox& traf : Children(thumbed, moof))
+        for (const TopBox& box : Children(thumbed, traf))
+          if (box.code == "tfhd" && (Be32(thumbed, box.at + 8) & 1))
+            SetBe32(thumbed, box.at + 20, Be32(thumbed, box.at + 20) + static_cast<uint32_t>(thum.size()));
+  ASSERT_TRUE(WriteFile(Path("thumbed.mp4"), thumbed));
+
+  const std::vector<IndexTrack> index = ReadIndex(whole);
+  const long long scale = TimeBase(Path("indexed.mp4"));
+  ASSERT_GT(scale, 0);
+  const long long fifth = std::llround(static_cast<double>(index[0].entries[4].first) * 1000 / scale);
+  const struct {
+    const char* file;
+    std::string args;
+    long long firstMs, lastAtMost;  // video times
+    size_t video;                   // packets; 0: not checked
+    const char* out;                // a text play prints
+  } cases[] = {
+      {"thumbed.mp4", "--thumb-out " + Path("thumb.jpg"), 0, 4000, 120, "thumbnail: 304 bytes from the element to"},
+      {"indexed.mp4", "--from " + std::to_string(fifth - 200), fifth, 4000, 60, ""},
+      {"noindex.mp4", "--from 1700", 0, 4000, 120, ""},  // no index: the start cannot move
+      {"indexed.mp4", "--to 1000", 0, 1000, 0, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.file) + " " + c.args);
+    const Played p = Play(Path(c.file) + " " + c.args);
+    ASSERT_EQ(p.run.status, 0) << p.run.err;
+    ASSERT_FALSE(p.video.empty());
+    EXPECT_EQ(Ms(p.video.front().time), c.firstMs);
+    EXPECT_LE(Ms(p.video.back().time), c.lastAtMost);
+    if (c.video) {
+      EXPECT_EQ(p.video.size(), c.video);
+    } else {
+      EXPECT_GT(Ms(p.video.back().time), c.lastAtMost - 50) << "up to the end of the range";
+    }
+    if (*c.out) {
+      EXPECT_NE(p.run.out.find(c.out), std::string::npos) << p.run.out;
+    }
+  }
+  EXPECT_TRUE(ReadWhole(Path("thumb.jpg")) == jpeg);
+
+  // Paced by the clock: 600 ms of the file take about as long.
+  const auto start = std::chrono::steady_clock::now();
+  const Played live = Play(Path("noindex.mp4") + " --live --to 600");
+  const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+  ASSERT_EQ(live.run.status, 0) << live.run.err;
+  EXPECT_GE(took.count(), 500);
+  EXPECT_GT(live.video.size(), 15u);
 }
 
 }  // namespace
