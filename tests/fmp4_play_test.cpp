@@ -160,9 +160,14 @@ TEST_F(FragmentedPlay, FilesPlayAsTheirPlainCopyWithSeekOnlyByTheirOwnIndex) {
     if (*c.note) {
       EXPECT_NE(p.run.err.find(c.note), std::string::npos) << p.run.err;
     }
-    const ToolResult seek = RunTool("play " + Path(c.file) + " --seek 1700");
-    ASSERT_EQ(seek.status, 0) << seek.err;
-    EXPECT_NE(seek.out.find(c.seekable ? "seek ms=1700\n" : "seek ms=1700 refused\n"), std::string::npos) << seek.out;
+    // A refused seek leaves the play going on from where it was.
+    const Played seek = Play(Path(c.file) + " --seek 1700");
+    ASSERT_EQ(seek.run.status, 0) << seek.run.err;
+    EXPECT_NE(seek.run.out.find(c.seekable ? "seek ms=1700\n" : "seek ms=1700 refused\n"), std::string::npos)
+        << seek.run.out;
+    if (!c.seekable) {
+      EXPECT_EQ(seek.video.size(), probedVideo.size());
+    }
   }
 }
 
@@ -414,11 +419,8 @@ TEST_F(FragmentedPlay, RemuxIntoPlainFilesKeepsEveryFrame) {
       const ToolResult r = RunTool("remux " + Path(in) + " " + out);
       ASSERT_EQ(r.status, 0) << r.err;
       EXPECT_EQ(generated::FrameMd5s(out, "v"), pictures);
-      // ffmpeg hides the encoder's first sound frame by the edit list of its file; the remux plays it.
-      std::vector<std::string> remuxed = generated::FrameMd5s(out, "a");
-      ASSERT_FALSE(remuxed.empty());
-      if (remuxed.size() == sound.size() + 1) remuxed.erase(remuxed.begin());
-      EXPECT_EQ(remuxed, sound);
+      // ffmpeg's fragmented files have no edit list: every sound frame is heard in both.
+      EXPECT_EQ(generated::FrameMd5s(out, "a"), sound);
     }
 }
 

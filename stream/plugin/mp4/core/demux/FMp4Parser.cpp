@@ -6,6 +6,7 @@
 #include <string>
 
 #include "stream/base/AttrSet.h"
+#include "stream/base/Helpers.h"
 #include "stream/base/dbg/Log.h"
 #include "stream/base/io/IOBlockReader.h"
 #include "stream/core/Packet.h"
@@ -212,7 +213,7 @@ unsigned long long FMp4Parser::FindNextTopBox(IO& io, unsigned long long pos, lo
   }
   uint32_t want = 0;
   const bool any = !fcc || !*fcc;
-  if (!any) std::memcpy(&want, fcc, std::min<size_t>(4, std::strlen(fcc)));
+  if (!any) kiv::Convert32(want, fcc, 0, 4);
   IOIntReader in(io);
   while (io.Position() < pos1) {
     const long long at = io.Position();
