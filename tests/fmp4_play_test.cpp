@@ -402,6 +402,7 @@ TEST_F(FragmentedPlay, InfoGivesTheLengthTheMovieExtendsHeaderHolds) {
       ASSERT_TRUE(WriteFile(path, c.bytes));
       const ToolResult r = RunTool("info --summary " + path);
       EXPECT_NE(r.out.find("fragmented, duration 4.250 s"), std::string::npos) << r.out;
+      EXPECT_EQ(r.err.find("BpSC|"), std::string::npos) << "no raw log lines\n" << r.err;
     }
   }
 }

@@ -219,8 +219,13 @@ std::string fragmentedLength(const std::string& path) {
   kiv::base::Object::AttrSetInit(ap, nullptr, "FMp4Info-fmp4-info");
   std::unique_ptr<kiv::base::Object> info(kiv::base::Object::New<kiv::base::Object>(ap));
   unsigned long long ms = 0;
-  if (!info || !info->setString("url", path.c_str()) || !info->Get("duration", ms))
-    return "  fragmented, duration unknown (no information object)\n";
+  // The object parses the head again: its complaints are those already noted.
+  kiv::dbg::SetSink([](int, const std::string& line) {
+    if (kiv::dbg::GetLevel() >= kiv::dbg::I) std::cerr << line;
+  });
+  const bool told = info && info->setString("url", path.c_str()) && info->Get("duration", ms);
+  kiv::dbg::SetSink(nullptr);
+  if (!told) return "  fragmented, duration unknown (no information object)\n";
   char buf[64];
   std::snprintf(buf, sizeof buf, "%.3f", static_cast<double>(ms) / 1000.0);
   return std::string("  fragmented, duration ") + buf + " s" + (ms ? "" : " (no mehd)") + "\n";
