@@ -17,6 +17,7 @@
 
 #include "stream/base/dbg/Log.h"
 #include "stream/base/io/IOBlockReader.h"
+#include "stream/base/reflect/Object.h"
 #include "stream/plugin/mp4/common/IBox.h"
 #include "stream/plugin/mp4/common/Stbl.h"
 #include "tools/Cli.h"
@@ -211,6 +212,25 @@ std::string tablesWay(const IBox& stbl, long long switchSize) {
   return s;
 }
 
+// A fragmented file's length as the plug-in's information object tells it (from "mehd", without a
+// demuxer and without reading a sample); 0 when the file has none.
+std::string fragmentedLength(const std::string& path) {
+  AttrSet ap;
+  kiv::base::Object::AttrSetInit(ap, nullptr, "FMp4Info-fmp4-info");
+  std::unique_ptr<kiv::base::Object> info(kiv::base::Object::New<kiv::base::Object>(ap));
+  unsigned long long ms = 0;
+  // The object parses the head again: its complaints are those already noted.
+  kiv::dbg::SetSink([](int, const std::string& line) {
+    if (kiv::dbg::GetLevel() >= kiv::dbg::I) std::cerr << line;
+  });
+  const bool told = info && info->setString("url", path.c_str()) && info->Get("duration", ms);
+  kiv::dbg::SetSink(nullptr);
+  if (!told) return "  fragmented, duration unknown (no information object)\n";
+  char buf[64];
+  std::snprintf(buf, sizeof buf, "%.3f", static_cast<double>(ms) / 1000.0);
+  return std::string("  fragmented, duration ") + buf + " s" + (ms ? "" : " (no mehd)") + "\n";
+}
+
 void printSummary(const IBox& root, const std::string& path, long long size, kiv::base::IO& io, long long switchSize,
                   std::ostream& os) {
   std::string top;
@@ -220,6 +240,7 @@ void printSummary(const IBox& root, const std::string& path, long long size, kiv
     fragments += std::strcmp(c->FCCString(), "moof") == 0;
   }
   os << Printable(path) << ": " << size << " bytes, boxes: " << top << "\n";
+  if (fragments > 0) os << fragmentedLength(path);
   const IBox* moov = child(&root, "moov");
   int n = 0;
   for (const IBox* trak = moov ? moov->Child() : nullptr; trak; trak = trak->Next()) {

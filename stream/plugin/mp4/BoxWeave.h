@@ -31,10 +31,13 @@ extern "C" {
 void RegisterBoxWeave();
 void RegisterMovMuxer();
 void RegisterMp4Muxer();
+void RegisterFMp4Info();
 void RegisterMp4Demuxer();
 void RegisterIFileDemuxer();
 void RegisterMovStreamH264();
 void RegisterMovStreamAac();
+void RegisterMp4DemuxerStreamH264Fragment();
+void RegisterMp4DemuxerStreamAacFragment();
 void RegisterVideoTags();
 void RegisterListParser();
 void RegisterStblParser();

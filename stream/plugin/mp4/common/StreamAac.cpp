@@ -335,48 +335,7 @@ bool StreamAac::setExtraData(IMedia* media) {
 
 bool StreamAac::demuxConfig(kiv::base::Object*) {
   if (!newDemuxMedia("aac")) return false;
-  auto* esds = _trak ? dynamic_cast<cesds*>(_trak->Find("esds")) : nullptr;
-  if (!esds) {
-    LOGE << "!esds";
-    return false;
-  }
-  if (!_media->Set("bitrate", static_cast<int>(esds->_avg_bitrate))) {
-    LOGE << "!_media->Set(\"bitrate\", (int)esds->_bitrate_avg)";
-    return false;
-  }
-  if (!setExtraData(_media)) return false;
-
-  auto* mp4a = dynamic_cast<cmp4a*>(_trak->Find("mp4a"));
-  if (!mp4a) {
-    LOGE << "!mp4a";
-    return false;
-  }
-  if (!_media->Set("rate", static_cast<int>(mp4a->_sample_rate))) {
-    LOGE << "!_media->Set(\"rate\", (int)mp4a->_rate0)";
-    return false;
-  }
-  if (!_media->Set("channel", static_cast<int>(mp4a->_channels))) {
-    LOGE << "!_media->Set(\"channel\",(int)mp4a->_channels)";
-    return false;
-  }
-  if (!_media->Set("depth", static_cast<int>(mp4a->_sample_size))) {
-    LOGE << "!_media->Set(\"depth\",(int)mp4a->_depth)";
-    return false;
-  }
-  if (!_media->Set("width", static_cast<int>(mp4a->_sample_size + 7) / 8)) {
-    LOGE << "!_media->Set(\"width\", (int)(mp4a->_depth+7)/8)";
-    return false;
-  }
-  if (!_media->Set("frmSampNum", static_cast<int>(_frmSampNum))) {
-    LOGE << "!_media->Set(\"frmSampNum\", (int)_frmSampNum)";
-    return false;
-  }
-  if (!_trak->Find("stts")) {
-    LOGE << "!stts";
-    return false;
-  }
-  _ch = mp4a->_channels;
-  _rate = mp4a->_sample_rate;
+  if (!DemuxMedia(_trak, _media, _frmSampNum, _rate, _ch)) return false;
   _adtslen = 0;
   if (CreateAdts()) _adtslen = 7;
   if (!_media->Set("adtslen", static_cast<long long>(_adtslen))) {
@@ -391,7 +350,60 @@ bool StreamAac::demuxConfig(kiv::base::Object*) {
   return true;
 }
 
+bool StreamAac::DemuxMedia(IBox* trak, IMedia* media, unsigned frmSampNum, unsigned& rate, unsigned& channels) {
+  auto* esds = trak && media ? dynamic_cast<cesds*>(trak->Find("esds")) : nullptr;
+  if (!esds) {
+    LOGE << "!esds";
+    return false;
+  }
+  if (!media->Set("bitrate", static_cast<int>(esds->_avg_bitrate))) {
+    LOGE << "!_media->Set(\"bitrate\", (int)esds->_bitrate_avg)";
+    return false;
+  }
+  if (!media->Extra(esds->_extra, esds->_extra ? static_cast<int>(esds->_extra_size) : 0)) {
+    LOGE << "!_media->Extra(esds->_extraBuf,esds->_extraLen)";
+    return false;
+  }
+
+  auto* mp4a = dynamic_cast<cmp4a*>(trak->Find("mp4a"));
+  if (!mp4a) {
+    LOGE << "!mp4a";
+    return false;
+  }
+  if (!media->Set("rate", static_cast<int>(mp4a->_sample_rate))) {
+    LOGE << "!_media->Set(\"rate\", (int)mp4a->_rate0)";
+    return false;
+  }
+  if (!media->Set("channel", static_cast<int>(mp4a->_channels))) {
+    LOGE << "!_media->Set(\"channel\",(int)mp4a->_channels)";
+    return false;
+  }
+  if (!media->Set("depth", static_cast<int>(mp4a->_sample_size))) {
+    LOGE << "!_media->Set(\"depth\",(int)mp4a->_depth)";
+    return false;
+  }
+  if (!media->Set("width", static_cast<int>(mp4a->_sample_size + 7) / 8)) {
+    LOGE << "!_media->Set(\"width\", (int)(mp4a->_depth+7)/8)";
+    return false;
+  }
+  if (!media->Set("frmSampNum", static_cast<int>(frmSampNum))) {
+    LOGE << "!_media->Set(\"frmSampNum\", (int)_frmSampNum)";
+    return false;
+  }
+  if (!trak->Find("stts")) {
+    LOGE << "!stts";
+    return false;
+  }
+  channels = mp4a->_channels;
+  rate = mp4a->_sample_rate;
+  return true;
+}
+
 Packet* StreamAac::demuxUpdatePacket(IO&, Packet* packet) {
+  return PutAdts(packet, _media, _adts, _adtslen, _adtslenTold);
+}
+
+Packet* StreamAac::PutAdts(Packet* packet, IMedia* media, unsigned char adts[7], unsigned& adtslen, long long& told) {
   if (!packet) {
     LOGE << "!pkt" << "," << "IStream GetPacket null!";
     return packet;
@@ -402,21 +414,21 @@ Packet* StreamAac::demuxUpdatePacket(IO&, Packet* packet) {
   }
   const unsigned char* d = packet->Data();
   if (d && packet->Size() >= 2 && d[0] == 0xFF && (d[1] >> 4) == 0xF) {
-    _adtslen = 7;  // the frame carries its header already
-  } else if (_adtslen >= static_cast<unsigned>(packet->Offset())) {
-    _adtslen = 0;  // no room in front of the payload
+    adtslen = 7;  // the frame carries its header already
+  } else if (adtslen >= static_cast<unsigned>(packet->Offset())) {
+    adtslen = 0;  // no room in front of the payload
     return packet;
-  } else if (_adtslen) {
-    AdtsUpdate(static_cast<unsigned>(packet->Size()));
-    const unsigned n = std::min<unsigned>(_adtslen, sizeof _adts);
-    if (n < _adtslen) LOGE << "adtslen " << _adtslen << " > " << sizeof _adts;
-    packet->Prepend(_adts, static_cast<int>(n));
+  } else if (adtslen) {
+    AdtsLength(adts, static_cast<unsigned>(packet->Size()) + adtslen);
+    const unsigned n = std::min<unsigned>(adtslen, 7);
+    if (n < adtslen) LOGE << "adtslen " << adtslen << " > " << 7;
+    packet->Prepend(adts, static_cast<int>(n));
   }
   packet->CheckKey();
-  if (_media && _adtslenTold != static_cast<long long>(_adtslen)) {
-    _adtslenTold = _adtslen;
-    if (!_media->Set("adtslen", static_cast<long long>(_adtslen))) LOGE << "!_media->Set(\"adtslen\",_adtslen)";
-    if (!_media->Set("hasadts", _adtslen != 0)) LOGE << "!_media->Set(\"hasadts\",(bool)_adtslen)";
+  if (media && told != static_cast<long long>(adtslen)) {
+    told = adtslen;
+    if (!media->Set("adtslen", static_cast<long long>(adtslen))) LOGE << "!_media->Set(\"adtslen\",_adtslen)";
+    if (!media->Set("hasadts", adtslen != 0)) LOGE << "!_media->Set(\"hasadts\",(bool)_adtslen)";
   }
   return packet;
 }

@@ -45,6 +45,13 @@ class StreamAac : public IStream {
   static void AdtsHeader(unsigned rate, unsigned channels, unsigned char out[7]);
   static void AdtsLength(unsigned char adts[7], unsigned length);
 
+  // The demuxing side of every AAC track, plain or fragmented. DemuxMedia: the media's attributes from
+  // the track's "esds" and "mp4a" (its "stts" must stand); rate and channels come back. PutAdts: a
+  // frame read from the file gets the header (adts, adtslen) in front, unless it has one already or
+  // no room; the media is told a changed header length (told: the length it knows).
+  static bool DemuxMedia(IBox* trak, IMedia* media, unsigned frmSampNum, unsigned& rate, unsigned& channels);
+  static Packet* PutAdts(Packet* packet, IMedia* media, unsigned char adts[7], unsigned& adtslen, long long& told);
+
   unsigned _rate = 0;
   unsigned _ch = 1;
   unsigned _adtslen = 0;

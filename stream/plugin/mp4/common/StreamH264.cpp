@@ -317,8 +317,10 @@ bool StreamH264::demuxConfig(kiv::base::Object*) {
   return true;
 }
 
-bool StreamH264::setExtraData(IMedia* media) {
-  auto* avcc = _trak ? dynamic_cast<cavcC*>(_trak->Find("avcC")) : nullptr;
+bool StreamH264::setExtraData(IMedia* media) { return ExtraFromAvcC(_trak, media, _spsSize, _ppsSize); }
+
+bool StreamH264::ExtraFromAvcC(IBox* trak, IMedia* media, unsigned& spsSize, unsigned& ppsSize) {
+  auto* avcc = trak ? dynamic_cast<cavcC*>(trak->Find("avcC")) : nullptr;
   if (!avcc) {
     LOGI << "can not find avcc";
     return false;
@@ -326,8 +328,8 @@ bool StreamH264::setExtraData(IMedia* media) {
   unsigned char buffer[64] = {};
   unsigned sps = avcc->_sps ? avcc->_sps_size : 0;
   unsigned pps = avcc->_pps ? avcc->_pps_size : 0;
-  _spsSize = avcc->_sps_size;
-  _ppsSize = avcc->_pps_size;
+  spsSize = avcc->_sps_size;
+  ppsSize = avcc->_pps_size;
   if (8 + sps + pps > sizeof buffer) {
     LOGE << "sps " << sps << " + pps " << pps << " do not fit the extra data buffer";
     sps = std::min<unsigned>(sps, sizeof buffer - 8);
@@ -344,7 +346,9 @@ bool StreamH264::setExtraData(IMedia* media) {
   return true;
 }
 
-Packet* StreamH264::demuxUpdatePacket(IO&, Packet* packet) {
+Packet* StreamH264::demuxUpdatePacket(IO&, Packet* packet) { return RestoreStartCodes(packet, _spsSize, _ppsSize); }
+
+Packet* StreamH264::RestoreStartCodes(Packet* packet, unsigned spsSize, unsigned ppsSize) {
   if (!packet) {
     LOGE << "!pkt" << "," << "IStream GetPacket null!";
     return packet;
@@ -381,12 +385,12 @@ Packet* StreamH264::demuxUpdatePacket(IO&, Packet* packet) {
     next(len);
   }
   len = length();
-  if (((nal() & 31) == 7 && len == _spsSize) || len == 1) {
+  if (((nal() & 31) == 7 && len == spsSize) || len == 1) {
     toStartCode();
     next(len);
   }
   len = length();
-  if (((nal() & 31) == 8 && len == _ppsSize) || len == 1) {
+  if (((nal() & 31) == 8 && len == ppsSize) || len == 1) {
     toStartCode();
     next(len);
     len = length();

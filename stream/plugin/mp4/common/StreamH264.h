@@ -46,6 +46,12 @@ class StreamH264 : public IStream {
   // Extra data of a demuxed media: 00 00 00 01 SPS 00 00 00 01 PPS.
   virtual bool setExtraData(IMedia* media);
 
+  // The demuxing side of every H.264 track, plain or fragmented: the extra data from the track's
+  // "avcC" (and the sizes of its parameter sets), and a sample read from the file turned back into
+  // start-code form for the units a sample of this system begins with.
+  static bool ExtraFromAvcC(IBox* trak, IMedia* media, unsigned& spsSize, unsigned& ppsSize);
+  static Packet* RestoreStartCodes(Packet* packet, unsigned spsSize, unsigned ppsSize);
+
   // Table-on-file mode: the new records into the tables.
   void ConcateModeUpdate();
 

@@ -8,6 +8,7 @@
 #include "stream/base/io/IO.h"
 #include "stream/base/reflect/IClass.h"
 #include "stream/plugin/mp4/BoxWeave.h"
+#include "stream/plugin/mp4/core/demux/FMp4Parser.h"
 #include "stream/plugin/mp4/core/demux/Mp4Parser.h"
 
 namespace kiv {
@@ -78,8 +79,8 @@ bool Mp4Demuxer::Open() {
   }
   dropEngine();
   if (FindTopFcc("moof")) {
-    // Fragmented files have an engine of their own, which this build does not have yet.
-    LOGE << "fragmented file: no engine for fragmented files";
+    auto* parser = new FMp4Parser();
+    _demuxer = parser->AsParser();
   } else {
     auto* parser = new Mp4Parser();
     parser->_stbl_extern_enable = _tables_on_file;
