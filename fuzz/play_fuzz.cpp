@@ -2,7 +2,8 @@
 // Open (the top-level walk, the box tree, the tracks), every packet of the run down a port into a sink
 // that reads each byte, then a seek to a time the input picks and the run on from there to its end.
 // The element's passes are made here, on the fuzzer's thread, one ProcessPacket at a time, as the
-// element's own thread makes them.
+// element's own thread makes them. A fragmented file takes the element's fragmented engine; after
+// the element, the fragment information object reads the same file for its length.
 //
 // The input's first byte picks the way the sample tables are read, the rest is the file:
 //   bit 0     tables left on file (each table read through blocks over a second handle of its own)
@@ -90,5 +91,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Run(*dmx);
   }
   dmx->Close();
+
+  // The information object on the same file, made by class name and asked as a host asks it.
+  kiv::base::AttrSet ai;
+  kiv::base::Object::AttrSetInit(ai, nullptr, "FMp4Info-fmp4-info");
+  std::unique_ptr<kiv::base::Object> info(kiv::base::Object::New<kiv::base::Object>(ai));
+  unsigned long long ms = 0;
+  if (!info || !info->setString("url", url.c_str())) __builtin_trap();
+  info->Get("duration", ms);
+  info->Get("duration", ms);  // the second answer comes from what the first one kept
   return 0;
 }
