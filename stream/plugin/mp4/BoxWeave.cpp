@@ -8,7 +8,10 @@ extern "C" void RegisterBoxWeave() {
   RegisterMp4Muxer();
   RegisterMp4Demuxer();
   RegisterMovStreamH264();
+  RegisterMovStreamPcm();
+  RegisterMovStreamJpeg();
   RegisterMovStreamAac();
+  RegisterMovStreamTxt();
   RegisterVideoTags();
   RegisterListParser();
   RegisterStblParser();
