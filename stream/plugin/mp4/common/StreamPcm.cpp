@@ -191,6 +191,23 @@ void StreamPcm::dropScratch(unsigned bytes) {
   _ptsCount = rest;
 }
 
+void StreamPcm::growFifo(int more) {
+  // A following track waiting for its leader (or for the end, when there is none) holds more than
+  // two chunks; the fifo grows then, as the packet fifos of the other tracks do, so that no sample is
+  // lost. Not in fragment mode, whose scratch arrays are sized from the fifo.
+  if (_fragmented) return;
+  const long long want = static_cast<long long>(_fifo->Size()) + more;
+  long long cap = _fifo->Capacity();
+  while (cap < want && cap < kMaxFifoBytes) cap *= 2;
+  if (cap > kMaxFifoBytes) cap = kMaxFifoBytes;
+  if (cap <= _fifo->Capacity()) return;
+  auto* grown = new kiv::base::FifoBuffer(Name(), static_cast<int>(cap));
+  const int held = _fifo->Size();
+  if (held > 0) grown->Write(_fifo->Read(held), held);
+  delete _fifo;
+  _fifo = grown;
+}
+
 long long StreamPcm::writeChunk(IO& io, long long durationNs) {
   const long long pos = io.Position();
   const unsigned char* bytes = _fifo->Read(static_cast<int>(_chunkBytes));
@@ -220,6 +237,7 @@ long long StreamPcm::AddData(IO& io, Packet& packet, unsigned long long leader) 
   }
 
   if (packet.Size() > 0 && packet.Data()) {
+    if (packet.Size() > _fifo->Free()) growFifo(packet.Size());
     const int taken = _fifo->Write(packet.Data(), packet.Size());
     if (_fragmented && taken > 0) pushScratch(static_cast<unsigned>(taken), 1);
   }

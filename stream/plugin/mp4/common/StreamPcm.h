@@ -15,6 +15,9 @@ namespace mov {
 
 class StreamPcm : public IStream {
  public:
+  // The most bytes the fifo grows to while the track waits: 64 MiB, 5.8 minutes at 48 kHz stereo.
+  static constexpr int kMaxFifoBytes = 64 << 20;
+
   StreamPcm();
   ~StreamPcm() override;
 
@@ -38,6 +41,8 @@ class StreamPcm : public IStream {
   // Takes one chunk off the fifo, records and writes it; returns the bytes written. durationNs is
   // the chunk's duration.
   long long writeChunk(IO& io, long long durationNs);
+  // Makes room for `more` bytes behind those held, up to kMaxFifoBytes.
+  void growFifo(int more);
   // Fragment mode: the scratch entries the chunk just written consumed leave the front.
   void dropScratch(unsigned bytes);
 };
