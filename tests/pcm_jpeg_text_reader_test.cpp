@@ -338,12 +338,14 @@ TEST(Srt, SamplesCoverTheTimeLine) {
     long long dropped;
   } cases[] = {
       {"gaps before and between", {{500, 1000, "a"}, {1200, 1800, "b"}},
-       {{0, 500, ""}, {500, 1000, "a"}, {1000, 1200, ""}, {1200, 1800, "b"}}, 0},
-      {"back to back from 0", {{0, 1000, "a"}, {1000, 2000, "b"}}, {{0, 1000, "a"}, {1000, 2000, "b"}}, 0},
-      {"an overlap is cut at the next start", {{0, 1500, "a"}, {1000, 2000, "b"}}, {{0, 1000, "a"}, {1000, 2000, "b"}}, 0},
-      {"two cues at one time: the first lasts none", {{0, 1000, "a"}, {0, 2000, "b"}}, {{0, 2000, "b"}}, 1},
+       {{0, 500, ""}, {500, 1000, "a"}, {1000, 1200, ""}, {1200, 1800, "b"}, {1800, 1800, ""}}, 0},
+      {"back to back from 0", {{0, 1000, "a"}, {1000, 2000, "b"}}, {{0, 1000, "a"}, {1000, 2000, "b"}, {2000, 2000, ""}}, 0},
+      {"an overlap is cut at the next start", {{0, 1500, "a"}, {1000, 2000, "b"}},
+       {{0, 1000, "a"}, {1000, 2000, "b"}, {2000, 2000, ""}}, 0},
+      {"two cues at one time: the first lasts none", {{0, 1000, "a"}, {0, 2000, "b"}}, {{0, 2000, "b"}, {2000, 2000, ""}}, 1},
       {"a cue that ends where it starts", {{0, 1000, "a"}, {1500, 1500, "b"}, {2000, 2500, "c"}},
-       {{0, 1000, "a"}, {1000, 2000, ""}, {2000, 2500, "c"}}, 1},
+       {{0, 1000, "a"}, {1000, 2000, ""}, {2000, 2500, "c"}, {2500, 2500, ""}}, 1},
+      {"no cue lasts", {{1000, 1000, "a"}}, {}, 1},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -368,7 +370,7 @@ TEST(Srt, PacketsAreTextSamplesStampedAtTheirEnd) {
   struct Want {
     Bytes payload;
     long long pts, duration;
-  } want[] = {{{0, 0}, 500, 500}, {{0, 2, 'H', 'i'}, 1000, 500}, {{0, 2, 0xC3, 0x9C}, 3000, 2000}};
+  } want[] = {{{0, 0}, 500, 500}, {{0, 2, 'H', 'i'}, 1000, 500}, {{0, 2, 0xC3, 0x9C}, 3000, 2000}, {{0, 0}, 3000, 0}};
   for (const Want& w : want) {
     Packet* p = r.NextPacket(nullptr);
     ASSERT_NE(p, nullptr);
@@ -379,8 +381,8 @@ TEST(Srt, PacketsAreTextSamplesStampedAtTheirEnd) {
     kiv::base::Release(p);
   }
   EXPECT_EQ(r.NextPacket(nullptr), nullptr);
-  // 3 samples over 3 s: one a second is planned for.
-  EXPECT_EQ(r.Rate().Num(), 1);
+  // 4 samples over 3 s: two a second are planned for.
+  EXPECT_EQ(r.Rate().Num(), 2);
   // Written back, the cues come out as they went in.
   std::vector<SrtCue> again;
   std::string why;

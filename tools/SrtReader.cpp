@@ -126,6 +126,9 @@ std::vector<TextSample> SamplesOfCues(const std::vector<SrtCue>& cues, long long
     samples.push_back({start, end, c.text});
     now = end;
   }
+  // An empty sample of no length marks where the last cue ends: MP4 readers take a subtitle sample to
+  // last until the next one, whatever its own duration says.
+  if (!samples.empty()) samples.push_back({now, now, ""});
   return samples;
 }
 

@@ -1,7 +1,8 @@
 // SubRip subtitles for the command-line host, turned into QuickTime text samples: a 16-bit
 // big-endian length, then the cue's UTF-8 text (its lines joined by line feeds). The samples cover
 // the time line without holes: a cue lasts from its start to its end, or to the next cue's start
-// when that comes first, and a gap before a cue becomes an empty sample (length 0).
+// when that comes first, and a gap before a cue becomes an empty sample (length 0). An empty sample
+// of no duration closes the last cue.
 //
 // The text track measures a sample's duration from the time stamp of the sample before to its own,
 // so each packet carries as time stamp the end of its sample, and as duration its length.
