@@ -243,7 +243,7 @@ TEST_F(PcmJpegTextRecord, InputsThatCannotBeRecordedAreRefusedByName) {
   } cases[] = {
       {"--video " + d + "words.mjpeg", 1, "not a Motion-JPEG stream: no JPEG picture (SOI marker FF D8) at its start"},
       {"--video " + d + "empty.mjpeg", 1, "empty.mjpeg: empty file"},
-      {"--video " + d + "clip.avi", 2, "is neither an H.264 elementary stream (.h264, .264) nor Motion-JPEG"},
+      {"--video " + d + "clip.avi", 2, "is not an H.264 elementary stream (.h264, .264) or Motion-JPEG"},
       {"--audio " + d + "words.wav", 1, "words.wav: not a RIFF/WAVE file"},
       {"--audio " + d + "empty.wav", 1, "empty.wav: empty file"},
       {"--audio " + d + "u8.wav", 1, "unsupported sample format: 8-bit PCM; only 16-bit PCM is recorded"},
@@ -254,7 +254,7 @@ TEST_F(PcmJpegTextRecord, InputsThatCannotBeRecordedAreRefusedByName) {
       {"--audio " + d + "mono16.s16le --audio-format s16le:16000", 1, "wants s16le:RATE:CHANNELS"},
       {"--audio " + d + "empty.s16le --audio-format s16le:16000:1", 1, "empty.s16le: empty file"},
       {"--audio " + d + "stereo48.wav --audio-format s16le:48000:2", 2, "--audio-format is for raw audio"},
-      {"--audio " + d + "clip.flac", 2, "is neither an AAC ADTS stream (.aac) nor 16-bit PCM"},
+      {"--audio " + d + "clip.flac", 2, "is not an AAC ADTS stream (.aac) or 16-bit PCM"},
       {"--text " + d + "words.srt", 1, "line 1: no timing line"},
       {"--text " + d + "empty.srt", 1, "empty.srt: empty file"},
       {"--text " + d + "cues.txt", 2, "is not a SubRip file (.srt)"},

@@ -52,7 +52,7 @@ using kiv::stream::Packet;
 // overwrite an input (opening it for writing truncates it before a byte is read).
 int finishOptions(RecordOptions& o) {
   if (o.video.empty() && o.audio.empty() && o.text.empty())
-    return UsageError("record needs --video FILE, --audio FILE or --text FILE", "record");
+    return UsageError("record needs --video FILE or --audio FILE, or --text FILE", "record");
   if (!o.audio.empty() && PcmReader::IsRaw(o.audio) && o.audioFormat.empty())
     return UsageError("record: raw audio '" + o.audio + "' needs --audio-format s16le:RATE:CHANNELS", "record");
   if (!o.audioFormat.empty() && !PcmReader::IsRaw(o.audio))
@@ -350,7 +350,7 @@ Verb AddRecord(CLI::App& app) {
           [](std::string& v) {
             return H264Reader::HandlesPath(v) || MjpegReader::HandlesPath(v)
                        ? std::string()
-                       : "'" + v + "' is neither an H.264 elementary stream (.h264, .264) nor Motion-JPEG (.mjpeg, .mjpg)";
+                       : "'" + v + "' is not an H.264 elementary stream (.h264, .264) or Motion-JPEG (.mjpeg, .mjpg)";
           },
           ""));
   cmd->add_option("--audio", o->audio,
@@ -361,7 +361,7 @@ Verb AddRecord(CLI::App& app) {
           [](std::string& v) {
             return AdtsReader::HandlesPath(v) || PcmReader::HandlesPath(v)
                        ? std::string()
-                       : "'" + v + "' is neither an AAC ADTS stream (.aac) nor 16-bit PCM (.wav, .s16le, .pcm)";
+                       : "'" + v + "' is not an AAC ADTS stream (.aac) or 16-bit PCM (.wav, .s16le, .pcm)";
           },
           ""));
   cmd->add_option("--audio-format", o->audioFormat, "the format of raw PCM audio: s16le, rate in Hz, channels (1 or 2)")
