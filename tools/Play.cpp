@@ -397,12 +397,15 @@ int Play(const PlayOptions& o) {
   d.element->Stop();
 
   int status = kOk;
+  bool audioWritten = false;
   for (Track* t : {&video, &audio}) {
     const std::string error = t->out.Close();
     if (!error.empty()) status = failed(t->out.Path(), "writing failed: " + error);
+    if (t == &audio) audioWritten = error.empty();
   }
+  // Also after "error": the samples that came are a playable file of their own.
   IMedia* sound = audio.port->Media();
-  if (!o.audioOut.empty() && status == kOk && isPcm(sound)) {
+  if (!o.audioOut.empty() && audioWritten && isPcm(sound)) {
     int rate = 0, channels = 0;
     sound->Get("rate", rate);
     sound->Get("channel", channels);
