@@ -57,6 +57,10 @@ int finishOptions(RecordOptions& o) {
     return UsageError("record: raw audio '" + o.audio + "' needs --audio-format s16le:RATE:CHANNELS", "record");
   if (!o.audioFormat.empty() && !PcmReader::IsRaw(o.audio))
     return UsageError("record: --audio-format is for raw audio (.s16le, .pcm)", "record");
+  PcmFormat format;
+  std::string why;
+  if (!o.audioFormat.empty() && !ParsePcmFormat(o.audioFormat, format, why))
+    return UsageError("record: --audio-format " + why, "record");
   for (const std::string* in : {&o.video, &o.audio, &o.text})
     if (!in->empty() && SameFile(o.out, *in))
       return UsageError("record: the output '" + o.out + "' is the input '" + *in + "'", "record");
