@@ -22,6 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (fd < 0 || size < 1) return 0;
   // The first byte sets the read block, so that units and frames cross block borders.
   const size_t block = size_t{64} << (data[0] & 7);
+  const unsigned channels = 1 + ((data[0] >> 3) & 1u);  // of raw PCM
   ++data;
   --size;
   if (ftruncate(fd, 0) != 0 || pwrite(fd, data, size, 0) != static_cast<ssize_t>(size)) return 0;
@@ -52,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
   }
   {
-    const boxweave::PcmFormat raw{8000, 1 + (data[0] & 1u)};
+    const boxweave::PcmFormat raw{8000, channels};
     for (const boxweave::PcmFormat* format : {static_cast<const boxweave::PcmFormat*>(nullptr), &raw}) {
       boxweave::PcmReader reader;
       if (!reader.Open(path, format)) continue;
