@@ -44,6 +44,8 @@ struct RecordOptions {
   std::string format;  // "mov" or "mp4"; empty: from the extension of out
   std::string video;
   std::string audio;
+  std::string text;         // SubRip cues for a text track
+  std::string audioFormat;  // "s16le:RATE:CHANNELS" of a raw audio file
   kiv::base::Fraction fps{30, 1};
   bool thumb = false;
   long long cacheBlock = 0;
@@ -66,6 +68,7 @@ int Info(const InfoOptions& o);
 struct PlayOptions {
   std::string path;
   std::string videoOut, audioOut, thumbOut;
+  std::string textOut;  // the text track as SubRip
   bool packets = false;
   bool live = false;
   long long from = -1, to = -1, seek = -1;  // ms; -1: not given

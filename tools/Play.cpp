@@ -22,6 +22,8 @@
 #include "stream/plugin/mp4/core/demux/Mp4Demuxer.h"
 #include "tools/Cli.h"
 #include "tools/Demux.h"
+#include "tools/PcmReader.h"
+#include "tools/TextTrack.h"
 
 namespace boxweave {
 namespace {
@@ -37,6 +39,8 @@ int failed(const std::string& path, const std::string& why) {
   std::fprintf(stderr, "boxweave: %s: %s\n", Printable(path).c_str(), why.c_str());
   return kFailed;
 }
+
+bool isPcm(const IMedia* m) { return m && std::strcmp(m->Codec(), "pcm") == 0; }
 
 // The parameter sets of H.264 extra data as start-code units: the start-code form is taken as it
 // is, a decoder configuration record ("avcC" form) is unpacked. Empty when it is neither.
@@ -175,13 +179,19 @@ class TrackSink : public ISink {
         const std::string extra = annexBExtra(p.media->Extra(), p.media->ExtraSize());
         t.out.Write(extra.data(), extra.size());
       }
+      if (!t.extraWritten && isPcm(p.media)) {
+        // A provisional header; its sizes are put right when the run has ended.
+        const std::string head = WaveHeader(0, 0, 0);
+        t.out.Write(head.data(), head.size());
+      }
       t.extraWritten = true;
       t.out.Write(p.Data(), static_cast<size_t>(p.Size()));
       if (p.media && p.media->IsVideo() && lengthPrefixedAt(p.Data(), static_cast<size_t>(p.Size())) >= 0) {
         if (t.prefixed++ == 0) t.firstPrefixed = t.packets;
       }
       const unsigned char* d = p.Data();
-      if (p.media && p.media->IsAudio() && !(p.Size() >= 2 && d[0] == 0xff && (d[1] & 0xf0) == 0xf0)) ++t.bare;
+      if (p.media && p.media->IsAudio() && !isPcm(p.media) && !(p.Size() >= 2 && d[0] == 0xff && (d[1] & 0xf0) == 0xf0))
+        ++t.bare;
     }
     if (t.packets == 0) t.first = at;
     ++t.packets;
@@ -275,11 +285,31 @@ int writeThumb(const PlayOptions& o, kiv::stream::IDemuxer& element) {
 
 int usage(const std::string& message) { return UsageError("play: " + message, "play"); }
 
+// The text track as SubRip, read apart from the element (TextTrack.h tells why).
+int writeText(const PlayOptions& o) {
+  std::vector<TextSample> samples;
+  bool found = false;
+  const std::string problem = ReadTextTrack(o.path, samples, found);
+  if (!found) return failed(o.path, "no text track to write to " + o.textOut);
+  if (!problem.empty()) return failed(o.path, "the text track: " + problem);
+  Output out;
+  if (!out.Open(o.textOut)) return failed(o.textOut, "cannot write: " + out.Close());
+  const std::string srt = SrtOfSamples(samples);
+  out.Write(srt.data(), srt.size());
+  const std::string error = out.Close();
+  if (!error.empty()) return failed(o.textOut, "writing failed: " + error);
+  long long cues = 0;
+  for (const TextSample& s : samples) cues += !s.text.empty();
+  PrintLine("text: txt, " + std::to_string(samples.size()) + " samples (" + std::to_string(cues) + " with text), " +
+            seconds(samples.empty() ? 0 : samples.back().end * 1000000) + " to " + o.textOut);
+  return kOk;
+}
+
 }  // namespace
 
 int Play(const PlayOptions& o) {
   // Opening an output truncates it: none may be the input, nor two of them one file.
-  const std::string* outs[] = {&o.videoOut, &o.audioOut, &o.thumbOut};
+  const std::string* outs[] = {&o.videoOut, &o.audioOut, &o.thumbOut, &o.textOut};
   for (const std::string* out : outs) {
     if (out->empty()) continue;
     if (*out == o.path || SameFile(*out, o.path)) return usage("the output '" + *out + "' is the input");
@@ -332,7 +362,10 @@ int Play(const PlayOptions& o) {
     }
   } down{*d.element};
 
+  if (!o.textOut.empty())
+    if (int status = writeText(o)) return status;
   if (!video.port->Media() && !audio.port->Media()) {
+    if (!o.textOut.empty()) return kOk;  // a file of text alone
     failed(o.path, "no video or audio track the plug-in plays (boxweave info tells what the file holds)");
     notes.Print();
     return kFailed;
@@ -364,9 +397,22 @@ int Play(const PlayOptions& o) {
   d.element->Stop();
 
   int status = kOk;
+  bool audioWritten = false;
   for (Track* t : {&video, &audio}) {
     const std::string error = t->out.Close();
     if (!error.empty()) status = failed(t->out.Path(), "writing failed: " + error);
+    if (t == &audio) audioWritten = error.empty();
+  }
+  // Also after "error": the samples that came are a playable file of their own.
+  IMedia* sound = audio.port->Media();
+  if (!o.audioOut.empty() && audioWritten && isPcm(sound)) {
+    int rate = 0, channels = 0;
+    sound->Get("rate", rate);
+    sound->Get("channel", channels);
+    const long long data = audio.bytes;
+    const std::string error = PatchWaveHeader(o.audioOut, static_cast<unsigned>(rate), static_cast<unsigned>(channels),
+                                              static_cast<unsigned long long>(data));
+    if (!error.empty()) status = failed(o.audioOut, "writing failed: " + error);
   }
   for (const Track* t : {&video, &audio})
     if (t->port->Media()) printSummary(*t);
@@ -404,9 +450,14 @@ Verb AddPlay(CLI::App& app) {
   cmd->add_option("FILE", o->path, "the movie file")->required();
   cmd->add_option("--video-out", o->videoOut,
                   "write the video as an H.264 Annex-B stream: the parameter sets of the track, then each "
-                  "packet as it comes")
+                  "packet as it comes; a JPEG track gives its pictures one behind the other (.mjpeg)")
       ->type_name("F");
-  cmd->add_option("--audio-out", o->audioOut, "write the audio packets as they come (AAC with ADTS headers)")
+  cmd->add_option("--audio-out", o->audioOut,
+                  "write the audio packets as they come: AAC with ADTS headers, or PCM as a 16-bit WAVE file")
+      ->type_name("F");
+  cmd->add_option("--text-out", o->textOut,
+                  "write the text track as SubRip, a cue a sample that holds text; the element gives no text "
+                  "track, so it is read apart from the element")
       ->type_name("F");
   cmd->add_flag("--packets", o->packets,
                 "print a line a packet in the form of ffprobe -show_packets -of compact (pts_time and dts_time "

@@ -30,6 +30,10 @@
 #include "tools/AdtsReader.h"
 #include "tools/Cli.h"
 #include "tools/H264Reader.h"
+#include "tools/MjpegReader.h"
+#include "tools/PcmReader.h"
+#include "tools/RecordInputs.h"
+#include "tools/SrtReader.h"
 
 namespace boxweave {
 namespace {
@@ -47,8 +51,17 @@ using kiv::stream::Packet;
 // What the command line alone cannot tell: the format from the file name, and an output that would
 // overwrite an input (opening it for writing truncates it before a byte is read).
 int finishOptions(RecordOptions& o) {
-  if (o.video.empty() && o.audio.empty()) return UsageError("record needs --video FILE or --audio FILE", "record");
-  for (const std::string* in : {&o.video, &o.audio})
+  if (o.video.empty() && o.audio.empty() && o.text.empty())
+    return UsageError("record needs --video FILE or --audio FILE, or --text FILE", "record");
+  if (!o.audio.empty() && PcmReader::IsRaw(o.audio) && o.audioFormat.empty())
+    return UsageError("record: raw audio '" + o.audio + "' needs --audio-format s16le:RATE:CHANNELS", "record");
+  if (!o.audioFormat.empty() && !PcmReader::IsRaw(o.audio))
+    return UsageError("record: --audio-format is for raw audio (.s16le, .pcm)", "record");
+  PcmFormat format;
+  std::string why;
+  if (!o.audioFormat.empty() && !ParsePcmFormat(o.audioFormat, format, why))
+    return UsageError("record: --audio-format " + why, "record");
+  for (const std::string* in : {&o.video, &o.audio, &o.text})
     if (!in->empty() && SameFile(o.out, *in))
       return UsageError("record: the output '" + o.out + "' is the input '" + *in + "'", "record");
   if (o.format.empty()) {
@@ -79,6 +92,7 @@ class StreamSource : public ISource {
 struct Input {
   std::unique_ptr<H264Reader> h264;
   std::unique_ptr<AdtsReader> adts;
+  std::unique_ptr<PacketSource> other;  // any other kind of stream
   IMedia* media = nullptr;
   std::unique_ptr<StreamSource> source;
   IPort* port = nullptr;
@@ -86,7 +100,7 @@ struct Input {
   bool done = false;
 
   bool advance() {
-    next = h264 ? h264->NextPacket(media) : adts->NextPacket(media);
+    next = other ? other->NextPacket(media) : h264 ? h264->NextPacket(media) : adts->NextPacket(media);
     if (next == PacketError()) {
       next = nullptr;
       return false;
@@ -94,7 +108,7 @@ struct Input {
     done = next == nullptr;
     return true;
   }
-  const std::string& error() const { return h264 ? h264->Error() : adts->Error(); }
+  const std::string& error() const { return other ? other->Error() : h264 ? h264->Error() : adts->Error(); }
   ~Input() {
     if (next) next->Release();
     if (media) media->Release();
@@ -170,7 +184,21 @@ int Record(RecordOptions o) {
   double seconds = 0;
   {
     QuietLog quiet;  // the readers' reasons are printed below, once
-    if (!o.video.empty()) {
+    const auto addOther = [&](const std::string& problem, OpenedInput& opened) {
+      if (!problem.empty()) return false;
+      for (const std::string& w : opened.warnings) std::fprintf(stderr, "boxweave: warning: %s\n", w.c_str());
+      auto in = std::make_unique<Input>();
+      in->media = opened.media;
+      in->other = std::move(opened.reader);
+      seconds = std::max(seconds, opened.seconds);
+      inputs.push_back(std::move(in));
+      return true;
+    };
+    if (!o.video.empty() && MjpegReader::HandlesPath(o.video)) {
+      OpenedInput opened;
+      const std::string problem = OpenMjpegInput(o.video, o.fps, opened);
+      if (!addOther(problem, opened)) return failed(problem);
+    } else if (!o.video.empty()) {
       H264Description d;
       std::string error;
       if (!DescribeH264(o.video, d, error)) return failed(error);
@@ -183,7 +211,11 @@ int Record(RecordOptions o) {
       seconds = static_cast<double>(d.pictures) * static_cast<double>(o.fps.Den()) / static_cast<double>(o.fps.Num());
       inputs.push_back(std::move(in));
     }
-    if (!o.audio.empty()) {
+    if (!o.audio.empty() && PcmReader::HandlesPath(o.audio)) {
+      OpenedInput opened;
+      const std::string problem = OpenPcmInput(o.audio, o.audioFormat, opened);
+      if (!addOther(problem, opened)) return failed(problem);
+    } else if (!o.audio.empty()) {
       AdtsDescription d;
       std::string error;
       if (!DescribeAdts(o.audio, d, error)) return failed(error);
@@ -194,6 +226,11 @@ int Record(RecordOptions o) {
       if (!in->media || !in->adts->Open(o.audio)) return failed("cannot read " + o.audio + ": " + in->adts->Error());
       if (d.config.rate) seconds = std::max(seconds, static_cast<double>(d.samples) / d.config.rate);
       inputs.push_back(std::move(in));
+    }
+    if (!o.text.empty()) {
+      OpenedInput opened;
+      const std::string problem = OpenSrtInput(o.text, opened);
+      if (!addOther(problem, opened)) return failed(problem);
     }
   }
   // The muxer element, found by keywords as a graph would find it.
@@ -301,27 +338,44 @@ int Record(RecordOptions o) {
 
 Verb AddRecord(CLI::App& app) {
   auto o = std::make_shared<RecordOptions>();
-  CLI::App* cmd = app.add_subcommand("record", "record H.264 and AAC elementary streams into a .mov or .mp4 file");
+  CLI::App* cmd = app.add_subcommand("record", "record video, audio and text streams into a .mov or .mp4 file");
   cmd->option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);  // a repeated option: the last counts
   cmd->footer(
-      "Records an H.264 Annex-B stream (.h264, .264) and/or an AAC ADTS stream (.aac) into a\n"
-      "QuickTime (.mov) or MP4 (.mp4) file with the plug-in's muxer element, and prints every\n"
-      "message the element sends.");
+      "Records a video stream (H.264 Annex-B or Motion-JPEG), an audio stream (AAC ADTS or 16-bit\n"
+      "PCM) and SubRip text, any of them, into a QuickTime (.mov) or MP4 (.mp4) file with the\n"
+      "plug-in's muxer element, and prints every message the element sends.");
   cmd->add_option("-o", o->out, "the file to write; its extension gives the format")->required()->type_name("OUT");
   cmd->add_option("--format", o->format, "the format, whatever the extension")
       ->check(CLI::IsMember({"mov", "mp4"}))
       ->type_name("mov|mp4");
-  cmd->add_option("--video", o->video, "H.264 elementary stream (.h264, .264)")
+  cmd->add_option("--video", o->video, "H.264 elementary stream (.h264, .264) or Motion-JPEG (.mjpeg, .mjpg)")
       ->type_name("FILE")
       ->check(CLI::Validator(
           [](std::string& v) {
-            return H264Reader::HandlesPath(v) ? std::string() : "'" + v + "' is not an H.264 elementary stream (.h264, .264)";
+            return H264Reader::HandlesPath(v) || MjpegReader::HandlesPath(v)
+                       ? std::string()
+                       : "'" + v + "' is not an H.264 elementary stream (.h264, .264) or Motion-JPEG (.mjpeg, .mjpg)";
           },
           ""));
-  cmd->add_option("--audio", o->audio, "AAC elementary stream with ADTS headers (.aac)")
+  cmd->add_option("--audio", o->audio,
+                  "AAC elementary stream with ADTS headers (.aac), 16-bit PCM WAVE (.wav) or raw 16-bit PCM (.s16le, "
+                  ".pcm, with --audio-format)")
       ->type_name("FILE")
       ->check(CLI::Validator(
-          [](std::string& v) { return AdtsReader::HandlesPath(v) ? std::string() : "'" + v + "' is not an AAC ADTS stream (.aac)"; },
+          [](std::string& v) {
+            return AdtsReader::HandlesPath(v) || PcmReader::HandlesPath(v)
+                       ? std::string()
+                       : "'" + v + "' is not an AAC ADTS stream (.aac) or 16-bit PCM (.wav, .s16le, .pcm)";
+          },
+          ""));
+  cmd->add_option("--audio-format", o->audioFormat, "the format of raw PCM audio: s16le, rate in Hz, channels (1 or 2)")
+      ->type_name("s16le:RATE:CHANNELS");
+  cmd->add_option("--text", o->text,
+                  "SubRip subtitles (.srt) for a text track: each cue a sample lasting to its end or the next cue's "
+                  "start, gaps as empty samples")
+      ->type_name("FILE")
+      ->check(CLI::Validator(
+          [](std::string& v) { return SrtReader::HandlesPath(v) ? std::string() : "'" + v + "' is not a SubRip file (.srt)"; },
           ""));
   cmd->add_option_function<std::string>(
          "--fps",

@@ -9,7 +9,10 @@ extern "C" void RegisterBoxWeave() {
   RegisterFMp4Info();
   RegisterMp4Demuxer();
   RegisterMovStreamH264();
+  RegisterMovStreamPcm();
+  RegisterMovStreamJpeg();
   RegisterMovStreamAac();
+  RegisterMovStreamTxt();
   RegisterMp4DemuxerStreamH264Fragment();
   RegisterMp4DemuxerStreamAacFragment();
   RegisterVideoTags();

@@ -378,8 +378,21 @@ void IStream::pushScratch(unsigned size, unsigned pts) {
 }
 
 void IStream::addTable(IBox* stbl, StblKind kind, const void* tags, long long reserved) {
+  addTableOf(stbl, kind, tags, reserved, false);
+}
+
+void IStream::addCountedStts(IBox* stbl, const void* tags, long long reserved) {
+  addTableOf(stbl, StblKind::stts, tags, reserved, true);
+}
+
+void IStream::addTableOf(IBox* stbl, StblKind kind, const void* tags, long long reserved, bool countedStts) {
+  auto make = [&](IO* onFile) -> IStbl* {
+    if (!countedStts) return NewTable(kind, onFile);
+    if (onFile) return new cstts_file(*onFile);
+    return new cstts();
+  };
   if (!_concate) {
-    stbl->Add(NewTable(kind, nullptr));
+    stbl->Add(make(nullptr));
     return;
   }
   char path[128];
@@ -387,7 +400,7 @@ void IStream::addTable(IBox* stbl, StblKind kind, const void* tags, long long re
   auto* buffer = new IOFileBuffer(path, reserved < 0 ? 0 : reserved, nullptr);
   // The filler pads only when the table will be joined from a file of its own.
   stbl->Add(new cfree_concate(GetClusterSize(path), [buffer](void*) { return buffer->HasFileData(); }));
-  IStbl* table = NewTable(kind, buffer);
+  IStbl* table = make(buffer);
   stbl->Add(table);
   _tableFiles.push_back({dynamic_cast<IStblFile*>(table), buffer});
 }

@@ -207,6 +207,9 @@ class IStream : public kiv::base::Object {
   // aligns the output in front of the table when the buffer went to a file; the stream keeps the
   // buffer and feeds the table in concateFill. Otherwise the plain table (reserved is not used).
   void addTable(IBox* stbl, StblKind kind, const void* tags, long long reserved);
+  // The same with the "stts" whose records stand for `count` samples each (cstts), for tracks whose
+  // record is not one sample (PCM) or that take the plain form (JPEG).
+  void addCountedStts(IBox* stbl, const void* tags, long long reserved);
   // Table-on-file mode: hands the records of the chunk list to each table, then empties the list.
   void concateFill();
   // Whether mdat holds anything yet (a following track writes nothing before).
@@ -219,6 +222,7 @@ class IStream : public kiv::base::Object {
   unsigned _scratchMax = 0;
 
  private:
+  void addTableOf(IBox* stbl, StblKind kind, const void* tags, long long reserved, bool countedStts);
   // Table-on-file mode: a table of the track and the buffer it writes into, owned by the stream.
   struct TableFile {
     IStblFile* table;
