@@ -6,9 +6,12 @@ extern "C" void RegisterBoxWeave() {
   // is left to a host that wants the demuxer's own properties ("parse", "live") found by name.
   RegisterMovMuxer();
   RegisterMp4Muxer();
+  RegisterFMp4Muxer();
   RegisterMp4Demuxer();
   RegisterMovStreamH264();
   RegisterMovStreamAac();
+  RegisterMp4MuxerStreamH264Fragment();
+  RegisterMp4MuxerStreamAacFragment();
   RegisterVideoTags();
   RegisterListParser();
   RegisterStblParser();

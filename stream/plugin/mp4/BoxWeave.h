@@ -31,10 +31,13 @@ extern "C" {
 void RegisterBoxWeave();
 void RegisterMovMuxer();
 void RegisterMp4Muxer();
+void RegisterFMp4Muxer();
 void RegisterMp4Demuxer();
 void RegisterIFileDemuxer();
 void RegisterMovStreamH264();
 void RegisterMovStreamAac();
+void RegisterMp4MuxerStreamH264Fragment();
+void RegisterMp4MuxerStreamAacFragment();
 void RegisterVideoTags();
 void RegisterListParser();
 void RegisterStblParser();
