@@ -364,13 +364,16 @@ bool RecordBench::recordOnce(const Input& in, const Mode& mode, bool traced, Rec
   }
 
   // The messages: the last "currentDuration" and "fileClose".
-  long long closeMs = -1, closeSize = -1, lastNotice = -1;
+  // A fragmented recording tells the length of its audio track, and 0 between two audio fragments
+  // (its video track counts no length): the largest notice shows how far the notices got.
+  long long closeMs = -1, closeSize = -1, lastNotice = -1, maxNotice = -1;
   if (FILE* f = std::fopen(messages.c_str(), "rb")) {
     char buf[1024];
     while (std::fgets(buf, sizeof buf, f)) {
       const std::string line(buf);
       if (StartsWith(line, "currentDuration")) {
         LineValue(line, "duration", lastNotice);
+        maxNotice = std::max(maxNotice, lastNotice);
       } else if (StartsWith(line, "fileClose")) {
         LineValue(line, "duration", closeMs);
         LineValue(line, "filesize", closeSize);
@@ -394,8 +397,8 @@ bool RecordBench::recordOnce(const Input& in, const Mode& mode, bool traced, Rec
               " and " + std::to_string(high);
   else if (closeSize != (run.outBytes & 0xffffffffLL))
     problem = "fileClose tells " + std::to_string(closeSize) + " bytes, the file has " + std::to_string(run.outBytes);
-  else if (lastNotice < plannedMs - 2000)
-    problem = "too few currentDuration lines (the last at " + std::to_string(lastNotice) + " ms)";
+  else if (maxNotice < plannedMs - 2000)
+    problem = "too few currentDuration lines (the furthest at " + std::to_string(maxNotice) + " ms)";
   else if (traced && (run.duringKiB <= 0 || run.lastNoticeMs != lastNotice))
     problem = "the traced run saw the last currentDuration at " + std::to_string(run.lastNoticeMs) +
               " ms, the output has it at " + std::to_string(lastNotice) + " ms";

@@ -45,8 +45,8 @@ Sources& sources() {
         generated::MakeStream(st[0], s.dir, "plain.h264", pics + "-frames:v 150 -bf 0 -g 15") &&
         generated::MakeStream(st[1], s.dir, "bframes.h264", pics + "-frames:v 150 -bf 2 -g 30", true) &&
         generated::MakeStream(st[2], s.dir, "tone.aac", "-f lavfi -i sine=frequency=440:sample_rate=48000:duration=5 -ac 2") &&
-        generated::MakeStream(st[3], s.dir, "long.h264", pics + "-frames:v 900 -bf 0 -g 15") &&
-        generated::MakeStream(st[4], s.dir, "long.aac", "-f lavfi -i sine=frequency=330:sample_rate=48000:duration=30 -ac 2");
+        generated::MakeStream(st[3], s.dir, "long.h264", pics + "-frames:v 300 -bf 0 -g 15") &&
+        generated::MakeStream(st[4], s.dir, "long.aac", "-f lavfi -i sine=frequency=330:sample_rate=48000:duration=10 -ac 2");
     if (!made) {
       s.why = "ffmpeg could not make the test streams";
       return s;
@@ -194,6 +194,30 @@ size_t checkCut(const std::string& path, const Source& src, const std::string& w
   return c.fragments;
 }
 
+// A --flush recording of src into out, started in the background; its pid.
+pid_t startRecording(const std::string& out, const std::string& tmp, const Source& src) {
+  const std::string exe = std::string(BOXWEAVE_BUILD_DIR) + "/boxweave";
+  const std::string dir = out.substr(0, out.rfind('/'));
+  Shell("rm -rf " + dir + " && mkdir -p " + tmp);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (!freopen("/dev/null", "w", stdout) || !freopen("/dev/null", "w", stderr)) _exit(127);
+    execl(exe.c_str(), exe.c_str(), "record", "-o", out.c_str(), "--fragmented", "--flush", "--fragment-ms", "200",
+          "--video", src.video.c_str(), "--audio", src.audio.c_str(), "--tmp", tmp.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  return pid;
+}
+
+// How long a whole recording takes, in microseconds; -1 when it fails.
+long long recordingSpan(const std::string& out, const std::string& tmp, const Source& src) {
+  const auto t0 = std::chrono::steady_clock::now();
+  const pid_t pid = startRecording(out, tmp, src);
+  int status = 0;
+  if (pid <= 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) return -1;
+  return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - t0).count();
+}
+
 class FragmentCutOff : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -203,34 +227,18 @@ class FragmentCutOff : public ::testing::Test {
 };
 
 // SIGKILL at random moments of a recording with --flush. The number of kills is
-// BOXWEAVE_FRAGMENT_KILLS (default 12).
+// BOXWEAVE_FRAGMENT_KILLS (default 10).
 TEST_F(FragmentCutOff, KilledRecordingKeepsItsFragments) {
   const Source& src = sources().longPlain;
   const std::string dir = sources().dir + "/killed";
   const std::string out = dir + "/rec.mp4", tmp = dir + "/tmp";
-  const std::string exe = std::string(BOXWEAVE_BUILD_DIR) + "/boxweave";
-  auto start = [&]() -> pid_t {
-    Shell("rm -rf " + dir + " && mkdir -p " + tmp);
-    const pid_t pid = fork();
-    if (pid == 0) {
-      if (!freopen("/dev/null", "w", stdout) || !freopen("/dev/null", "w", stderr)) _exit(127);
-      execl(exe.c_str(), exe.c_str(), "record", "-o", out.c_str(), "--fragmented", "--flush", "--fragment-ms", "200",
-            "--video", src.video.c_str(), "--audio", src.audio.c_str(), "--tmp", tmp.c_str(), static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    return pid;
-  };
-  // How long a whole recording takes, to aim the kills within it.
-  const auto t0 = std::chrono::steady_clock::now();
-  const pid_t whole = start();
-  ASSERT_GT(whole, 0);
+  auto start = [&]() { return startRecording(out, tmp, src); };
+  // Aimed within the time a whole recording takes.
+  const long long spanUs = recordingSpan(out, tmp, src);
+  ASSERT_GT(spanUs, 0);
   int status = 0;
-  ASSERT_EQ(waitpid(whole, &status, 0), whole);
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  const long long spanUs =
-      std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - t0).count();
 
-  const int kills = countFromEnv("BOXWEAVE_FRAGMENT_KILLS", 12);
+  const int kills = countFromEnv("BOXWEAVE_FRAGMENT_KILLS", 10);
   std::mt19937 rng(1234);
   std::uniform_int_distribution<long long> when(0, spanUs);
   size_t cutMidway = 0;
@@ -251,7 +259,42 @@ TEST_F(FragmentCutOff, KilledRecordingKeepsItsFragments) {
   EXPECT_GT(cutMidway, 0u) << "no kill landed within a recording";
 }
 
-// A finished file cut at random lengths (BOXWEAVE_FRAGMENT_CUTS, default 40).
+// SIGINT and SIGTERM end the recording between two packets: the last fragment and the index are
+// written, and the file is whole.
+TEST_F(FragmentCutOff, StopSignalClosesWithLastFragmentAndIndex) {
+  const Source& src = sources().longPlain;
+  const std::string dir = sources().dir + "/stopped";
+  const std::string out = dir + "/rec.mp4", tmp = dir + "/tmp";
+  const long long spanUs = recordingSpan(out, tmp, src);
+  ASSERT_GT(spanUs, 0);
+  for (const int sig : {SIGINT, SIGTERM}) {
+    const pid_t pid = startRecording(out, tmp, src);
+    ASSERT_GT(pid, 0);
+    std::this_thread::sleep_for(std::chrono::microseconds(spanUs / 3));
+    kill(pid, sig);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status)) << sig;
+    if (WEXITSTATUS(status) == 0) {
+      std::printf("note: the recording ended before signal %d came\n", sig);
+      continue;
+    }
+    EXPECT_EQ(WEXITSTATUS(status), 128 + sig);
+    const Bytes bytes = Load(out);
+    const File f = fragbytes::Read(bytes);
+    EXPECT_TRUE(f.whole) << f.types();
+    ASSERT_FALSE(f.top.empty());
+    EXPECT_EQ(f.top.back().type, "mfra");
+    const Complete c = completeFragments(f, true);
+    EXPECT_EQ(c.fragments, f.fragments.size());
+    EXPECT_LT(c.video, src.videoFrames.size()) << "stopped early";
+    EXPECT_GT(checkCut(out, src, "signal " + std::to_string(sig)), 0u);
+    EXPECT_TRUE(SameFrames(FrameMd5s(out, "v", "-use_mfra_for dts"), src.videoFrames, c.video, "video, by mfra"));
+    EXPECT_TRUE(Capture("ls -A " + tmp).empty());
+  }
+}
+
+// A finished file cut at random lengths (BOXWEAVE_FRAGMENT_CUTS, default 25).
 TEST_F(FragmentCutOff, FileCutShortKeepsItsFragments) {
   const Source& src = sources().longPlain;
   const std::string dir = sources().dir + "/cut";
@@ -260,7 +303,7 @@ TEST_F(FragmentCutOff, FileCutShortKeepsItsFragments) {
   const ToolResult r = RunTool("record -o '" + out + "' --fragmented --fragment-ms 500" + src.recordArgs());
   ASSERT_EQ(r.status, 0) << r.err;
   const Bytes whole = Load(out);
-  const int cuts = countFromEnv("BOXWEAVE_FRAGMENT_CUTS", 40);
+  const int cuts = countFromEnv("BOXWEAVE_FRAGMENT_CUTS", 25);
   std::mt19937 rng(4321);
   std::uniform_int_distribution<size_t> length(0, whole.size());
   for (int k = 0; k < cuts; ++k) {
