@@ -312,25 +312,27 @@ unsigned long long mehdOf(const Bytes& b) {
 }
 
 // With flush, mehd follows each fragment; without, it is written once, at Close. Its value is the
-// audio track's length (movie units); the video track adds nothing.
+// audio track's length (movie units), whichever track wrote the last fragment; the video track adds
+// nothing. The element's running duration (its notices, "fileClose") is the same length.
 TEST(FragmentDuration, MehdFollowsTheAudioTrack) {
   struct Case {
     bool flush;
-    bool withAudio;
-    unsigned long long whileRecording;  // after 46 audio frames (two fragments)
+    int audioFrames;  // 46: two whole fragments, nothing left for Close
+    unsigned long long whileRecording;  // after 46 audio frames and the video frames between them
     unsigned long long atClose;
   };
   // 46 frames: 981 ms; 60 frames: 1280 ms; movie scale 60000.
-  const Case cases[] = {{true, true, 981 * 60, 1280 * 60}, {false, true, 0, 1280 * 60}, {true, false, 0, 0}};
+  const Case cases[] = {{true, 60, 981 * 60, 1280 * 60}, {false, 60, 0, 1280 * 60}, {true, 46, 981 * 60, 981 * 60},
+                        {false, 46, 0, 981 * 60},       {true, 0, 0, 0}};
   for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.flush ? "flush" : "no flush") + (c.withAudio ? " audio" : " video only"));
+    SCOPED_TRACE(std::string(c.flush ? "flush, " : "no flush, ") + std::to_string(c.audioFrames) + " audio frames");
     Plan plan = video(40, 10, 10);
-    plan.audioFrames = c.withAudio ? 60 : 0;
+    plan.audioFrames = c.audioFrames;
     plan.flush = c.flush;
     Rig rig(plan);
     ASSERT_TRUE(rig.open());
     int v = 0;
-    for (int a = 0; a < 46 && c.withAudio; ++a) {
+    for (int a = 0; a < 46 && a < c.audioFrames; ++a) {
       ASSERT_TRUE(rig.pushAudio(a, 0));
       if (a % 2 == 0) {
         ASSERT_TRUE(rig.pushVideo(v, v % 10 == 0));
@@ -338,10 +340,18 @@ TEST(FragmentDuration, MehdFollowsTheAudioTrack) {
       }
     }
     EXPECT_EQ(mehdOf(rig.bytes()), c.whileRecording);
-    for (int a = 46; a < 60 && c.withAudio; ++a) ASSERT_TRUE(rig.pushAudio(a, 0));
-    for (; v < 40; ++v) ASSERT_TRUE(rig.pushVideo(v, v % 10 == 0));
+    for (int a = 46; a < c.audioFrames; ++a) ASSERT_TRUE(rig.pushAudio(a, 0));
+    for (; v < 40; ++v) {
+      ASSERT_TRUE(rig.pushVideo(v, v % 10 == 0));
+      // The audio written so far: the frames behind the second fragment are not yet.
+      EXPECT_EQ(rig.engine()._duration_ms, c.audioFrames ? 981u : 0u) << "frame " << v;
+    }
+    if (c.flush) {
+      EXPECT_EQ(mehdOf(rig.bytes()), c.whileRecording) << "after the video fragments";
+    }
     ASSERT_TRUE(rig.engine().Close(rig.io));
     EXPECT_EQ(mehdOf(rig.bytes()), c.atClose);
+    EXPECT_EQ(rig.engine()._duration_ms * 60, c.atClose);
   }
 }
 

@@ -9,6 +9,7 @@
 // the box at fault: the same bytes with tfdt moved in front of trun decode completely by default.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -218,6 +219,21 @@ long long recordingSpan(const std::string& out, const std::string& tmp, const So
   return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - t0).count();
 }
 
+// Sends sig to the recording once its output has reached `bytes` (or never, when it ends first), so
+// that the moment falls within the recording however fast the machine is; the wait status.
+int signalAtSize(pid_t pid, const std::string& out, long long bytes, int sig) {
+  int status = 0;
+  for (;;) {
+    if (waitpid(pid, &status, WNOHANG) == pid) return status;
+    struct stat st {};
+    if (::stat(out.c_str(), &st) == 0 && st.st_size >= bytes) break;
+    std::this_thread::sleep_for(std::chrono::microseconds(100));
+  }
+  kill(pid, sig);
+  waitpid(pid, &status, 0);
+  return status;
+}
+
 class FragmentCutOff : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -232,30 +248,26 @@ TEST_F(FragmentCutOff, KilledRecordingKeepsItsFragments) {
   const Source& src = sources().longPlain;
   const std::string dir = sources().dir + "/killed";
   const std::string out = dir + "/rec.mp4", tmp = dir + "/tmp";
-  auto start = [&]() { return startRecording(out, tmp, src); };
-  // Aimed within the time a whole recording takes.
-  const long long spanUs = recordingSpan(out, tmp, src);
-  ASSERT_GT(spanUs, 0);
-  int status = 0;
+  ASSERT_GT(recordingSpan(out, tmp, src), 0);
+  const long long finalBytes = static_cast<long long>(Load(out).size());
 
   const int kills = countFromEnv("BOXWEAVE_FRAGMENT_KILLS", 10);
   std::mt19937 rng(1234);
-  std::uniform_int_distribution<long long> when(0, spanUs);
+  std::uniform_int_distribution<long long> when(0, finalBytes - 1);
   size_t cutMidway = 0;
   for (int k = 0; k < kills; ++k) {
     const long long at = when(rng);
-    const pid_t pid = start();
+    const pid_t pid = startRecording(out, tmp, src);
     ASSERT_GT(pid, 0);
-    std::this_thread::sleep_for(std::chrono::microseconds(at));
-    kill(pid, SIGKILL);
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    const std::string what = "kill " + std::to_string(k) + " at " + std::to_string(at) + " us of " + std::to_string(spanUs);
+    const int status = signalAtSize(pid, out, at, SIGKILL);
+    const std::string what =
+        "kill " + std::to_string(k) + " at " + std::to_string(at) + " of " + std::to_string(finalBytes) + " bytes";
     EXPECT_TRUE(Capture("ls -A " + tmp).empty()) << what << ": temporary files left";
     EXPECT_EQ(Capture("ls -A " + dir + " | grep -v -x -e tmp -e rec.mp4"), "") << what;
     const size_t fragments = checkCut(out, src, what);
     if (WIFSIGNALED(status) && fragments > 0) ++cutMidway;
   }
-  std::printf("%d kills over %lld us; %zu cut a recording with fragments written\n", kills, spanUs, cutMidway);
+  std::printf("%d kills; %zu cut a recording with fragments written\n", kills, cutMidway);
   EXPECT_GT(cutMidway, 0u) << "no kill landed within a recording";
 }
 
@@ -265,15 +277,12 @@ TEST_F(FragmentCutOff, StopSignalClosesWithLastFragmentAndIndex) {
   const Source& src = sources().longPlain;
   const std::string dir = sources().dir + "/stopped";
   const std::string out = dir + "/rec.mp4", tmp = dir + "/tmp";
-  const long long spanUs = recordingSpan(out, tmp, src);
-  ASSERT_GT(spanUs, 0);
+  ASSERT_GT(recordingSpan(out, tmp, src), 0);
+  const long long finalBytes = static_cast<long long>(Load(out).size());
   for (const int sig : {SIGINT, SIGTERM}) {
     const pid_t pid = startRecording(out, tmp, src);
     ASSERT_GT(pid, 0);
-    std::this_thread::sleep_for(std::chrono::microseconds(spanUs / 3));
-    kill(pid, sig);
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    const int status = signalAtSize(pid, out, finalBytes / 3, sig);
     ASSERT_TRUE(WIFEXITED(status)) << sig;
     if (WEXITSTATUS(status) == 0) {
       std::printf("note: the recording ended before signal %d came\n", sig);

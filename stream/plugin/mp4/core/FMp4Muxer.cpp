@@ -107,7 +107,20 @@ bool FMp4Muxer::Update(IStream*, IO* io) {
   return io->Flush();
 }
 
+unsigned long long FMp4Muxer::runningDuration() const {
+  long long longest = 0;
+  for (const IStream* st : _streams)
+    if (st && st->Duration() > longest) longest = st->Duration();
+  return static_cast<unsigned long long>(longest);
+}
+
+bool FMp4Muxer::process(IO&, kiv::stream::Packet&) {
+  _duration_ms = runningDuration();
+  return true;
+}
+
 void FMp4Muxer::Update(IO* io) {
+  _duration_ms = runningDuration();
   const unsigned long long duration =
       static_cast<unsigned long long>(_scale.FromMs(static_cast<long long>(_duration_ms)));
   LOGL << "_duration=" << duration;
@@ -145,6 +158,7 @@ bool FMp4Muxer::Close(IO& io) {
   }
   for (IStream* st : _streams)
     if (st) st->CleanFifoData(io, 0);
+  _duration_ms = runningDuration();
   fillmfra(io);
   if (!flush) Update(&io);
   clearStream();

@@ -39,8 +39,13 @@ class FMp4Muxer : public Mp4Muxer {
   // A track wrote a fragment: with flush, mehd is patched and the fragment forced to the medium.
   bool Update(IStream* stream, kiv::base::IO* io) override;
 
+  // After each packet: the running duration is the longest track's. The video track counts no length,
+  // so a file with audio runs by its audio, whichever track took the packet or wrote the last fragment.
+  bool process(kiv::base::IO& io, kiv::stream::Packet& packet) override;
   // mehd from the running duration, patched in the file.
   void Update(kiv::base::IO* io);
+  // The longest track's length so far, ms.
+  unsigned long long runningDuration() const;
   // A trex for the track under mvex.
   void AddTrex(IStream* stream);
   // The index of every track's fragments at the end of the file.
