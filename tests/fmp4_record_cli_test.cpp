@@ -2,6 +2,7 @@
 // help that says when to choose it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 
 #include "tests/FragmentBytes.h"
@@ -53,6 +54,20 @@ TEST(FragmentCli, OptionsAndTheirMistakes) {
       EXPECT_EQ(f.top.back().type, "mfra") << c.args;
     }
   }
+  Shell("rm -f " + out + ".*");
+
+  // The thumbnail stands in the init segment: the JPEG beside the output, in front of the first moof.
+  ASSERT_TRUE(Shell("ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=size=64x48 -frames:v 1 " + out + ".jpg"));
+  const ToolResult thumb = RunTool("record -o " + out + ".mp4 --fragmented --thumb --video " + sample());
+  EXPECT_EQ(thumb.status, 0) << thumb.err;
+  const fragbytes::Bytes file = fragoracle::Load(out + ".mp4"), jpeg = fragoracle::Load(out + ".jpg");
+  const fragbytes::File f = fragbytes::Read(file);
+  ASSERT_FALSE(jpeg.empty());
+  ASSERT_FALSE(f.fragments.empty());
+  const auto at = std::search(file.begin(), file.end(), jpeg.begin(), jpeg.end());
+  ASSERT_NE(at, file.end()) << "no thumbnail";
+  EXPECT_LT(static_cast<size_t>(at - file.begin()), f.fragments.front().pos);
+  EXPECT_EQ(std::string(at - 4, at), "thum");
   Shell("rm -f " + out + ".*");
 
   const ToolResult help = RunTool("record --help");
