@@ -160,7 +160,10 @@ bool IMp4MuxerStreamFragment::fillMoof(IO& io) {
   updatetfdf();
   _mfraInfo.emplace_back(static_cast<uint32_t>(_tfdt->BaseMediaDecodeTime()),
                          static_cast<uint32_t>(static_cast<unsigned long long>(io.Position())));
-  _moof->Fill(io, true);
+  _moofBytes.Bytes().clear();
+  _moofBytes.Seek(0, kiv::Position::front);
+  _moof->Fill(_moofBytes, true);
+  io.Write(_moofBytes.Data(), _moofBytes.Size());
   return true;
 }
 

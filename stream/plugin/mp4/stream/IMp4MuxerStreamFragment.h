@@ -90,6 +90,10 @@ class IMp4MuxerStreamFragment : public IStream {
   fmp4::ctfdt* _tfdt = nullptr;
 
  protected:
+  // The moof is laid out here and goes to the file in one write: patching each box's size in the
+  // file would cost a seek and a write a box.
+  kiv::base::IOBuffer _moofBytes;
+
   // The engine that made the track ("container"), or null.
   IMov* engine() const;
   // The trak's boxes whose durations follow the recording.
