@@ -5,7 +5,11 @@
 # the options it relies on, and a stage that finds no test fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/deps.sh g++ cmake make libgtest-dev libcli11-dev nlohmann-json3-dev ffmpeg
+scripts/deps.sh g++ cmake make libgtest-dev libcli11-dev nlohmann-json3-dev ffmpeg \
+  gstreamer1.0-tools gstreamer1.0-plugins-good gstreamer1.0-libav chromium nodejs npm
+# The browser tests drive the system's chromium with npm's playwright-core, which downloads no browser.
+[ -d tests/browser/node_modules/playwright-core ] ||
+  (cd tests/browser && PLAYWRIGHT_SKIP_BROWSER_DOWNLOAD=1 npm ci --no-audit --no-fund)
 jobs=$(nproc)
 
 echo "== Release build and tests (build-release)"

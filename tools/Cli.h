@@ -41,7 +41,7 @@ int UsageError(const std::string& message, const std::string& verb = "");
 
 struct RecordOptions {
   std::string out;
-  std::string format;  // "mov" or "mp4"; empty: from the extension of out
+  std::string format;  // "mov", "mp4" or "fmp4"; empty: from the extension of out
   std::string video;
   std::string audio;
   std::string text;         // SubRip cues for a text track
@@ -54,6 +54,9 @@ struct RecordOptions {
   bool tableFiles = false;
   std::string tmp;
   std::vector<std::pair<std::string, std::string>> tags;
+  bool fragmented = false;  // moof/mdat pairs (also by --format fmp4)
+  long long fragmentMs = 0;  // 0: each track cuts by its own count
+  bool flush = false;       // every fragment to the medium before the next
 };
 int Record(RecordOptions o);
 

@@ -64,6 +64,17 @@ int finishOptions(RecordOptions& o) {
   for (const std::string* in : {&o.video, &o.audio, &o.text})
     if (!in->empty() && SameFile(o.out, *in))
       return UsageError("record: the output '" + o.out + "' is the input '" + *in + "'", "record");
+  if (o.format == "fmp4") o.fragmented = true;
+  if (o.fragmented) {
+    if (!o.format.empty() && o.format != "mp4" && o.format != "fmp4")
+      return UsageError("record: --fragmented writes MP4, not " + o.format, "record");
+    if (o.spill || o.tableFiles)
+      return UsageError("record: a fragmented recording keeps no sample tables; --spill and --table-files do not apply",
+                        "record");
+    o.format = "fmp4";
+  } else if (o.fragmentMs || o.flush) {
+    return UsageError("record: --fragment-ms and --flush need --fragmented", "record");
+  }
   if (o.format.empty()) {
     const std::string e = Extension(o.out);
     if (e != "mov" && e != "mp4")
@@ -235,13 +246,17 @@ int Record(RecordOptions o) {
   }
   // The muxer element, found by keywords as a graph would find it.
   AttrSet ap;
-  Object::AttrSetInit(ap, nullptr, o.format == "mov" ? "mov-muxer" : "mp4-muxer");
+  Object::AttrSetInit(ap, nullptr,
+                      o.format == "mov" ? "mov-muxer" : o.format == "fmp4" ? "mp4-muxer-fragment" : "mp4-muxer");
   std::unique_ptr<ISink> mux(Object::New<ISink>(ap));
   if (!mux) return failed("the plug-in has no muxer for " + o.format);
   mux->SetMessageHandler(PrintMessage);
 
   if (!mux->setString("url", o.out.c_str())) return failed("the muxer takes no url");
   if (o.thumb && !mux->Set("thumb", true)) return failed("the muxer takes no thumbnail setting");
+  if (o.fragmented && ((o.flush && !mux->Set("flush", true)) ||
+                       (o.fragmentMs && !mux->Set("durationPreSegment-dps", o.fragmentMs * 1000000LL))))
+    return failed("the muxer takes no fragment settings");
   if (o.cacheBlock && (!mux->Set("ioCacheBlk", static_cast<int>(o.cacheBlock)) ||
                        !mux->Set("ioCacheNum", static_cast<int>(o.cacheBlocks))))
     return failed("the muxer takes no write cache setting");
@@ -343,11 +358,26 @@ Verb AddRecord(CLI::App& app) {
   cmd->footer(
       "Records a video stream (H.264 Annex-B or Motion-JPEG), an audio stream (AAC ADTS or 16-bit\n"
       "PCM) and SubRip text, any of them, into a QuickTime (.mov) or MP4 (.mp4) file with the\n"
-      "plug-in's muxer element, and prints every message the element sends.");
+      "plug-in's muxer element, and prints every message the element sends.\n"
+      "\n"
+      "Choose --fragmented when the recording may be cut off (power loss, a crash, a full card):\n"
+      "a plain file is unplayable until its index is written at the end, while a fragmented file\n"
+      "is playable up to its last complete fragment. With --flush each fragment is forced to the\n"
+      "medium before the next begins, so a cut loses at most the fragment in progress. Fragmented\n"
+      "files also stream to browsers (Media Source). Plain files suit players and editors that\n"
+      "want one index and fast seeking, and cost no syncs.");
   cmd->add_option("-o", o->out, "the file to write; its extension gives the format")->required()->type_name("OUT");
   cmd->add_option("--format", o->format, "the format, whatever the extension")
-      ->check(CLI::IsMember({"mov", "mp4"}))
-      ->type_name("mov|mp4");
+      ->check(CLI::IsMember({"mov", "mp4", "fmp4"}))
+      ->type_name("mov|mp4|fmp4");
+  cmd->add_flag("--fragmented", o->fragmented,
+                "write fragmented MP4 (moof/mdat pairs): playable up to the last fragment if cut off");
+  cmd->add_option("--fragment-ms", o->fragmentMs,
+                  "with --fragmented: length of a fragment (video cuts at the next key frame); default: one "
+                  "GOP of video, half a second of audio")
+      ->type_name("MS")
+      ->check(CLI::Range(1LL, 86400000LL));
+  cmd->add_flag("--flush", o->flush, "with --fragmented: force each fragment to the medium before the next");
   cmd->add_option("--video", o->video, "H.264 elementary stream (.h264, .264) or Motion-JPEG (.mjpeg, .mjpg)")
       ->type_name("FILE")
       ->check(CLI::Validator(

@@ -6,6 +6,7 @@ extern "C" void RegisterBoxWeave() {
   // is left to a host that wants the demuxer's own properties ("parse", "live") found by name.
   RegisterMovMuxer();
   RegisterMp4Muxer();
+  RegisterFMp4Muxer();
   RegisterFMp4Info();
   RegisterMp4Demuxer();
   RegisterMovStreamH264();
@@ -13,6 +14,8 @@ extern "C" void RegisterBoxWeave() {
   RegisterMovStreamJpeg();
   RegisterMovStreamAac();
   RegisterMovStreamTxt();
+  RegisterMp4MuxerStreamH264Fragment();
+  RegisterMp4MuxerStreamAacFragment();
   RegisterMp4DemuxerStreamH264Fragment();
   RegisterMp4DemuxerStreamAacFragment();
   RegisterVideoTags();
