@@ -29,6 +29,7 @@ struct TrackTables {
   std::string offsetTable;  // "stco" or "co64"
   std::vector<uint64_t> samplePos;
   std::vector<uint32_t> sampleSize;
+  uint64_t offsetsAt = 0, sizesAt = 0;  // file positions of the first chunk offset and sample size
 };
 
 struct BigMovie {
@@ -79,6 +80,9 @@ struct BigMovie {
       for (size_t i = 0, n = muxtest::Be32(moov, co.body() + 4); i < n && co.body() + 8 + (i + 1) * width <= co.end(); ++i)
         chunks.push_back(width == 8 ? muxtest::Be64(moov, co.body() + 8 + i * 8) : muxtest::Be32(moov, co.body() + 8 + i * 4));
       const BoxAt sz = Find(stbl, "stsz");
+      const uint64_t moovAt = Top("moov") ? Top("moov")->offset : 0;
+      t.offsetsAt = moovAt + co.body() + 8;
+      t.sizesAt = moovAt + sz.body() + 12;
       for (size_t i = 0, n = muxtest::Be32(moov, sz.body() + 8); i < n && sz.body() + 12 + (i + 1) * 4 <= sz.end(); ++i)
         t.sampleSize.push_back(muxtest::Be32(moov, sz.body() + 12 + i * 4));
       const BoxAt sc = Find(stbl, "stsc");

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -335,6 +336,25 @@ TEST_F(SmallFiles64, FfmpegLayoutReads) {
   const std::vector<std::string> pictures = generated::FrameMd5s(again, "v");
   EXPECT_GE(pictures.size(), 70u);  // from the second key picture on
   EXPECT_EQ(pictures, generated::FrameMd5s(ffAgain, "v"));
+}
+
+// A chunk moved just below the largest file position, its sample 2 MiB long: past the file, an error
+// both ways of reading the tables (the check against the file's size once overflowed there).
+TEST_F(SmallFiles64, AChunkNearTheLargestPositionIsAnErrorBothWays) {
+  const std::string out = dir + "/far.mp4";
+  ASSERT_EQ(Record(out, "--64bit", false).status, 0);
+  const largefile::TrackTables t = BigMovie(out).Track("vide");
+  ASSERT_EQ(t.offsetTable, "co64");
+  ASSERT_GT(t.samplePos.size(), 20u);
+  std::string b = ReadWhole(out);
+  for (int i = 0; i < 8; ++i) b[t.offsetsAt + 8 * 20 + i] = static_cast<char>(0x7fffffffffffff00ull >> (56 - 8 * i));
+  for (int i = 0; i < 4; ++i) b[t.sizesAt + 4 * 20 + i] = static_cast<char>((2u << 20) >> (24 - 8 * i));
+  std::ofstream(out, std::ios::binary) << b;
+  for (const char* way : {"", " --tables-on-file --switch-size 1"}) {
+    int status = -1;
+    EXPECT_EQ(PlayedSizes(out, status, way).size(), 20u) << way;
+    EXPECT_EQ(status, 1) << way;
+  }
 }
 
 // A host that guessed 32-bit offsets wrongly: the limit (here a small one standing in for 4 GiB)

@@ -17,12 +17,10 @@
 
 #include "io_test_util.h"
 #include "stream/base/io/IO.h"
-#include "stream/base/reflect/IClass.h"
 #include "stream/plugin/mp4/common/IBox.h"
 #include "stream/plugin/mp4/common/Stbl.h"
 #include "stream/plugin/mp4/demux/ListParser.h"
 #include "stream/plugin/mp4/demux/extern/StblParser.h"
-#include "stream/plugin/mp4/demux/extern/stbl/CttsReader.h"
 #include "tests/BoxBytes.h"
 #include "tests/LogCapture.h"
 
@@ -322,22 +320,6 @@ TEST_F(StblReaders, AFrameThatIsAChunkCountsItsSamplesButTheFrameHeldAnswersForO
   EXPECT_EQ(std::make_pair(tables.GetFrameSize(3), tables.GetFrameDuration(3)), std::make_pair(16ll, 4ll));
 }
 
-TEST_F(StblReaders, TheLastKeyFrameIsUnknownToTheSyncTableOnFile) {
-  Track t = Shapes()[0].track;
-  Parsed onFile(dir, t.bytes(), true);
-  StblParser tables;
-  ASSERT_TRUE(tables.Init(onFile.stbl));
-  LogCapture log;
-  EXPECT_EQ(tables.GetLastKeyFrame(), 0);
-  EXPECT_TRUE(log.Has("!_stssparser->Get(\"get_last_key\",_last_key)"));
-  t.stss = false;
-  Parsed noSync(dir, t.bytes(), true);
-  StblParser all;
-  ASSERT_TRUE(all.Init(noSync.stbl));
-  EXPECT_EQ(all.GetLastKeyFrame(), 9);
-  EXPECT_TRUE(all.GetFrameIsKey(5));
-}
-
 TEST_F(StblReaders, ATableOfOneBlockIsCopiedAndALargerOneReadThroughABlock) {
   // stsz payloads of 4096 and 4097 bytes under a block of 0x1000, the size given in hexadecimal.
   for (uint32_t extra : {0u, 1u}) {
@@ -398,46 +380,6 @@ TEST_F(StblReaders, TablesTheReadersRefuseOrStandInFor) {
     FrameInfo f;
     EXPECT_TRUE(tables.GetFrame(5, f));
   }
-  // The registry: the parser and the readers in the order of the class table; the abstract base is
-  // never made, and "sdtp" finds the reader that reads nothing.
-  std::vector<std::string> names;
-  bool after = false;
-  for (kiv::base::IClass* c : kiv::base::IClass::Globle()) {
-    after = after || std::string(c->Name()) == "MovStblParserList-mov-stbl-parser-list";
-    if (after && std::string(c->Name()).find("mov-stbl-") != std::string::npos) names.push_back(c->Name());
-  }
-  const std::vector<std::string> want = {
-      "MovStblParserList-mov-stbl-parser-list", "mov-stbl-parser-extern",        "mov-stbl-reader-extern",
-      "mov-stbl-reader-extern-ctts",            "mov-stbl-reader-extern-stco",   "mov-stbl-reader-extern-co64",
-      "mov-stbl-reader-extern-stsc",            "mov-stbl-reader-extern-stss",   "mov-stbl-reader-extern-stsz",
-      "mov-stbl-reader-extern-stts",            "mov-stbl-reader-extern-fake-sdtp"};
-  EXPECT_EQ(names, want);
-  EXPECT_STREQ(kiv::base::IClass::Find("mov-stbl-reader-extern", false)->Name(), "mov-stbl-reader-extern");
-  EXPECT_STREQ(kiv::base::IClass::Find("mov-stbl-reader-extern-sdtp", false)->Name(), "mov-stbl-reader-extern-fake-sdtp");
-  AttrSet na;
-  kiv::base::Object::AttrSetInit(na, nullptr, "mov-stbl-reader-extern");
-  std::unique_ptr<kiv::base::Object> o(kiv::base::Object::New<kiv::base::Object>(na));
-  EXPECT_NE(dynamic_cast<kiv::plugin::mov::CttsReader*>(o.get()), nullptr) << "the next class that can be made";
-}
-
-TEST_F(StblReaders, SamplesOfOneSizeWithoutATable) {
-  // The count stands for sample frames and no entry follows: the one size, with the three values said.
-  Track t = Shapes()[3].track;
-  LogCapture log;
-  Parsed onFile(dir, t.bytes(), true);
-  ASSERT_TRUE(onFile.ok);
-  EXPECT_TRUE(log.Has("_entry_num=9") && log.Has("_sample_size=50") && log.Has("stsz->PayloadSize()=12"));
-  StblParser tables;
-  ASSERT_TRUE(tables.Init(onFile.stbl));
-  EXPECT_EQ(tables.GetFrameSize(4), 50);
-  EXPECT_EQ(tables.GetTotalSize(), 450);
-  // With a size of 0 the missing entries are fatal.
-  const Bytes b = boxtest::Box("stbl", boxtest::Cat({Table("stts", t.stts), Table("stsc", t.stsc),
-                                                     Words("stsz", {0, 9}), Table("stco", {{0x1000}, {0x2000}, {0x3000}})}));
-  LogCapture refusal;
-  Parsed refused(dir, b, true);
-  EXPECT_FALSE(refused.ok);
-  EXPECT_TRUE(refusal.Has("!_sample_size"));
 }
 
 TEST_F(StblReaders, DamagedTablesGiveLogLinesAndFailuresNeverACrash) {
@@ -473,6 +415,10 @@ TEST_F(StblReaders, DamagedTablesGiveLogLinesAndFailuresNeverACrash) {
       {"stsc without entries", [&] { return stbl(noStsc); }, false, 0, 0, "_stbl->_num<1"},
       {"an stsc entry of no samples", [&] { return stbl(zeroSpc); }, true, 9, 3, "samples_per_chunk==0"},
       {"a run of no samples", [&] { return stbl(zeroRuns); }, true, 12, 12, ""},
+      {"stsz of no size and no entries",
+       [&] { return boxtest::Box("stbl", boxtest::Cat({Table("stts", base.stts), Table("stsc", base.stsc),
+                                                       Words("stsz", {0, 12}), Table("stco", {{0x1000}, {0x2000}})})); },
+       false, 0, 0, "!_sample_size"},
       {"sync samples out of order", [&] { return stbl(unordered); }, true, 12, 12, ""},
       {"stsz of 64-bit size past the file",
        [&] {
