@@ -28,21 +28,8 @@ using muxtest::Bytes;
 
 constexpr uint64_t k4GiB = 1ull << 32;
 
-// The NAL units of an Annex-B stream, without their start codes.
-std::vector<std::string> Units(const std::string& s) {
-  std::vector<std::string> out;
-  size_t at = s.find(std::string("\0\0\1", 3));
-  while (at != std::string::npos) {
-    const size_t from = at + 3;
-    size_t next = s.find(std::string("\0\0\1", 3), from);
-    size_t end = next == std::string::npos ? s.size() : next;
-    while (end > from && s[end - 1] == '\0') --end;  // the zero of a four-byte start code
-    out.push_back(s.substr(from, end - from));
-    at = next;
-  }
-  return out;
-}
-bool IsSlice(const std::string& u) { return !u.empty() && ((u[0] & 0x1f) == 1 || (u[0] & 0x1f) == 5); }
+using generated::Units;
+bool IsSlice(const std::string& u) { return generated::Type(u) == 1 || generated::Type(u) == 5; }
 
 // The slice of a sample, found by walking its four-byte lengths from the sample's first byte. The
 // units behind the first of a picture keep their start codes inside its length (a kept oddity of the
@@ -93,9 +80,11 @@ std::string BigDir(const std::string& scratch, uint64_t need) {
 }
 
 // The packets `boxweave play --packets` gives back for the video: sizes in order.
-std::vector<uint32_t> PlayedSizes(const std::string& file, int& status, const std::string& options = "") {
+std::vector<uint32_t> PlayedSizes(const std::string& file, int& status, const std::string& options = "",
+                                  std::string* err = nullptr) {
   const ToolResult r = RunTool("play --packets '" + file + "'" + options);
   status = r.status;
+  if (err) *err = r.err;
   std::vector<uint32_t> sizes;
   std::istringstream lines(r.out);
   for (std::string line; std::getline(lines, line);) {
@@ -352,8 +341,10 @@ TEST_F(SmallFiles64, AChunkNearTheLargestPositionIsAnErrorBothWays) {
   std::ofstream(out, std::ios::binary) << b;
   for (const char* way : {"", " --tables-on-file --switch-size 1"}) {
     int status = -1;
-    EXPECT_EQ(PlayedSizes(out, status, way).size(), 20u) << way;
+    std::string err;
+    EXPECT_EQ(PlayedSizes(out, status, way, &err).size(), 20u) << way;
     EXPECT_EQ(status, 1) << way;
+    EXPECT_NE(err.find(out + ": reading stopped with an error after 20 packets"), std::string::npos) << err;
   }
 }
 

@@ -173,68 +173,24 @@ struct Shape {
   std::string attrs;  // "frame_with_chunk=true": a frame is a chunk
 };
 
+// Fields in order: sizes, one size and its count, stts, stsc, chunks, stss, keys, co64, stsz.
 std::vector<Shape> Shapes() {
   std::vector<Shape> v;
-  Track t;
-  t.sizes = Sizes(10);
-  t.stts = {{10, 512}};
-  t.stsc = {{1, 1, 1}};
-  t.chunks = 10;
-  t.stss = true;
-  t.keys = Every(3, 10);
-  v.push_back({"a sample a chunk, keys every third", t, ""});
-
-  t = Track();
-  t.sizes = Sizes(12);
-  t.stts = {{12, 1000}};
-  t.stsc = {{1, 3, 1}};
-  t.chunks = 4;
-  t.stss = true;
-  t.keys = Every(4, 12);
-  v.push_back({"chunks of three", t, ""});
-
-  t = Track();
-  t.sizes = Sizes(22);
-  t.stts = {{22, 40}};
-  t.stsc = {{1, 2, 1}, {3, 5, 1}, {6, 1, 1}};
-  t.chunks = 8;
-  t.co64 = true;
-  v.push_back({"chunk shapes change, 64-bit offsets, no sync table", t, ""});
-
-  t = Track();
-  t.fixed = 50;
-  t.fixedCount = 9;
-  t.stts = {{9, 1024}};
-  t.stsc = {{1, 3, 1}};
-  t.chunks = 3;
-  t.stss = true;
-  t.keys = {1};
-  v.push_back({"one size for all, a sync table of one entry", t, ""});
-
-  t = Track();
-  t.sizes = Sizes(16);
-  t.stts = {{16, 20}};
-  t.stsc = {{1, 4, 1}, {3, 4, 1}};
-  t.chunks = 4;
-  t.stss = true;
-  v.push_back({"two equal stsc entries, an empty sync table", t, ""});
-
-  t = Track();
-  t.sizes = Sizes(300, 1000);
-  t.stts = {{300, 3000}};
-  t.stsc = {{1, 1, 1}, {101, 2, 1}, {151, 1, 1}};
-  t.chunks = 250;
-  t.stss = true;
-  t.keys = Every(10, 300);
-  v.push_back({"keys on a fixed stride, far jumps", t, ""});
-
-  t = Track();
-  t.fixed = 4;
-  t.fixedCount = 24;
-  t.stts = {{24, 1}};
-  t.stsc = {{1, 8, 1}, {3, 4, 1}};
-  t.chunks = 4;
-  v.push_back({"a frame a chunk", t, "frame_with_chunk=true"});
+  v.push_back({"a sample a chunk, keys every third",
+               Track{Sizes(10), 0, 0, {{10, 512}}, {{1, 1, 1}}, 10, true, Every(3, 10), false, true}, ""});
+  v.push_back({"chunks of three", Track{Sizes(12), 0, 0, {{12, 1000}}, {{1, 3, 1}}, 4, true, Every(4, 12), false, true}, ""});
+  v.push_back({"chunk shapes change, 64-bit offsets, no sync table",
+               Track{Sizes(22), 0, 0, {{22, 40}}, {{1, 2, 1}, {3, 5, 1}, {6, 1, 1}}, 8, false, {}, true, true}, ""});
+  v.push_back({"one size for all, a sync table of one entry",
+               Track{{}, 50, 9, {{9, 1024}}, {{1, 3, 1}}, 3, true, {1}, false, true}, ""});
+  v.push_back({"two equal stsc entries, an empty sync table",
+               Track{Sizes(16), 0, 0, {{16, 20}}, {{1, 4, 1}, {3, 4, 1}}, 4, true, {}, false, true}, ""});
+  v.push_back({"keys on a fixed stride, far jumps",
+               Track{Sizes(300, 1000), 0, 0, {{300, 3000}}, {{1, 1, 1}, {101, 2, 1}, {151, 1, 1}}, 250, true,
+                     Every(10, 300), false, true},
+               ""});
+  v.push_back({"a frame a chunk", Track{{}, 4, 24, {{24, 1}}, {{1, 8, 1}, {3, 4, 1}}, 4, false, {}, false, true},
+               "frame_with_chunk=true"});
   return v;
 }
 
@@ -321,32 +277,14 @@ TEST_F(StblReaders, AFrameThatIsAChunkCountsItsSamplesButTheFrameHeldAnswersForO
 }
 
 TEST_F(StblReaders, ATableOfOneBlockIsCopiedAndALargerOneReadThroughABlock) {
-  // stsz payloads of 4096 and 4097 bytes under a block of 0x1000, the size given in hexadecimal.
-  for (uint32_t extra : {0u, 1u}) {
-    Track t;
-    t.sizes = Sizes(1021);  // 12 + 4 * 1021 = 4096
-    t.stts = {{1021, 1}};
-    t.stsc = {{1, 1, 1}};
-    t.chunks = 1021;
-    Bytes b = t.bytes();
-    if (extra) {
-      // One byte more in the stsz box, behind its entries.
-      Parsed probe(dir, b, false);
-      IBox* stsz = probe.stbl->Find("stsz");
-      const size_t end = static_cast<size_t>(stsz->Offset() + stsz->RealSize());
-      b.insert(b.begin() + static_cast<long>(end), 0);
-      for (size_t at : {size_t(0), static_cast<size_t>(stsz->Offset())}) {
-        uint32_t v = 0;
-        for (int i = 0; i < 4; ++i) v = v << 8 | b[at + static_cast<size_t>(i)];
-        ++v;
-        for (int i = 0; i < 4; ++i) b[at + static_cast<size_t>(i)] = static_cast<unsigned char>(v >> (24 - 8 * i));
-      }
-    }
-    Parsed p(dir, b, true, "stbl_extern_parser_blksize=0x1000");
+  // stsz payloads of 4096 and 4100 bytes (12 + 4 a sample) under a block of 0x1000, given in hexadecimal.
+  for (uint32_t n : {1021u, 1022u}) {
+    const Track t{Sizes(n), 0, 0, {{n, 1}}, {{1, 1, 1}}, n, false, {}, false, true};
+    Parsed p(dir, t.bytes(), true, "stbl_extern_parser_blksize=0x1000");
     ASSERT_TRUE(p.ok);
-    EXPECT_EQ(p.reader("stsz")->Box()->PayloadSize(), 4096u + extra);
-    EXPECT_EQ(p.reader("stsz")->Buffered(), extra == 0);
-    EXPECT_EQ(p.reader("stsz")->Blocks(), extra == 1);
+    EXPECT_EQ(p.reader("stsz")->Box()->PayloadSize(), 12 + 4 * n);
+    EXPECT_EQ(p.reader("stsz")->Buffered(), n == 1021);
+    EXPECT_EQ(p.reader("stsz")->Blocks(), n == 1022);
     // A second init is refused.
     LogCapture log;
     AttrSet again;
@@ -425,21 +363,12 @@ TEST_F(StblReaders, DamagedTablesGiveLogLinesAndFailuresNeverACrash) {
          Track t = base;
          t.sizes = Sizes(400);
          t.chunks = 134;
-         Bytes b = t.bytes();
-         // Cut the sizes after their 12th entry and claim a large box behind a 64-bit size.
-         Parsed probe(dir, b, false);
-         IBox* stsz = probe.stbl->Find("stsz");
-         const size_t at = static_cast<size_t>(stsz->Offset()), end = at + static_cast<size_t>(stsz->RealSize());
-         Bytes head = boxtest::Header64(1 << 20, "stsz");
-         Bytes body(b.begin() + static_cast<long>(at) + 8, b.begin() + static_cast<long>(at) + 20 + 48);
-         Bytes out(b.begin(), b.begin() + static_cast<long>(at));
-         Bytes rest(b.begin() + static_cast<long>(end), b.end());
-         out.insert(out.end(), rest.begin(), rest.end());
-         out.insert(out.end(), head.begin(), head.end());
-         out.insert(out.end(), body.begin(), body.end());
-         const uint32_t size = static_cast<uint32_t>(out.size());
-         for (int i = 0; i < 4; ++i) out[static_cast<size_t>(i)] = static_cast<unsigned char>(size >> (24 - 8 * i));
-         return out;
+         t.stsz = false;
+         // The sizes cut after their 12th entry, last in the stbl, in a box that claims 1 MiB.
+         Bytes stsz = boxtest::Header64(1 << 20, "stsz");
+         for (uint32_t w : {0u, 0u, 400u}) boxtest::Be32(stsz, w);
+         for (size_t i = 0; i < 12; ++i) boxtest::Be32(stsz, t.sizes[i]);
+         return t.bytes(stsz);
        },
        true, 400, 12, "not read, the file ends at"},
   };
