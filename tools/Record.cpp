@@ -237,15 +237,16 @@ int Record(RecordOptions o) {
   }
   // Storage modes and 64-bit offsets are no element properties: the engine's own seam sets them.
   auto* engine = dynamic_cast<kiv::plugin::mov::IMovMuxer*>(mux.get());
-  if (!engine) return failed("the muxer has no engine to take its storage modes");
-  if (o.spill || o.tableFiles) engine->StorageModes(o.spill, o.tableFiles);
   // The guess is made against the true reach; a limit from the environment moves only the engine's check.
   const unsigned long long limit = limit32();
   if (!o.use64 && mediaBytes > kiv::plugin::mov::IMovMuxer::kLimit32) {
     o.use64 = true;
     std::fprintf(stderr, "boxweave: the inputs hold %llu bytes: %s gets 64-bit offsets\n", mediaBytes, o.out.c_str());
   }
-  engine->LargeFile(o.use64, limit);
+  if (!engine && (o.spill || o.tableFiles || o.use64))
+    return failed("the muxer has no engine to take --spill, --table-files or 64-bit offsets");
+  if (engine && (o.spill || o.tableFiles)) engine->StorageModes(o.spill, o.tableFiles);
+  if (engine) engine->LargeFile(o.use64, limit);
 
   for (auto& in : inputs) {
     in->source = std::make_unique<StreamSource>();
@@ -286,7 +287,7 @@ int Record(RecordOptions o) {
     p->Release();
     if (!pushed) {
       ok = false;
-      if (engine->PastLimit())
+      if (engine && engine->PastLimit())
         std::fprintf(stderr, "boxweave: %s stops at %.3f s: past %llu bytes it needs 64-bit offsets (--64bit)\n",
                      o.out.c_str(), static_cast<double>(pts) / 1e9, limit);
       else
@@ -317,7 +318,7 @@ int Record(RecordOptions o) {
     RemoveOutput(o.out);
     return kFailed;
   }
-  if (!closed && engine->PastLimit()) {
+  if (!closed && engine && engine->PastLimit()) {
     // What the tracks held back passed the limit: there is no moov, and nothing worth keeping.
     RemoveOutput(o.out);
     return failed(o.out + " would pass " + std::to_string(limit) + " bytes, past the reach of 32-bit offsets; removed (use --64bit)");
