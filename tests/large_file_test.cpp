@@ -28,8 +28,8 @@ using muxtest::Bytes;
 
 constexpr uint64_t k4GiB = 1ull << 32;
 
-using generated::Units;
-bool IsSlice(const std::string& u) { return generated::Type(u) == 1 || generated::Type(u) == 5; }
+using generated::AnnexBUnits;
+bool IsSlice(const std::string& u) { return generated::UnitType(u) == 1 || generated::UnitType(u) == 5; }
 
 // The slice of a sample, found by walking its four-byte lengths from the sample's first byte. The
 // units behind the first of a picture keep their start codes inside its length (a kept oddity of the
@@ -105,7 +105,7 @@ class LargeRecording : public ::testing::Test {
     // One slice a picture and a key picture every ten, so that the last ones decode on their own.
     ASSERT_TRUE(Shell("ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=size=160x120:rate=30 -frames:v 80 "
                       "-pix_fmt yuv420p -c:v libx264 -bf 0 -g 10 -f h264 " + small));
-    for (const std::string& u : Units(ReadWhole(small)))
+    for (const std::string& u : AnnexBUnits(ReadWhole(small)))
       if (IsSlice(u)) slices.push_back(u);
     ASSERT_EQ(slices.size(), 80u);
     frames = generated::FrameMd5s(small, "v");
@@ -135,7 +135,7 @@ TEST_F(LargeRecording, PastFourGiBBothWays) {
     ASSERT_TRUE(f);
     const std::string ones(1u << 20, '\xff');
     size_t picture = 0;
-    for (const std::string& u : Units(ReadWhole(small))) {
+    for (const std::string& u : AnnexBUnits(ReadWhole(small))) {
       std::fwrite("\0\0\0\1", 1, 4, f);
       std::fwrite(u.data(), 1, u.size(), f);
       if (!IsSlice(u) || picture++ >= kFilled) continue;

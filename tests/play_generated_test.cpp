@@ -284,16 +284,16 @@ TEST_F(PlayGenerated, AnSeiInTheFirstPictureCostsTheFirstGroupOfPictures) {
     // slice, of which the first two behind start codes and the others behind lengths; every other
     // picture (the second key frame with its parameter sets again) all behind start codes.
     std::vector<std::vector<std::string>> pictures(1);
-    for (const std::string& u : Units(ReadWhole(s->path))) {
+    for (const std::string& u : AnnexBUnits(ReadWhole(s->path))) {
       pictures.back().push_back(u);
-      if (Type(u) == 1 || Type(u) == 5) pictures.emplace_back();
+      if (UnitType(u) == 1 || UnitType(u) == 5) pictures.emplace_back();
     }
     pictures.pop_back();
     ASSERT_EQ(pictures.size(), 60u);
     ASSERT_EQ(pictures[0].size(), 4u);
-    EXPECT_EQ(
-        std::vector<unsigned>({Type(pictures[0][0]), Type(pictures[0][1]), Type(pictures[0][2]), Type(pictures[0][3])}),
-        std::vector<unsigned>({7, 8, 6, 5}));
+    std::vector<unsigned> types;
+    for (const std::string& u : pictures[0]) types.push_back(UnitType(u));
+    EXPECT_EQ(types, std::vector<unsigned>({7, 8, 6, 5}));
     std::string head;
     const std::vector<std::string> packets = Cut(ReadWhole(v), p.Sizes(p.video), &head);
     ASSERT_EQ(packets.size(), 60u);
@@ -332,15 +332,16 @@ TEST_F(PlayGenerated, FfmpegFilesPlayEveryPacketAsFfmpegCopiesIt) {
     const std::vector<std::string> packets = Cut(ReadWhole(v), p.Sizes(p.video), &head);
     ASSERT_EQ(packets.size(), copied.size());
     std::vector<std::string> sets, first;
-    for (const std::string& u : Units(copied[0])) (Type(u) == 7 || Type(u) == 8 ? sets : first).push_back(u);
+    for (const std::string& u : AnnexBUnits(copied[0]))
+      (UnitType(u) == 7 || UnitType(u) == 8 ? sets : first).push_back(u);
     EXPECT_EQ(head, Form(sets, sets.size()));
     EXPECT_EQ(StartCoded(packets[0], first), 0) << "the whole first sample keeps its lengths";
-    EXPECT_EQ(std::vector<unsigned>({Type(first[0]), Type(first.back())}), std::vector<unsigned>({6, 5}));
+    EXPECT_EQ(std::vector<unsigned>({UnitType(first[0]), UnitType(first.back())}), std::vector<unsigned>({6, 5}));
     int same = 0;
     for (size_t i = 1; i < packets.size(); ++i) {
       std::vector<std::string> units;
-      for (const std::string& u : Units(copied[i]))
-        if (Type(u) != 7 && Type(u) != 8) units.push_back(u);  // ffmpeg repeats them at each key frame
+      for (const std::string& u : AnnexBUnits(copied[i]))
+        if (UnitType(u) != 7 && UnitType(u) != 8) units.push_back(u);  // ffmpeg repeats them at each key frame
       same += StartCoded(packets[i], units) == static_cast<int>(units.size());
     }
     EXPECT_EQ(same, static_cast<int>(packets.size()) - 1);
