@@ -96,6 +96,23 @@ inline bool MakeStream(Stream& s, const std::string& dir, const std::string& fil
   return s.frames > 0 && s.bframes == bframes && !s.md5.empty();
 }
 
+// The units of an Annex-B stream, without their start codes (three or four bytes), and a unit's type.
+inline std::vector<std::string> AnnexBUnits(const std::string& b) {
+  std::vector<std::string> units;
+  size_t start = std::string::npos;
+  for (size_t i = 0; i + 3 <= b.size(); ++i) {
+    if (b[i] != 0 || b[i + 1] != 0 || b[i + 2] != 1) continue;
+    if (start != std::string::npos) units.push_back(b.substr(start, i - (b[i - 1] == 0 ? 1 : 0) - start));
+    start = i + 3;
+    i += 2;
+  }
+  if (start != std::string::npos) units.push_back(b.substr(start));
+  return units;
+}
+inline unsigned UnitType(const std::string& unit) {
+  return unit.empty() ? 0 : static_cast<unsigned char>(unit[0]) & 31u;
+}
+
 // The pictures of the test streams: 60 of 160x120 at 30 fps.
 inline constexpr const char* kPictures = "-f lavfi -i testsrc2=size=160x120:rate=30 -frames:v 60 -pix_fmt yuv420p -c:v libx264 ";
 

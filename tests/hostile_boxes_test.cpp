@@ -240,6 +240,9 @@ TEST(HostileTree, DeepNesting) {
 
 namespace {
 
+void Put32(Bytes& b, size_t at, uint32_t v) {
+  for (int k = 0; k < 4; ++k) b[at + k] = static_cast<unsigned char>(v >> (24 - 8 * k));
+}
 
 // A box as its own class writes it, followed by bytes that its counts may claim; a table is written
 // from a short list.
@@ -253,15 +256,8 @@ Bytes Seed(unsigned code) {
   }
   if (b.size() < 8) b = Header(8, reinterpret_cast<const char*>(&code));
   Append(b, Fill(24, 0x41));
-  b[0] = static_cast<unsigned char>(b.size() >> 24);
-  b[1] = static_cast<unsigned char>(b.size() >> 16);
-  b[2] = static_cast<unsigned char>(b.size() >> 8);
-  b[3] = static_cast<unsigned char>(b.size());
+  Put32(b, 0, static_cast<uint32_t>(b.size()));
   return b;
-}
-
-void Put32(Bytes& b, size_t at, uint32_t v) {
-  for (int k = 0; k < 4; ++k) b[at + k] = static_cast<unsigned char>(v >> (24 - 8 * k));
 }
 
 // Damaged copies of one box: cut at every length, every bit of its head flipped, every word of its

@@ -17,12 +17,10 @@
 
 #include "io_test_util.h"
 #include "stream/base/io/IO.h"
-#include "stream/base/reflect/IClass.h"
 #include "stream/plugin/mp4/common/IBox.h"
 #include "stream/plugin/mp4/common/Stbl.h"
 #include "stream/plugin/mp4/demux/ListParser.h"
 #include "stream/plugin/mp4/demux/extern/StblParser.h"
-#include "stream/plugin/mp4/demux/extern/stbl/CttsReader.h"
 #include "tests/BoxBytes.h"
 #include "tests/LogCapture.h"
 
@@ -175,68 +173,24 @@ struct Shape {
   std::string attrs;  // "frame_with_chunk=true": a frame is a chunk
 };
 
+// Fields in order: sizes, one size and its count, stts, stsc, chunks, stss, keys, co64, stsz.
 std::vector<Shape> Shapes() {
   std::vector<Shape> v;
-  Track t;
-  t.sizes = Sizes(10);
-  t.stts = {{10, 512}};
-  t.stsc = {{1, 1, 1}};
-  t.chunks = 10;
-  t.stss = true;
-  t.keys = Every(3, 10);
-  v.push_back({"a sample a chunk, keys every third", t, ""});
-
-  t = Track();
-  t.sizes = Sizes(12);
-  t.stts = {{12, 1000}};
-  t.stsc = {{1, 3, 1}};
-  t.chunks = 4;
-  t.stss = true;
-  t.keys = Every(4, 12);
-  v.push_back({"chunks of three", t, ""});
-
-  t = Track();
-  t.sizes = Sizes(22);
-  t.stts = {{22, 40}};
-  t.stsc = {{1, 2, 1}, {3, 5, 1}, {6, 1, 1}};
-  t.chunks = 8;
-  t.co64 = true;
-  v.push_back({"chunk shapes change, 64-bit offsets, no sync table", t, ""});
-
-  t = Track();
-  t.fixed = 50;
-  t.fixedCount = 9;
-  t.stts = {{9, 1024}};
-  t.stsc = {{1, 3, 1}};
-  t.chunks = 3;
-  t.stss = true;
-  t.keys = {1};
-  v.push_back({"one size for all, a sync table of one entry", t, ""});
-
-  t = Track();
-  t.sizes = Sizes(16);
-  t.stts = {{16, 20}};
-  t.stsc = {{1, 4, 1}, {3, 4, 1}};
-  t.chunks = 4;
-  t.stss = true;
-  v.push_back({"two equal stsc entries, an empty sync table", t, ""});
-
-  t = Track();
-  t.sizes = Sizes(300, 1000);
-  t.stts = {{300, 3000}};
-  t.stsc = {{1, 1, 1}, {101, 2, 1}, {151, 1, 1}};
-  t.chunks = 250;
-  t.stss = true;
-  t.keys = Every(10, 300);
-  v.push_back({"keys on a fixed stride, far jumps", t, ""});
-
-  t = Track();
-  t.fixed = 4;
-  t.fixedCount = 24;
-  t.stts = {{24, 1}};
-  t.stsc = {{1, 8, 1}, {3, 4, 1}};
-  t.chunks = 4;
-  v.push_back({"a frame a chunk", t, "frame_with_chunk=true"});
+  v.push_back({"a sample a chunk, keys every third",
+               Track{Sizes(10), 0, 0, {{10, 512}}, {{1, 1, 1}}, 10, true, Every(3, 10), false, true}, ""});
+  v.push_back({"chunks of three", Track{Sizes(12), 0, 0, {{12, 1000}}, {{1, 3, 1}}, 4, true, Every(4, 12), false, true}, ""});
+  v.push_back({"chunk shapes change, 64-bit offsets, no sync table",
+               Track{Sizes(22), 0, 0, {{22, 40}}, {{1, 2, 1}, {3, 5, 1}, {6, 1, 1}}, 8, false, {}, true, true}, ""});
+  v.push_back({"one size for all, a sync table of one entry",
+               Track{{}, 50, 9, {{9, 1024}}, {{1, 3, 1}}, 3, true, {1}, false, true}, ""});
+  v.push_back({"two equal stsc entries, an empty sync table",
+               Track{Sizes(16), 0, 0, {{16, 20}}, {{1, 4, 1}, {3, 4, 1}}, 4, true, {}, false, true}, ""});
+  v.push_back({"keys on a fixed stride, far jumps",
+               Track{Sizes(300, 1000), 0, 0, {{300, 3000}}, {{1, 1, 1}, {101, 2, 1}, {151, 1, 1}}, 250, true,
+                     Every(10, 300), false, true},
+               ""});
+  v.push_back({"a frame a chunk", Track{{}, 4, 24, {{24, 1}}, {{1, 8, 1}, {3, 4, 1}}, 4, false, {}, false, true},
+               "frame_with_chunk=true"});
   return v;
 }
 
@@ -322,49 +276,15 @@ TEST_F(StblReaders, AFrameThatIsAChunkCountsItsSamplesButTheFrameHeldAnswersForO
   EXPECT_EQ(std::make_pair(tables.GetFrameSize(3), tables.GetFrameDuration(3)), std::make_pair(16ll, 4ll));
 }
 
-TEST_F(StblReaders, TheLastKeyFrameIsUnknownToTheSyncTableOnFile) {
-  Track t = Shapes()[0].track;
-  Parsed onFile(dir, t.bytes(), true);
-  StblParser tables;
-  ASSERT_TRUE(tables.Init(onFile.stbl));
-  LogCapture log;
-  EXPECT_EQ(tables.GetLastKeyFrame(), 0);
-  EXPECT_TRUE(log.Has("!_stssparser->Get(\"get_last_key\",_last_key)"));
-  t.stss = false;
-  Parsed noSync(dir, t.bytes(), true);
-  StblParser all;
-  ASSERT_TRUE(all.Init(noSync.stbl));
-  EXPECT_EQ(all.GetLastKeyFrame(), 9);
-  EXPECT_TRUE(all.GetFrameIsKey(5));
-}
-
 TEST_F(StblReaders, ATableOfOneBlockIsCopiedAndALargerOneReadThroughABlock) {
-  // stsz payloads of 4096 and 4097 bytes under a block of 0x1000, the size given in hexadecimal.
-  for (uint32_t extra : {0u, 1u}) {
-    Track t;
-    t.sizes = Sizes(1021);  // 12 + 4 * 1021 = 4096
-    t.stts = {{1021, 1}};
-    t.stsc = {{1, 1, 1}};
-    t.chunks = 1021;
-    Bytes b = t.bytes();
-    if (extra) {
-      // One byte more in the stsz box, behind its entries.
-      Parsed probe(dir, b, false);
-      IBox* stsz = probe.stbl->Find("stsz");
-      const size_t end = static_cast<size_t>(stsz->Offset() + stsz->RealSize());
-      b.insert(b.begin() + static_cast<long>(end), 0);
-      for (size_t at : {size_t(0), static_cast<size_t>(stsz->Offset())}) {
-        uint32_t v = 0;
-        for (int i = 0; i < 4; ++i) v = v << 8 | b[at + static_cast<size_t>(i)];
-        ++v;
-        for (int i = 0; i < 4; ++i) b[at + static_cast<size_t>(i)] = static_cast<unsigned char>(v >> (24 - 8 * i));
-      }
-    }
-    Parsed p(dir, b, true, "stbl_extern_parser_blksize=0x1000");
+  // stsz payloads of 4096 and 4100 bytes (12 + 4 a sample) under a block of 0x1000, given in hexadecimal.
+  for (uint32_t n : {1021u, 1022u}) {
+    const Track t{Sizes(n), 0, 0, {{n, 1}}, {{1, 1, 1}}, n, false, {}, false, true};
+    Parsed p(dir, t.bytes(), true, "stbl_extern_parser_blksize=0x1000");
     ASSERT_TRUE(p.ok);
-    EXPECT_EQ(p.reader("stsz")->Box()->PayloadSize(), 4096u + extra);
-    EXPECT_EQ(p.reader("stsz")->Buffered(), extra == 0);
-    EXPECT_EQ(p.reader("stsz")->Blocks(), extra == 1);
+    EXPECT_EQ(p.reader("stsz")->Box()->PayloadSize(), 12 + 4 * n);
+    EXPECT_EQ(p.reader("stsz")->Buffered(), n == 1021);
+    EXPECT_EQ(p.reader("stsz")->Blocks(), n == 1022);
     // A second init is refused.
     LogCapture log;
     AttrSet again;
@@ -398,46 +318,6 @@ TEST_F(StblReaders, TablesTheReadersRefuseOrStandInFor) {
     FrameInfo f;
     EXPECT_TRUE(tables.GetFrame(5, f));
   }
-  // The registry: the parser and the readers in the order of the class table; the abstract base is
-  // never made, and "sdtp" finds the reader that reads nothing.
-  std::vector<std::string> names;
-  bool after = false;
-  for (kiv::base::IClass* c : kiv::base::IClass::Globle()) {
-    after = after || std::string(c->Name()) == "MovStblParserList-mov-stbl-parser-list";
-    if (after && std::string(c->Name()).find("mov-stbl-") != std::string::npos) names.push_back(c->Name());
-  }
-  const std::vector<std::string> want = {
-      "MovStblParserList-mov-stbl-parser-list", "mov-stbl-parser-extern",        "mov-stbl-reader-extern",
-      "mov-stbl-reader-extern-ctts",            "mov-stbl-reader-extern-stco",   "mov-stbl-reader-extern-co64",
-      "mov-stbl-reader-extern-stsc",            "mov-stbl-reader-extern-stss",   "mov-stbl-reader-extern-stsz",
-      "mov-stbl-reader-extern-stts",            "mov-stbl-reader-extern-fake-sdtp"};
-  EXPECT_EQ(names, want);
-  EXPECT_STREQ(kiv::base::IClass::Find("mov-stbl-reader-extern", false)->Name(), "mov-stbl-reader-extern");
-  EXPECT_STREQ(kiv::base::IClass::Find("mov-stbl-reader-extern-sdtp", false)->Name(), "mov-stbl-reader-extern-fake-sdtp");
-  AttrSet na;
-  kiv::base::Object::AttrSetInit(na, nullptr, "mov-stbl-reader-extern");
-  std::unique_ptr<kiv::base::Object> o(kiv::base::Object::New<kiv::base::Object>(na));
-  EXPECT_NE(dynamic_cast<kiv::plugin::mov::CttsReader*>(o.get()), nullptr) << "the next class that can be made";
-}
-
-TEST_F(StblReaders, SamplesOfOneSizeWithoutATable) {
-  // The count stands for sample frames and no entry follows: the one size, with the three values said.
-  Track t = Shapes()[3].track;
-  LogCapture log;
-  Parsed onFile(dir, t.bytes(), true);
-  ASSERT_TRUE(onFile.ok);
-  EXPECT_TRUE(log.Has("_entry_num=9") && log.Has("_sample_size=50") && log.Has("stsz->PayloadSize()=12"));
-  StblParser tables;
-  ASSERT_TRUE(tables.Init(onFile.stbl));
-  EXPECT_EQ(tables.GetFrameSize(4), 50);
-  EXPECT_EQ(tables.GetTotalSize(), 450);
-  // With a size of 0 the missing entries are fatal.
-  const Bytes b = boxtest::Box("stbl", boxtest::Cat({Table("stts", t.stts), Table("stsc", t.stsc),
-                                                     Words("stsz", {0, 9}), Table("stco", {{0x1000}, {0x2000}, {0x3000}})}));
-  LogCapture refusal;
-  Parsed refused(dir, b, true);
-  EXPECT_FALSE(refused.ok);
-  EXPECT_TRUE(refusal.Has("!_sample_size"));
 }
 
 TEST_F(StblReaders, DamagedTablesGiveLogLinesAndFailuresNeverACrash) {
@@ -473,27 +353,22 @@ TEST_F(StblReaders, DamagedTablesGiveLogLinesAndFailuresNeverACrash) {
       {"stsc without entries", [&] { return stbl(noStsc); }, false, 0, 0, "_stbl->_num<1"},
       {"an stsc entry of no samples", [&] { return stbl(zeroSpc); }, true, 9, 3, "samples_per_chunk==0"},
       {"a run of no samples", [&] { return stbl(zeroRuns); }, true, 12, 12, ""},
+      {"stsz of no size and no entries",
+       [&] { return boxtest::Box("stbl", boxtest::Cat({Table("stts", base.stts), Table("stsc", base.stsc),
+                                                       Words("stsz", {0, 12}), Table("stco", {{0x1000}, {0x2000}})})); },
+       false, 0, 0, "!_sample_size"},
       {"sync samples out of order", [&] { return stbl(unordered); }, true, 12, 12, ""},
       {"stsz of 64-bit size past the file",
        [&] {
          Track t = base;
          t.sizes = Sizes(400);
          t.chunks = 134;
-         Bytes b = t.bytes();
-         // Cut the sizes after their 12th entry and claim a large box behind a 64-bit size.
-         Parsed probe(dir, b, false);
-         IBox* stsz = probe.stbl->Find("stsz");
-         const size_t at = static_cast<size_t>(stsz->Offset()), end = at + static_cast<size_t>(stsz->RealSize());
-         Bytes head = boxtest::Header64(1 << 20, "stsz");
-         Bytes body(b.begin() + static_cast<long>(at) + 8, b.begin() + static_cast<long>(at) + 20 + 48);
-         Bytes out(b.begin(), b.begin() + static_cast<long>(at));
-         Bytes rest(b.begin() + static_cast<long>(end), b.end());
-         out.insert(out.end(), rest.begin(), rest.end());
-         out.insert(out.end(), head.begin(), head.end());
-         out.insert(out.end(), body.begin(), body.end());
-         const uint32_t size = static_cast<uint32_t>(out.size());
-         for (int i = 0; i < 4; ++i) out[static_cast<size_t>(i)] = static_cast<unsigned char>(size >> (24 - 8 * i));
-         return out;
+         t.stsz = false;
+         // The sizes cut after their 12th entry, last in the stbl, in a box that claims 1 MiB.
+         Bytes stsz = boxtest::Header64(1 << 20, "stsz");
+         for (uint32_t w : {0u, 0u, 400u}) boxtest::Be32(stsz, w);
+         for (size_t i = 0; i < 12; ++i) boxtest::Be32(stsz, t.sizes[i]);
+         return t.bytes(stsz);
        },
        true, 400, 12, "not read, the file ends at"},
   };

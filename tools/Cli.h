@@ -52,6 +52,7 @@ struct RecordOptions {
   long long cacheBlocks = 0;
   bool spill = false;
   bool tableFiles = false;
+  bool use64 = false;  // --64bit; also chosen when the inputs could take the file past 4 GiB
   std::string tmp;
   std::vector<std::pair<std::string, std::string>> tags;
   bool fragmented = false;  // moof/mdat pairs (also by --format fmp4)

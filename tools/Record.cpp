@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -168,6 +169,22 @@ std::string tmpProblem(const std::string& dir) {
   return ok || !problem.empty() ? problem : "cannot write a file there";
 }
 
+// Where 32-bit offsets stop: 4 GiB, or for tests the number in BOXWEAVE_LIMIT32, which lets a small
+// recording meet the engine's check as a large one would after a wrong guess.
+unsigned long long limit32() {
+  const unsigned long long full = kiv::plugin::mov::IMovMuxer::kLimit32;
+  const char* v = std::getenv("BOXWEAVE_LIMIT32");
+  if (!v || !*v) return full;
+  char* end = nullptr;
+  const unsigned long long n = std::strtoull(v, &end, 0);
+  return end && *end == '\0' && n > 0 && n < full ? n : full;
+}
+
+// The media data holds each access unit with four-byte lengths in place of start codes, and the AAC
+// frames without their headers: no more than the inputs' own counts. The margin covers ftyp and the
+// mdat header, with room to spare.
+constexpr unsigned long long kHeaderMargin = 1ull << 20;
+
 }  // namespace
 
 int Record(RecordOptions o) {
@@ -193,10 +210,14 @@ int Record(RecordOptions o) {
 
   std::vector<std::unique_ptr<Input>> inputs;
   double seconds = 0;
+  unsigned long long mediaBytes = kHeaderMargin;
   {
     QuietLog quiet;  // the readers' reasons are printed below, once
-    const auto addOther = [&](const std::string& problem, OpenedInput& opened) {
+    const auto addOther = [&](const std::string& problem, OpenedInput& opened, const std::string& path) {
       if (!problem.empty()) return false;
+      // The whole input counts towards the media: its headers are few against its samples.
+      struct stat st {};
+      if (::stat(path.c_str(), &st) == 0 && st.st_size > 0) mediaBytes += static_cast<unsigned long long>(st.st_size);
       for (const std::string& w : opened.warnings) std::fprintf(stderr, "boxweave: warning: %s\n", w.c_str());
       auto in = std::make_unique<Input>();
       in->media = opened.media;
@@ -208,7 +229,7 @@ int Record(RecordOptions o) {
     if (!o.video.empty() && MjpegReader::HandlesPath(o.video)) {
       OpenedInput opened;
       const std::string problem = OpenMjpegInput(o.video, o.fps, opened);
-      if (!addOther(problem, opened)) return failed(problem);
+      if (!addOther(problem, opened, o.video)) return failed(problem);
     } else if (!o.video.empty()) {
       H264Description d;
       std::string error;
@@ -220,12 +241,13 @@ int Record(RecordOptions o) {
       if (!in->media || !in->h264->Open(o.video) || !in->h264->FrameRate(o.fps))
         return failed("cannot read " + o.video + ": " + in->h264->Error());
       seconds = static_cast<double>(d.pictures) * static_cast<double>(o.fps.Den()) / static_cast<double>(o.fps.Num());
+      mediaBytes += d.bytes;
       inputs.push_back(std::move(in));
     }
     if (!o.audio.empty() && PcmReader::HandlesPath(o.audio)) {
       OpenedInput opened;
       const std::string problem = OpenPcmInput(o.audio, o.audioFormat, opened);
-      if (!addOther(problem, opened)) return failed(problem);
+      if (!addOther(problem, opened, o.audio)) return failed(problem);
     } else if (!o.audio.empty()) {
       AdtsDescription d;
       std::string error;
@@ -236,12 +258,13 @@ int Record(RecordOptions o) {
       in->adts = std::make_unique<AdtsReader>();
       if (!in->media || !in->adts->Open(o.audio)) return failed("cannot read " + o.audio + ": " + in->adts->Error());
       if (d.config.rate) seconds = std::max(seconds, static_cast<double>(d.samples) / d.config.rate);
+      mediaBytes += d.payloadBytes;
       inputs.push_back(std::move(in));
     }
     if (!o.text.empty()) {
       OpenedInput opened;
       const std::string problem = OpenSrtInput(o.text, opened);
-      if (!addOther(problem, opened)) return failed(problem);
+      if (!addOther(problem, opened, o.text)) return failed(problem);
     }
   }
   // The muxer element, found by keywords as a graph would find it.
@@ -267,12 +290,18 @@ int Record(RecordOptions o) {
     if (!tags->setString(t.first.c_str(), t.second.c_str()))
       return UsageError("record: tag " + t.first + " does not take '" + t.second + "'", "record");
   }
-  // Storage modes are no element properties: the engine's own seam sets them.
-  if (o.spill || o.tableFiles) {
-    auto* engine = dynamic_cast<kiv::plugin::mov::IMovMuxer*>(mux.get());
-    if (!engine) return failed("the muxer has no engine to take --spill or --table-files");
-    engine->StorageModes(o.spill, o.tableFiles);
+  // Storage modes and 64-bit offsets are no element properties: the engine's own seam sets them.
+  auto* engine = dynamic_cast<kiv::plugin::mov::IMovMuxer*>(mux.get());
+  // The guess is made against the true reach; a limit from the environment moves only the engine's check.
+  const unsigned long long limit = limit32();
+  if (!o.use64 && mediaBytes > kiv::plugin::mov::IMovMuxer::kLimit32) {
+    o.use64 = true;
+    std::fprintf(stderr, "boxweave: the inputs hold %llu bytes: %s gets 64-bit offsets\n", mediaBytes, o.out.c_str());
   }
+  if (!engine && (o.spill || o.tableFiles || o.use64))
+    return failed("the muxer has no engine to take --spill, --table-files or 64-bit offsets");
+  if (engine && (o.spill || o.tableFiles)) engine->StorageModes(o.spill, o.tableFiles);
+  if (engine) engine->LargeFile(o.use64, limit);
 
   for (auto& in : inputs) {
     in->source = std::make_unique<StreamSource>();
@@ -313,7 +342,11 @@ int Record(RecordOptions o) {
     p->Release();
     if (!pushed) {
       ok = false;
-      std::fprintf(stderr, "boxweave: the muxer refused a packet at %.3f s\n", static_cast<double>(pts) / 1e9);
+      if (engine && engine->PastLimit())
+        std::fprintf(stderr, "boxweave: %s stops at %.3f s: past %llu bytes it needs 64-bit offsets (--64bit)\n",
+                     o.out.c_str(), static_cast<double>(pts) / 1e9, limit);
+      else
+        std::fprintf(stderr, "boxweave: the muxer refused a packet at %.3f s\n", static_cast<double>(pts) / 1e9);
       break;
     }
     if (!pick->advance()) {
@@ -340,6 +373,11 @@ int Record(RecordOptions o) {
     RemoveOutput(o.out);
     return kFailed;
   }
+  if (!closed && engine && engine->PastLimit()) {
+    // What the tracks held back passed the limit: there is no moov, and nothing worth keeping.
+    RemoveOutput(o.out);
+    return failed(o.out + " would pass " + std::to_string(limit) + " bytes, past the reach of 32-bit offsets; removed (use --64bit)");
+  }
   if (!closed) return failed("closing " + o.out + " failed");
   if (stoppedBy) {
     std::fprintf(stderr, "boxweave: recording stopped by %s; %s holds what came before\n",
@@ -365,7 +403,11 @@ Verb AddRecord(CLI::App& app) {
       "is playable up to its last complete fragment. With --flush each fragment is forced to the\n"
       "medium before the next begins, so a cut loses at most the fragment in progress. Fragmented\n"
       "files also stream to browsers (Media Source). Plain files suit players and editors that\n"
-      "want one index and fast seeking, and cost no syncs.");
+      "want one index and fast seeking, and cost no syncs.\n"
+      "\n"
+      "A file gets 64-bit offsets (a 64-bit mdat and co64 tables) with --64bit, or when the inputs\n"
+      "hold more than 4 GiB less 1 MiB of media. A recording that grows past 4 GiB with 32-bit\n"
+      "offsets anyway stops there with an error and status 1: no offset is ever written wrapped.");
   cmd->add_option("-o", o->out, "the file to write; its extension gives the format")->required()->type_name("OUT");
   cmd->add_option("--format", o->format, "the format, whatever the extension")
       ->check(CLI::IsMember({"mov", "mp4", "fmp4"}))
@@ -428,6 +470,9 @@ Verb AddRecord(CLI::App& app) {
   blocks->needs(block);
   cmd->add_flag("--spill", o->spill, "keep sample lists in temporary files, not in memory");
   cmd->add_flag("--table-files", o->tableFiles, "write each sample table into a file of its own while recording");
+  cmd->add_flag("--64bit", o->use64,
+                "64-bit offsets (a 64-bit mdat and co64) whatever the size; chosen anyway when the inputs "
+                "could take the file past 4 GiB");
   cmd->add_option("--tmp", o->tmp, "directory of the temporary files (default: the system's)")->type_name("DIR");
   cmd->add_option_function<std::vector<std::string>>(
          "--set",

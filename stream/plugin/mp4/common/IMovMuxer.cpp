@@ -2,6 +2,7 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -55,6 +56,23 @@ IMovMuxer::~IMovMuxer() {
 void IMovMuxer::StorageModes(bool spill, bool tablesOnFile) {
   _para.rsvdSeconds = spill ? 0 : -1;
   _concate = tablesOnFile;
+}
+
+void IMovMuxer::LargeFile(bool use64, unsigned long long limit) {
+  _use64 = use64;
+  _limit32 = limit < kLimit32 ? limit : kLimit32;
+}
+
+bool IMovMuxer::passesLimit(IO& io, unsigned long long bytes) {
+  if (_use64 || _fragmented) return false;
+  const long long pos = io.Position();
+  const unsigned long long end = (pos > 0 ? static_cast<unsigned long long>(pos) : 0) + bytes;
+  if (end <= _limit32) return false;
+  if (!_past_limit)
+    LOGE << "media data would end at byte " << end << ", past " << _limit32
+         << ", the reach of 32-bit offsets: the file needs 64-bit offsets";
+  _past_limit = true;
+  return true;
 }
 
 unsigned long long IMovMuxer::getTimeStamp() {
@@ -220,6 +238,11 @@ bool IMovMuxer::SetRsvdSize(IStream*, unsigned) { return true; }
 
 bool IMovMuxer::Process(IO& io, Packet& packet) {
   std::lock_guard<std::mutex> lock(_mutex);
+  // Room is kept for what the tracks hold back (a chunk each): 1 MiB, or an eighth of a smaller
+  // limit. Close checks again in case it was not enough.
+  const unsigned long long held = std::min(1ull << 20, _limit32 / 8);
+  if (_past_limit || passesLimit(io, static_cast<unsigned long long>(packet.Size() > 0 ? packet.Size() : 0) + held))
+    return false;
 
   IStream* taker = nullptr;
   for (IStream* st : _streams) {
@@ -253,6 +276,15 @@ bool IMovMuxer::Close(IO& io) {
     return false;
   }
   ClearRemainData(io);
+  if (passesLimit(io, 0)) {
+    // Tables with wrapped offsets would send readers to the wrong bytes: better no moov at all.
+    LOGE << "moov not written";
+    clearStream();
+    delete _root;
+    _root = nullptr;
+    _ftyp = _mdat = _moov = _thumb = nullptr;
+    return false;
+  }
   AddThumbBox();
   updateMoov(io, false);
   UpdateThumbBox(io);

@@ -78,6 +78,15 @@ class IMovMuxer : public IMov {
   // when full; with tablesOnFile, each table is written to a file of its own while recording and
   // copied in at Close. Both are off by default; set them before Open.
   void StorageModes(bool spill, bool tablesOnFile);
+  // The same seam for files past 4 GiB: with `use64` the mdat takes the 64-bit size form and every
+  // track writes "co64". Without it, no payload is taken that would end past `limit` (the reach of
+  // 32-bit offsets; a smaller value stands in for it in tests), so no offset ever wraps: Process
+  // refuses the packet, and Close writes no moov if held-back packets passed it all the same. Set
+  // before Open.
+  static constexpr unsigned long long kLimit32 = 0xffffffffull;
+  void LargeFile(bool use64, unsigned long long limit = kLimit32);
+  // A packet was refused, or the file closed without moov, because 32-bit offsets could not reach.
+  bool PastLimit() const { return _past_limit; }
 
   IBox* _ftyp = nullptr;
   IBox* _mdat = nullptr;
@@ -100,6 +109,12 @@ class IMovMuxer : public IMov {
   IBox* _thumb = nullptr;
 
  private:
+  // True when `bytes` more would end the media data past the reach of 32-bit offsets (never with
+  // _use64); notes it and logs why.
+  bool passesLimit(kiv::base::IO& io, unsigned long long bytes);
+  unsigned long long _limit32 = kLimit32;
+  bool _past_limit = false;
+
   // The profile made by the constructor. A host that hands its own through "vidtag" replaces the
   // pointer; the first one is kept until the engine goes, so nothing that saw it dangles.
   videoTags* _own_vidtag = nullptr;
