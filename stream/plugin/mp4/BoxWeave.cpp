@@ -8,6 +8,7 @@ extern "C" void RegisterBoxWeave() {
   RegisterMp4Muxer();
   RegisterMp4Demuxer();
   RegisterMovStreamH264();
+  RegisterMovStreamHevc();
   RegisterMovStreamAac();
   RegisterVideoTags();
   RegisterListParser();

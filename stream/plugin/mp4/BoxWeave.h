@@ -34,6 +34,7 @@ void RegisterMp4Muxer();
 void RegisterMp4Demuxer();
 void RegisterIFileDemuxer();
 void RegisterMovStreamH264();
+void RegisterMovStreamHevc();
 void RegisterMovStreamAac();
 void RegisterVideoTags();
 void RegisterListParser();
