@@ -1,4 +1,4 @@
-// libFuzzer target: any bytes as an H.264 Annex B stream and as an ADTS stream, through the readers
+// libFuzzer target: any bytes as an H.264 and an H.265 Annex B stream and as an ADTS stream, through the readers
 // that the recorder takes its input from. They read paths, so the bytes go to an anonymous file.
 #include <sys/mman.h>
 #include <unistd.h>
@@ -10,6 +10,7 @@
 #include "stream/base/dbg/Log.h"
 #include "tools/AdtsReader.h"
 #include "tools/H264Reader.h"
+#include "tools/H265Reader.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const int fd = [] {
@@ -31,6 +32,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       for (int i = 0; i < 100000 && reader.Next(au); ++i) {
       }
     }
+  }
+  {
+    boxweave::H265Reader reader(block);
+    if (reader.Open(path)) {
+      boxweave::H265AccessUnit au;
+      for (int i = 0; i < 100000 && reader.Next(au); ++i) {
+      }
+    }
+    // The same bytes as one SPS, for the bit reader of the picture size.
+    boxweave::H265Sps sps;
+    std::string why;
+    boxweave::ParseH265Sps(data, size, sps, why);
   }
   {
     boxweave::AdtsReader reader(block);

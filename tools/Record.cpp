@@ -30,6 +30,7 @@
 #include "tools/AdtsReader.h"
 #include "tools/Cli.h"
 #include "tools/H264Reader.h"
+#include "tools/H265Reader.h"
 
 namespace boxweave {
 namespace {
@@ -78,6 +79,7 @@ class StreamSource : public ISource {
 // One input: its reader and the next packet it holds.
 struct Input {
   std::unique_ptr<H264Reader> h264;
+  std::unique_ptr<H265Reader> h265;
   std::unique_ptr<AdtsReader> adts;
   IMedia* media = nullptr;
   std::unique_ptr<StreamSource> source;
@@ -86,7 +88,7 @@ struct Input {
   bool done = false;
 
   bool advance() {
-    next = h264 ? h264->NextPacket(media) : adts->NextPacket(media);
+    next = h264 ? h264->NextPacket(media) : h265 ? h265->NextPacket(media) : adts->NextPacket(media);
     if (next == PacketError()) {
       next = nullptr;
       return false;
@@ -94,7 +96,7 @@ struct Input {
     done = next == nullptr;
     return true;
   }
-  const std::string& error() const { return h264 ? h264->Error() : adts->Error(); }
+  const std::string& error() const { return h264 ? h264->Error() : h265 ? h265->Error() : adts->Error(); }
   ~Input() {
     if (next) next->Release();
     if (media) media->Release();
@@ -170,7 +172,19 @@ int Record(RecordOptions o) {
   double seconds = 0;
   {
     QuietLog quiet;  // the readers' reasons are printed below, once
-    if (!o.video.empty()) {
+    if (!o.video.empty() && H265Reader::HandlesPath(o.video)) {
+      H265Description d;
+      std::string error;
+      if (!DescribeH265(o.video, d, error)) return failed(error);
+      for (const std::string& w : H265Warnings(d)) std::fprintf(stderr, "boxweave: warning: %s\n", w.c_str());
+      auto in = std::make_unique<Input>();
+      in->media = NewH265Media(d, o.fps);
+      in->h265 = std::make_unique<H265Reader>();
+      if (!in->media || !in->h265->Open(o.video) || !in->h265->FrameRate(o.fps))
+        return failed("cannot read " + o.video + ": " + in->h265->Error());
+      seconds = static_cast<double>(d.pictures) * static_cast<double>(o.fps.Den()) / static_cast<double>(o.fps.Num());
+      inputs.push_back(std::move(in));
+    } else if (!o.video.empty()) {
       H264Description d;
       std::string error;
       if (!DescribeH264(o.video, d, error)) return failed(error);
@@ -304,18 +318,21 @@ Verb AddRecord(CLI::App& app) {
   CLI::App* cmd = app.add_subcommand("record", "record H.264 and AAC elementary streams into a .mov or .mp4 file");
   cmd->option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);  // a repeated option: the last counts
   cmd->footer(
-      "Records an H.264 Annex-B stream (.h264, .264) and/or an AAC ADTS stream (.aac) into a\n"
+      "Records an H.264 or H.265 Annex-B stream (.h264, .264, .h265, .hevc) and/or an AAC ADTS\n"
+      "stream (.aac) into a\n"
       "QuickTime (.mov) or MP4 (.mp4) file with the plug-in's muxer element, and prints every\n"
       "message the element sends.");
   cmd->add_option("-o", o->out, "the file to write; its extension gives the format")->required()->type_name("OUT");
   cmd->add_option("--format", o->format, "the format, whatever the extension")
       ->check(CLI::IsMember({"mov", "mp4"}))
       ->type_name("mov|mp4");
-  cmd->add_option("--video", o->video, "H.264 elementary stream (.h264, .264)")
+  cmd->add_option("--video", o->video, "H.264 or H.265 elementary stream (.h264, .264, .h265, .hevc)")
       ->type_name("FILE")
       ->check(CLI::Validator(
           [](std::string& v) {
-            return H264Reader::HandlesPath(v) ? std::string() : "'" + v + "' is not an H.264 elementary stream (.h264, .264)";
+            return H264Reader::HandlesPath(v) || H265Reader::HandlesPath(v)
+                       ? std::string()
+                       : "'" + v + "' is not an H.264 or H.265 elementary stream (.h264, .264, .h265, .hevc)";
           },
           ""));
   cmd->add_option("--audio", o->audio, "AAC elementary stream with ADTS headers (.aac)")
