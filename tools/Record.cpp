@@ -332,7 +332,7 @@ Verb AddRecord(CLI::App& app) {
           [](std::string& v) {
             return H264Reader::HandlesPath(v) || H265Reader::HandlesPath(v)
                        ? std::string()
-                       : "'" + v + "' is not an H.264 or H.265 elementary stream (.h264, .264, .h265, .hevc)";
+                       : "'" + v + "' is not an H.264 elementary stream (.h264, .264) or an H.265 one (.h265, .hevc)";
           },
           ""));
   cmd->add_option("--audio", o->audio, "AAC elementary stream with ADTS headers (.aac)")
