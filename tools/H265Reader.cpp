@@ -558,8 +558,8 @@ std::vector<std::string> H265Warnings(const H265Description& d) {
     std::ostringstream m;
     m << d.path << ": " << d.sharedLength << " pictures (the first is number " << d.firstShared
       << ") hold more than one NAL unit behind their parameter sets (SEI, several slices, or a slice kind the "
-         "track does not look for); the HEVC track writes one length over all of them, so only boxweave "
-         "plays those pictures back";
+         "track does not look for); the HEVC track writes one length over all of them where players expect one "
+         "a unit: boxweave play gives them back as they came, other players may not";
     if (d.maxSlices > 1) m << " (up to " << d.maxSlices << " slices a picture)";
     w.push_back(m.str());
   }

@@ -315,7 +315,7 @@ int Record(RecordOptions o) {
 
 Verb AddRecord(CLI::App& app) {
   auto o = std::make_shared<RecordOptions>();
-  CLI::App* cmd = app.add_subcommand("record", "record H.264 and AAC elementary streams into a .mov or .mp4 file");
+  CLI::App* cmd = app.add_subcommand("record", "record H.264 or H.265 and AAC elementary streams into a .mov or .mp4 file");
   cmd->option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);  // a repeated option: the last counts
   cmd->footer(
       "Records an H.264 or H.265 Annex-B stream (.h264, .264, .h265, .hevc) and/or an AAC ADTS\n"
