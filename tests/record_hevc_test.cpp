@@ -156,6 +156,20 @@ TEST_F(HevcRecord, AloneAndWithAacToMovAndMp4DecodeAsTheSourceAndPlayBack) {
   }
 }
 
+TEST_F(HevcRecord, GroupedChunksTablesOnFileAndSpilledListsDecodeAsTheSource) {
+  const std::string plain = dir_ + "/tf_plain.mp4", spilled = dir_ + "/tf_spilled.mp4";
+  const std::string args = " --video " + bframes_.path + " --audio " + dir_ + "/stereo48.aac --set videosampleperchunk=4";
+  ASSERT_EQ(RunTool("record -o " + plain + args).status, 0);
+  const ToolResult r = RunTool("record -o " + spilled + args + " --spill --table-files --tmp " + dir_);
+  ASSERT_EQ(r.status, 0) << r.err;
+  for (const std::string& file : {plain, spilled}) {
+    SCOPED_TRACE(file);
+    EXPECT_EQ(Count(ProbeFirst(file, "v", "-ignore_editlist 1"), "nb_read_frames"), bframes_.frames);
+    const Decoded d = DecodeFile(file, true, true);
+    EXPECT_EQ(std::make_tuple(d.status, d.errors, d.video, d.audio), std::make_tuple(0, std::string(), bframes_.md5, aacMd5_));
+  }
+}
+
 TEST_F(HevcRecord, TheSampleDescriptionCarriesTheStreamsParameterSetsForFfmpeg) {
   const std::string out = dir_ + "/sets.mp4", annexB = dir_ + "/sets.h265";
   ASSERT_EQ(RunTool("record -o " + out + " --video " + plain_.path).status, 0);

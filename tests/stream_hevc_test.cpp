@@ -273,3 +273,36 @@ TEST(StreamHevc, DemuxedSamplesGetTheirStartCodeBackOrFail) {
   EXPECT_EQ(st.demuxUpdatePacket(r.io, kiv::stream::PacketError()), kiv::stream::PacketError());
   EXPECT_TRUE(log.Has("IStream GetPacket null!") && log.Has("IStream GetPacket failed!"));
 }
+
+TEST(StreamHevc, GroupsOfSamplesCloseTheirChunkInTheLastRecordAndDropAShortRest) {
+  for (unsigned spc : {1u, 3u}) {
+    SCOPED_TRACE("samples a chunk " + std::to_string(spc));
+    HevcRig r;
+    r.tags->videosampleperchunk = spc;
+    r.tags->audio_chunk_first = 0;  // the video leads: no wait for audio
+    ASSERT_TRUE(r.Make());
+    std::vector<unsigned long long> starts;
+    for (int i = 0; i < 7; ++i) {
+      starts.push_back(static_cast<unsigned long long>(r.io.Position()));
+      ASSERT_TRUE(r.Add(HNal(i ? 1 : 19, 10 + static_cast<size_t>(i)), i * 40 * kMs, i == 0));
+    }
+    ASSERT_TRUE(r.st->CleanFifoData(r.io, 0));
+    const std::vector<ChunkParam>& list = *r.st->MuxChunkList();
+    ASSERT_EQ(list.size(), spc == 1 ? 7u : 6u) << "only whole groups are written";
+    for (size_t i = 0; i < list.size(); ++i) {
+      EXPECT_EQ(list[i].size, 16 + i) << i;
+      EXPECT_EQ(list[i].count, spc) << i;
+      // A group's position stands in its last record: where its first sample went.
+      const bool last = (i + 1) % spc == 0;
+      EXPECT_EQ(list[i].offset, last ? (spc == 1 ? starts[i] : list[i].offset) : 0u) << i;
+    }
+    if (spc == 3) {
+      // The groups were written when their third packet came, and at the end: positions of the
+      // group's first bytes in the output.
+      EXPECT_EQ(list[2].offset, starts[2]);
+      EXPECT_EQ(list[5].offset, starts[5]);
+      EXPECT_EQ(r.At(list[2].offset, 4), Be32(12)) << "the group starts with its first sample's length";
+      EXPECT_EQ(r.io.Position(), static_cast<long long>(starts[5] + 19 + 20 + 21)) << "the seventh is not written";
+    }
+  }
+}
