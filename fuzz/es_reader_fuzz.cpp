@@ -1,5 +1,6 @@
-// libFuzzer target: any bytes as an H.264 Annex B stream, an ADTS stream, Motion-JPEG, a WAVE file, raw
-// PCM and SubRip text, through the readers that the recorder takes its input from. They read paths, so the bytes go to an anonymous file.
+// libFuzzer target: any bytes as an H.264 and an H.265 Annex B stream, an ADTS stream, Motion-JPEG, a
+// WAVE file, raw PCM and SubRip text, through the readers that the recorder takes its input from. They
+// read paths, so the bytes go to an anonymous file.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include "stream/base/dbg/Log.h"
 #include "tools/AdtsReader.h"
 #include "tools/H264Reader.h"
+#include "tools/H265Reader.h"
 #include "tools/MjpegReader.h"
 #include "tools/PcmReader.h"
 #include "tools/SrtReader.h"
@@ -35,6 +37,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       for (int i = 0; i < 100000 && reader.Next(au); ++i) {
       }
     }
+  }
+  {
+    boxweave::H265Reader reader(block);
+    if (reader.Open(path)) {
+      boxweave::H265AccessUnit au;
+      for (int i = 0; i < 100000 && reader.Next(au); ++i) {
+      }
+    }
+    // The same bytes as one SPS, for the bit reader of the picture size.
+    boxweave::H265Sps sps;
+    std::string why;
+    boxweave::ParseH265Sps(data, size, sps, why);
   }
   {
     boxweave::AdtsReader reader(block);

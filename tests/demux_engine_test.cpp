@@ -216,9 +216,9 @@ TEST(DemuxEngine, WhichTracksPlay) {
     EXPECT_TRUE(e.playAll().empty()) << "no track can play";
   }
   {
-    movie::Layout s;  // a sample entry of a codec without a track class is passed over
+    movie::Layout s;  // a sample entry of a codec without a track class ("text": the text track is "txt") is passed over
     s.tracks = {movie::Video(2), movie::Audio(2)};
-    s.tracks[0].codec = "hvc1";
+    s.tracks[0].codec = "text";
     Engine e(movie::Build(s).bytes);
     ASSERT_EQ(e.streams().size(), 1u);
     EXPECT_EQ(e.playAll(), (std::vector<std::string>{"1/0", "1/1"}));

@@ -69,6 +69,22 @@ std::string annexBExtra(const unsigned char* e, int n) {
   return out;
 }
 
+// The parameter sets of an HEVC track, which the demuxer hands over as attributes, not as extra data:
+// VPS, SPS and PPS behind start codes. Empty when the media has none.
+std::string hevcParamSets(IMedia* m) {
+  std::string out;
+  if (!m || std::strcmp(m->Codec(), "hevc") != 0) return out;
+  const char* names[3][2] = {{"vps", "ivps"}, {"sps", "isps"}, {"pps", "ipps"}};
+  for (const auto& n : names) {
+    unsigned char* set = nullptr;
+    unsigned size = 0;
+    if (!m->Get(n[0], set) || !m->Get(n[1], size) || !set || !size) continue;
+    out.append("\0\0\0\1", 4);
+    out.append(reinterpret_cast<const char*>(set), size);
+  }
+  return out;
+}
+
 // Where the units of an access unit go on in length-prefix form, -1 when they do not: the plug-in
 // turns back into start codes only the units that stand first in a sample of its own recordings (a
 // delimiter, SPS, PPS, one slice), so that the units from an SEI or a second slice on, and a whole
@@ -176,7 +192,8 @@ class TrackSink : public ISink {
     }
     if (t.out.IsOpen()) {
       if (!t.extraWritten && p.media && p.media->IsVideo()) {
-        const std::string extra = annexBExtra(p.media->Extra(), p.media->ExtraSize());
+        std::string extra = annexBExtra(p.media->Extra(), p.media->ExtraSize());
+        if (extra.empty()) extra = hevcParamSets(p.media);
         t.out.Write(extra.data(), extra.size());
       }
       if (!t.extraWritten && isPcm(p.media)) {
@@ -449,8 +466,9 @@ Verb AddPlay(CLI::App& app) {
       "ends with \"error\", or when an output cannot be written.");
   cmd->add_option("FILE", o->path, "the movie file")->required();
   cmd->add_option("--video-out", o->videoOut,
-                  "write the video as an H.264 Annex-B stream: the parameter sets of the track, then each "
-                  "packet as it comes; a JPEG track gives its pictures one behind the other (.mjpeg)")
+                  "write the video as an Annex-B stream (H.264 or H.265, by the track's codec): the parameter "
+                  "sets of the track, then each packet as it comes; a JPEG track gives its pictures one behind "
+                  "the other (.mjpeg)")
       ->type_name("F");
   cmd->add_option("--audio-out", o->audioOut,
                   "write the audio packets as they come: AAC with ADTS headers, or PCM as a 16-bit WAVE file")

@@ -31,6 +31,7 @@
 #include "tools/AdtsReader.h"
 #include "tools/Cli.h"
 #include "tools/H264Reader.h"
+#include "tools/H265Reader.h"
 #include "tools/MjpegReader.h"
 #include "tools/PcmReader.h"
 #include "tools/RecordInputs.h"
@@ -103,6 +104,7 @@ class StreamSource : public ISource {
 // One input: its reader and the next packet it holds.
 struct Input {
   std::unique_ptr<H264Reader> h264;
+  std::unique_ptr<H265Reader> h265;
   std::unique_ptr<AdtsReader> adts;
   std::unique_ptr<PacketSource> other;  // any other kind of stream
   IMedia* media = nullptr;
@@ -112,7 +114,10 @@ struct Input {
   bool done = false;
 
   bool advance() {
-    next = other ? other->NextPacket(media) : h264 ? h264->NextPacket(media) : adts->NextPacket(media);
+    next = other   ? other->NextPacket(media)
+           : h264  ? h264->NextPacket(media)
+           : h265  ? h265->NextPacket(media)
+                   : adts->NextPacket(media);
     if (next == PacketError()) {
       next = nullptr;
       return false;
@@ -120,7 +125,9 @@ struct Input {
     done = next == nullptr;
     return true;
   }
-  const std::string& error() const { return other ? other->Error() : h264 ? h264->Error() : adts->Error(); }
+  const std::string& error() const {
+    return other ? other->Error() : h264 ? h264->Error() : h265 ? h265->Error() : adts->Error();
+  }
   ~Input() {
     if (next) next->Release();
     if (media) media->Release();
@@ -185,6 +192,13 @@ unsigned long long limit32() {
 // mdat header, with room to spare.
 constexpr unsigned long long kHeaderMargin = 1ull << 20;
 
+// An input's whole size, counted towards the media where its reader does not tell the payload: its
+// headers are few against its samples.
+unsigned long long inputBytes(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 && st.st_size > 0 ? static_cast<unsigned long long>(st.st_size) : 0;
+}
+
 }  // namespace
 
 int Record(RecordOptions o) {
@@ -215,9 +229,7 @@ int Record(RecordOptions o) {
     QuietLog quiet;  // the readers' reasons are printed below, once
     const auto addOther = [&](const std::string& problem, OpenedInput& opened, const std::string& path) {
       if (!problem.empty()) return false;
-      // The whole input counts towards the media: its headers are few against its samples.
-      struct stat st {};
-      if (::stat(path.c_str(), &st) == 0 && st.st_size > 0) mediaBytes += static_cast<unsigned long long>(st.st_size);
+      mediaBytes += inputBytes(path);
       for (const std::string& w : opened.warnings) std::fprintf(stderr, "boxweave: warning: %s\n", w.c_str());
       auto in = std::make_unique<Input>();
       in->media = opened.media;
@@ -230,6 +242,19 @@ int Record(RecordOptions o) {
       OpenedInput opened;
       const std::string problem = OpenMjpegInput(o.video, o.fps, opened);
       if (!addOther(problem, opened, o.video)) return failed(problem);
+    } else if (!o.video.empty() && H265Reader::HandlesPath(o.video)) {
+      H265Description d;
+      std::string error;
+      if (!DescribeH265(o.video, d, error)) return failed(error);
+      for (const std::string& w : H265Warnings(d)) std::fprintf(stderr, "boxweave: warning: %s\n", w.c_str());
+      auto in = std::make_unique<Input>();
+      in->media = NewH265Media(d, o.fps);
+      in->h265 = std::make_unique<H265Reader>();
+      if (!in->media || !in->h265->Open(o.video) || !in->h265->FrameRate(o.fps))
+        return failed("cannot read " + o.video + ": " + in->h265->Error());
+      seconds = static_cast<double>(d.pictures) * static_cast<double>(o.fps.Den()) / static_cast<double>(o.fps.Num());
+      mediaBytes += inputBytes(o.video);
+      inputs.push_back(std::move(in));
     } else if (!o.video.empty()) {
       H264Description d;
       std::string error;
@@ -394,7 +419,7 @@ Verb AddRecord(CLI::App& app) {
   CLI::App* cmd = app.add_subcommand("record", "record video, audio and text streams into a .mov or .mp4 file");
   cmd->option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);  // a repeated option: the last counts
   cmd->footer(
-      "Records a video stream (H.264 Annex-B or Motion-JPEG), an audio stream (AAC ADTS or 16-bit\n"
+      "Records a video stream (H.264 or H.265 Annex-B, or Motion-JPEG), an audio stream (AAC ADTS or 16-bit\n"
       "PCM) and SubRip text, any of them, into a QuickTime (.mov) or MP4 (.mp4) file with the\n"
       "plug-in's muxer element, and prints every message the element sends.\n"
       "\n"
@@ -420,13 +445,15 @@ Verb AddRecord(CLI::App& app) {
       ->type_name("MS")
       ->check(CLI::Range(1LL, 86400000LL));
   cmd->add_flag("--flush", o->flush, "with --fragmented: force each fragment to the medium before the next");
-  cmd->add_option("--video", o->video, "H.264 elementary stream (.h264, .264) or Motion-JPEG (.mjpeg, .mjpg)")
+  cmd->add_option("--video", o->video,
+                  "H.264 or H.265 elementary stream (.h264, .264, .h265, .hevc) or Motion-JPEG (.mjpeg, .mjpg)")
       ->type_name("FILE")
       ->check(CLI::Validator(
           [](std::string& v) {
-            return H264Reader::HandlesPath(v) || MjpegReader::HandlesPath(v)
+            return H264Reader::HandlesPath(v) || H265Reader::HandlesPath(v) || MjpegReader::HandlesPath(v)
                        ? std::string()
-                       : "'" + v + "' is not an H.264 elementary stream (.h264, .264) or Motion-JPEG (.mjpeg, .mjpg)";
+                       : "'" + v + "' is not an H.264 elementary stream (.h264, .264), an H.265 one (.h265, .hevc) or "
+                             "Motion-JPEG (.mjpeg, .mjpg)";
           },
           ""));
   cmd->add_option("--audio", o->audio,

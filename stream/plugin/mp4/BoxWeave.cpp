@@ -10,6 +10,7 @@ extern "C" void RegisterBoxWeave() {
   RegisterFMp4Info();
   RegisterMp4Demuxer();
   RegisterMovStreamH264();
+  RegisterMovStreamHevc();
   RegisterMovStreamPcm();
   RegisterMovStreamJpeg();
   RegisterMovStreamAac();

@@ -36,6 +36,7 @@ void RegisterFMp4Info();
 void RegisterMp4Demuxer();
 void RegisterIFileDemuxer();
 void RegisterMovStreamH264();
+void RegisterMovStreamHevc();
 void RegisterMovStreamPcm();
 void RegisterMovStreamJpeg();
 void RegisterMovStreamAac();
