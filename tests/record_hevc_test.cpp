@@ -215,7 +215,7 @@ TEST_F(HevcRecord, InputErrorsHaveMessagesAndStatuses) {
       {"novps.hevc", noVps, 1, "novps.hevc: no VPS in the stream"},
       {"text.h265", std::string(64, 't'), 1, "not an H.265 Annex-B stream: no start code"},
       {"avc.h265", std::string("\0\0\0\1\x67\x42\0\x0a\0\0\0\1\x68\xce", 14), 1, "not an H.265 stream: first NAL unit header 0x6742"},
-      {"clip.mkv", "x", 2, "is not an H.264 elementary stream (.h264, .264) or an H.265 one (.h265, .hevc)"},
+      {"clip.mkv", "x", 2, "is not an H.264 elementary stream (.h264, .264), an H.265 one (.h265, .hevc) or Motion-JPEG"},
   };
   for (const auto& c : cases) {
     const std::string path = dir_ + "/" + c.name;

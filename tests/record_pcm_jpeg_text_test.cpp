@@ -243,7 +243,7 @@ TEST_F(PcmJpegTextRecord, InputsThatCannotBeRecordedAreRefusedByName) {
   } cases[] = {
       {"--video " + d + "words.mjpeg", 1, "not a Motion-JPEG stream: no JPEG picture (SOI marker FF D8) at its start"},
       {"--video " + d + "empty.mjpeg", 1, "empty.mjpeg: empty file"},
-      {"--video " + d + "clip.avi", 2, "is not an H.264 elementary stream (.h264, .264) or Motion-JPEG"},
+      {"--video " + d + "clip.avi", 2, "is not an H.264 elementary stream (.h264, .264), an H.265 one (.h265, .hevc) or Motion-JPEG"},
       {"--audio " + d + "words.wav", 1, "words.wav: not a RIFF/WAVE file"},
       {"--audio " + d + "empty.wav", 1, "empty.wav: empty file"},
       {"--audio " + d + "u8.wav", 1, "unsupported sample format: 8-bit PCM; only 16-bit PCM is recorded"},
