@@ -1,4 +1,5 @@
 // Motion-JPEG, PCM and SubRip streams that ffmpeg makes at test time, recorded alone and together
+// (and beside H.264 and H.265 video)
 // through the command-line host and played back through it: ffprobe and ffmpeg judge the files, the
 // decoded pictures and samples must be those of the sources, the cues those of the SubRip file.
 #include <gtest/gtest.h>
@@ -41,6 +42,7 @@ class PcmJpegTextRecord : public ::testing::Test {
     long long frames = 0;    // pictures, or sample frames
     long long width = 0, height = 0, rate = 0, channels = 0;
     std::string record;      // the record options that take it
+    std::string codec;       // as ffprobe names it
   };
 
   static void SetUpTestSuite() {
@@ -56,17 +58,20 @@ class PcmJpegTextRecord : public ::testing::Test {
                    "-f s16le " + d + "mono16.s16le") &&
              Shell("ffmpeg -nostdin -v error -y " + std::string(kPictures) + "-profile:v baseline -bf 0 -g 30 -f h264 " + d +
                    "pictures.h264") &&
+             Shell("ffmpeg -nostdin -v error -y " + std::string(kPictures) +
+                   "-c:v libx265 -x265-params log-level=none:bframes=0 -g 30 -f hevc " + d + "pictures.h265") &&
              Shell("ffmpeg -nostdin -v error -y -f lavfi -i sine=frequency=440:sample_rate=48000 -t 2 -ac 2 -b:a 96k "
                    "-c:a aac -f adts " + d + "stereo48.aac");
     if (!ready_) return;
     std::ofstream(d + "cues.srt") << kSrt;
-    mjpeg_ = video(d + "pictures.mjpeg", "--video " + d + "pictures.mjpeg --fps 25");
-    h264_ = video(d + "pictures.h264", "--video " + d + "pictures.h264 --fps 30");
+    mjpeg_ = video(d + "pictures.mjpeg", "--video " + d + "pictures.mjpeg --fps 25", "mjpeg");
+    h264_ = video(d + "pictures.h264", "--video " + d + "pictures.h264 --fps 30", "h264");
+    hevc_ = video(d + "pictures.h265", "--video " + d + "pictures.h265 --fps 30", "hevc");
     wav48_ = audio(d + "stereo48.wav", "--audio " + d + "stereo48.wav", "");
     raw16_ = audio(d + "mono16.s16le", "--audio " + d + "mono16.s16le --audio-format s16le:16000:1",
                    "-f s16le -ar 16000 -ac 1 ");
     aac_ = audio(d + "stereo48.aac", "--audio " + d + "stereo48.aac", "");
-    ready_ = mjpeg_.frames == 50 && h264_.frames == 60 && wav48_.frames == 96000 && raw16_.frames == 32000 &&
+    ready_ = mjpeg_.frames == 50 && h264_.frames == 60 && hevc_.frames == 60 && wav48_.frames == 96000 && raw16_.frames == 32000 &&
              !aac_.md5.empty();
   }
   static void TearDownTestSuite() { Shell("rm -rf " + dir_); }
@@ -74,10 +79,11 @@ class PcmJpegTextRecord : public ::testing::Test {
     if (!ready_) GTEST_SKIP() << why_;
   }
 
-  static Source video(const std::string& path, const std::string& record) {
+  static Source video(const std::string& path, const std::string& record, const char* codec) {
     Source s;
     s.path = path;
     s.record = record;
+    s.codec = codec;
     const Fields f = Probe(path)["video"];
     s.frames = Count(f, "nb_read_frames");
     s.width = Count(f, "width");
@@ -121,7 +127,7 @@ class PcmJpegTextRecord : public ::testing::Test {
     if (c.video) {
       Fields& v = p["video"];
       EXPECT_EQ(Capture("ffprobe -v error -select_streams v -show_entries stream=codec_name -of csv=p=0 " + file),
-                std::string(jpeg ? "mjpeg\n" : "h264\n"));
+                c.video->codec + "\n");
       EXPECT_EQ(Count(v, "width"), c.video->width);
       EXPECT_EQ(Count(v, "height"), c.video->height);
       EXPECT_EQ(Count(v, "nb_read_frames"), c.video->frames);
@@ -159,6 +165,7 @@ class PcmJpegTextRecord : public ::testing::Test {
     std::string outs;
     // H.264 comes back with the length prefixes play keeps (its own tests and README tell of them).
     if (jpeg) outs += " --video-out " + base + "_back.mjpeg";
+    if (c.video == &hevc_) outs += " --video-out " + base + "_back.h265";
     if (c.audio) outs += " --audio-out " + base + "_back" + (c.audio == &aac_ ? ".aac" : ".wav");
     if (c.text) outs += " --text-out " + base + "_back.srt";
     const ToolResult back = RunTool("play " + file + outs);
@@ -167,6 +174,9 @@ class PcmJpegTextRecord : public ::testing::Test {
       const std::string out = base + "_back.mjpeg";
       EXPECT_EQ(Decode(dir_, out, true, false, false).video, c.video->md5);
       EXPECT_EQ(ReadWhole(out), ReadWhole(c.video->path)) << "the pictures come back byte for byte";
+    }
+    if (c.video == &hevc_) {
+      EXPECT_EQ(Decode(dir_, base + "_back.h265", true, false, false).video, c.video->md5);
     }
     if (c.audio) {
       EXPECT_EQ(Decode(dir_, base + "_back" + (c.audio == &aac_ ? ".aac" : ".wav"), false, true, false).audio,
@@ -180,12 +190,12 @@ class PcmJpegTextRecord : public ::testing::Test {
 
   static std::string dir_, why_;
   static bool ready_;
-  static Source mjpeg_, h264_, wav48_, raw16_, aac_;
+  static Source mjpeg_, h264_, hevc_, wav48_, raw16_, aac_;
 };
 
 std::string PcmJpegTextRecord::dir_, PcmJpegTextRecord::why_;
 bool PcmJpegTextRecord::ready_ = false;
-PcmJpegTextRecord::Source PcmJpegTextRecord::mjpeg_, PcmJpegTextRecord::h264_, PcmJpegTextRecord::wav48_,
+PcmJpegTextRecord::Source PcmJpegTextRecord::mjpeg_, PcmJpegTextRecord::h264_, PcmJpegTextRecord::hevc_, PcmJpegTextRecord::wav48_,
     PcmJpegTextRecord::raw16_, PcmJpegTextRecord::aac_;
 
 TEST_F(PcmJpegTextRecord, AloneAndTogetherInBothFlavours) {
@@ -194,6 +204,7 @@ TEST_F(PcmJpegTextRecord, AloneAndTogetherInBothFlavours) {
       {"pcm16", nullptr, &raw16_, false},          {"mjpeg_pcm48", &mjpeg_, &wav48_, false},
       {"mjpeg_pcm16", &mjpeg_, &raw16_, false},    {"h264_pcm48", &h264_, &wav48_, false},
       {"h264_aac_text", &h264_, &aac_, true},      {"mjpeg_text", &mjpeg_, nullptr, true},
+      {"hevc_pcm48", &hevc_, &wav48_, false},      {"hevc_pcm16", &hevc_, &raw16_, false},
   };
   for (const Combination& c : cases)
     for (const char* ext : {"mov", "mp4"}) CheckRecording(c, ext);
