@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 extern char** environ;
 
@@ -446,11 +447,56 @@ bool MakeInput(const std::string& ffmpeg, const std::string& dir, int minutes, I
   return finishInput(in);
 }
 
+bool MakeHevcPcmInput(const std::string& ffmpeg, const std::string& dir, int minutes, Input& in) {
+  const std::string base = baseName(dir, minutes);
+  in.minutes = minutes;
+  in.video = base + "-hevc.h265";
+  in.audio = base + "-pcm" + std::to_string(kAudioRate / 1000) + "k.s16le";
+  const std::string seconds = std::to_string(minutes * 60);
+  char video[128], audio[128];
+  std::snprintf(video, sizeof video, "testsrc=size=%dx%d:rate=%d:duration=%s", kWidth, kHeight, kFps, seconds.c_str());
+  std::snprintf(audio, sizeof audio, "sine=frequency=440:sample_rate=%d:duration=%s", kAudioRate, seconds.c_str());
+  const std::vector<std::pair<std::string, std::vector<std::string>>> jobs = {
+      {in.video,
+       {ffmpeg, "-hide_banner", "-nostdin", "-loglevel", "error", "-y", "-f", "lavfi", "-i", video, "-c:v", "libx265",
+        "-preset", "ultrafast", "-pix_fmt", "yuv420p", "-x265-params",
+        "log-level=none:bframes=0:keyint=" + std::to_string(kFps) + ":min-keyint=" + std::to_string(kFps) +
+            ":scenecut=0:info=0",
+        "-f", "hevc", in.video + ".part"}},
+      {in.audio,
+       {ffmpeg, "-hide_banner", "-nostdin", "-loglevel", "error", "-y", "-f", "lavfi", "-i", audio, "-ac", "2", "-f",
+        "s16le", in.audio + ".part"}}};
+  for (const auto& [path, argv] : jobs) {
+    if (FileSize(path) > 0) continue;
+    std::printf("generating %s with ffmpeg ...\n", path.c_str());
+    std::fflush(stdout);
+    const std::string log = path + ".log", part = path + ".part";
+    ChildRun run;
+    if (!RunChild(argv, nullptr, log.c_str(), run) || !run.Succeeded() || FileSize(part) <= 0 ||
+        rename(part.c_str(), path.c_str()) != 0) {
+      std::fprintf(stderr, "%s: ffmpeg failed making %s:\n%s\n", programName, path.c_str(), TailOf(log).c_str());
+      unlink(part.c_str());
+      return false;
+    }
+    unlink(log.c_str());
+  }
+  return finishInput(in);
+}
+
+std::vector<std::string> AudioFormatOptions(const Input& in) {
+  const std::string suffix = ".s16le";
+  if (in.audio.size() < suffix.size() || in.audio.compare(in.audio.size() - suffix.size(), suffix.size(), suffix) != 0)
+    return {};
+  return {"--audio-format", "s16le:" + std::to_string(kAudioRate) + ":2"};
+}
+
 bool RepeatInput(const Input& one, int times, const std::string& dir, Input& out) {
-  const std::string base = baseName(dir, one.minutes) + "-x" + std::to_string(times);
+  const std::string oneBase = baseName(dir, one.minutes);
+  const std::string base = oneBase + "-x" + std::to_string(times);
   out.minutes = one.minutes * times;
-  out.video = base + ".h264";
-  out.audio = base + audioSuffix();
+  // The copies keep the names' tails (codec and suffix) of the pieces.
+  out.video = base + one.video.substr(std::min(one.video.size(), oneBase.size()));
+  out.audio = base + one.audio.substr(std::min(one.audio.size(), oneBase.size()));
   // A copy made from an older piece is made again.
   for (const auto& [from, to] : {std::make_pair(one.video, out.video), std::make_pair(one.audio, out.audio)}) {
     if (FileSize(to) > 0 && ModifiedNs(to) >= ModifiedNs(from)) continue;

@@ -97,6 +97,11 @@ struct Input {
 };
 // Made with ffmpeg once (both encoders at once) and kept in dir; the one-hour input takes minutes.
 bool MakeInput(const std::string& ffmpeg, const std::string& dir, int minutes, Input& in);
+// The same length as H.265 Annex-B (libx265 ultrafast, no B-frames, a key picture every second with
+// its parameter sets) and raw 16-bit PCM at kAudioRate stereo (.s16le), made with ffmpeg once.
+bool MakeHevcPcmInput(const std::string& ffmpeg, const std::string& dir, int minutes, Input& in);
+// The record options a raw PCM input needs ("--audio-format s16le:RATE:2"); none for another input.
+std::vector<std::string> AudioFormatOptions(const Input& in);
 // The input `times` as long, made by putting `one` end to end and kept in dir: each stream begins
 // with a key frame and its parameter sets, and ADTS frames stand alone, so the copies join into one
 // valid stream in seconds where the encoders would take minutes. The picture's clock restarts at each

@@ -56,6 +56,7 @@ constexpr double kTimeTarget = 1.5;
 struct Options : CommonOptions {
   Options() : CommonOptions(3) {}
   long toleranceKiB = kDefaultToleranceKiB;
+  bool hevcPcm = false;  // --codecs hevc-pcm: H.265 and raw PCM in place of H.264 and AAC
 };
 
 // One of the four memory configurations of `boxweave record`.
@@ -334,6 +335,7 @@ bool RecordBench::recordOnce(const Input& in, const Mode& mode, bool traced, Rec
   unlink(out.c_str());
   std::vector<std::string> argv = {_o.boxweave, "record",   "-o",  out,       "--video",
                                    in.video,    "--audio", in.audio, "--tmp", _tmpDir};
+  for (const std::string& a : AudioFormatOptions(in)) argv.push_back(a);
   for (const char* f : mode.flags) argv.push_back(f);
   const long long plannedMs = in.minutes * 60000LL;
 
@@ -383,7 +385,9 @@ bool RecordBench::recordOnce(const Input& in, const Mode& mode, bool traced, Rec
   }
   run.outBytes = FileSize(out);
   const long long videoFrames = in.minutes * 60LL * kFps;
-  const long long audioFrames = (in.minutes * 60LL * kAudioRate + kAacFrame - 1) / kAacFrame;
+  // PCM goes in packets of 20 ms.
+  const long long audioFrames = _o.hevcPcm ? in.minutes * 60LL * 50
+                                           : (in.minutes * 60LL * kAudioRate + kAacFrame - 1) / kAacFrame;
   // The payload loses start codes and ADTS headers; the tables add some bytes a sample.
   const long long low = in.bytes * 9 / 10;
   const long long high = in.bytes + 64 * (videoFrames + audioFrames) + (1 << 20);
@@ -433,20 +437,33 @@ int RecordBench::Run() {
   _tmpWarned = false;
 
   std::vector<Input> inputs(2);
-  if (!MakeInput(_o.ffmpeg, _o.data, 1, inputs[0]) || !MakeInput(_o.ffmpeg, _o.data, _o.longMinutes, inputs[1]))
+  if (_o.hevcPcm) {
+    // The long H.265 input is the short one end to end: libx265 would take most of an hour.
+    if (!MakeHevcPcmInput(_o.ffmpeg, _o.data, 1, inputs[0]) ||
+        !RepeatInput(inputs[0], _o.longMinutes, _o.data, inputs[1]))
+      return 1;
+  } else if (!MakeInput(_o.ffmpeg, _o.data, 1, inputs[0]) ||
+             !MakeInput(_o.ffmpeg, _o.data, _o.longMinutes, inputs[1])) {
     return 1;
+  }
 
-  // The fragmented recordings keep no tables: their memory must be flat without any option.
-  const std::vector<Mode> modes = {
-      {"plain", {}}, {"--spill", {"--spill"}}, {"--table-files", {"--table-files"}},
-      {"both", {"--spill", "--table-files"}}, {"--fragmented", {"--fragmented"}},
-      {"fragmented+flush", {"--fragmented", "--flush"}}};
+  // The fragmented recordings keep no tables: their memory must be flat without any option. They
+  // take H.264 and AAC.
+  std::vector<Mode> modes = {{"plain", {}},
+                             {"--spill", {"--spill"}},
+                             {"--table-files", {"--table-files"}},
+                             {"both", {"--spill", "--table-files"}}};
+  if (!_o.hevcPcm) {
+    modes.push_back({"--fragmented", {"--fragmented"}});
+    modes.push_back({"fragmented+flush", {"--fragmented", "--flush"}});
+  }
 
   double start = 0;
   if (!processStart(start)) return 1;
 
-  std::printf("\nrecord_bench: %s record into .%s, %dx%d H.264 at %d fps + AAC %d Hz stereo, best of %d run(s)\n",
-              _o.boxweave.c_str(), _o.format.c_str(), kWidth, kHeight, kFps, kAudioRate, _o.runs);
+  std::printf("\nrecord_bench: %s record into .%s, %dx%d %s at %d fps + %s %d Hz stereo, best of %d run(s)\n",
+              _o.boxweave.c_str(), _o.format.c_str(), kWidth, kHeight, _o.hevcPcm ? "H.265" : "H.264", kFps,
+              _o.hevcPcm ? "16-bit PCM" : "AAC", kAudioRate, _o.runs);
   for (const Input& in : inputs)
     std::printf("  %3d min input: %lld bytes (%s, %s)\n", in.minutes, in.bytes, in.video.c_str(), in.audio.c_str());
   std::printf("  process start (boxweave --version): %.1f ms\n", start * 1000);
@@ -548,9 +565,11 @@ int RecordBench::Run() {
   flat(3, false);  // both
   flat(2, true);   // --table-files
   flat(3, true);   // both
-  flat(4, false);  // --fragmented
-  flat(4, true);
-  flat(5, true);   // --fragmented --flush
+  if (modes.size() > 5) {
+    flat(4, false);  // --fragmented
+    flat(4, true);
+    flat(5, true);  // --fragmented --flush
+  }
   std::printf("  (for comparison, plain: %+ld KiB during, %+ld KiB including Close)\n",
               cells[1][0].duringKiB - cells[0][0].duringKiB, cells[1][0].totalKiB - cells[0][0].totalKiB);
   PrintSanitizerNote();
@@ -589,6 +608,10 @@ void printHelp() {
       "  --format mov|mp4     the recorded format (default mov)\n"
       "  --tolerance-kib N    how far the long figure may lie above the short one and still count as\n"
       "                       flat (default %ld)\n"
+      "  --codecs hevc-pcm    record H.265 (libx265 ultrafast, no B-frames) and raw 16-bit PCM stereo\n"
+      "                       in place of H.264 and AAC, in the four memory configurations (the\n"
+      "                       fragmented ones take H.264 and AAC only); the long input is the\n"
+      "                       one-minute one end to end (default: avc-aac)\n"
       "  -h, --help           this help\n"
       "\n"
       "Exit status: 0 when every measurement was taken (whether the targets hold or not), 1 when a\n"
@@ -609,6 +632,10 @@ int main(int argc, char** argv) {
     if (name == "--tolerance-kib" && Positive(value, 1L << 30, n)) {
       o.toleranceKiB = n;
       return true;
+    }
+    if (name == "--codecs") {
+      o.hevcPcm = std::string(value) == "hevc-pcm";
+      return o.hevcPcm || std::string(value) == "avc-aac";
     }
     return o.Take(name, value);
   });
