@@ -18,6 +18,7 @@
 
 #include "stream/base/Convert.h"
 #include "stream/core/Packet.h"
+#include "tools/AnnexBReader.h"
 
 namespace kiv {
 namespace stream {
@@ -66,17 +67,10 @@ struct H264AccessUnit {
   bool Intra() const { return sliceTypes && !(sliceTypes & ~unsigned(kSliceI | kSliceSI)); }
 };
 
-class H264Reader {
+class H264Reader : public AnnexBReader {
  public:
-  static constexpr size_t kBlock = 1 << 20;
-  // The largest NAL unit and the largest access unit taken; a larger one fails the read.
-  static constexpr size_t kMaxUnit = 64u << 20;
-
   // `block` is the size of one read; small values are for tests.
   explicit H264Reader(size_t block = kBlock);
-  ~H264Reader();
-  H264Reader(const H264Reader&) = delete;
-  H264Reader& operator=(const H264Reader&) = delete;
 
   // ".h264" or ".264", in any case.
   static bool HandlesPath(const std::string& path);
@@ -90,23 +84,14 @@ class H264Reader {
   // The next access unit; false at the end of the stream, or on a failure (then Error() is set).
   bool Next(H264AccessUnit& au);
 
-  // Frame rate for packet times; false (and unchanged) for a rate that is not positive or so large
-  // that nanosecond times would overflow.
-  bool FrameRate(const kiv::base::Fraction& fps);
   // The next access unit as a packet: its bytes, key flag, index, pts = index / rate and duration in
   // nanoseconds, and `media` (borrowed). Null at the end, PacketError() on a failure.
   kiv::stream::Packet* NextPacket(kiv::stream::IMedia* media);
-  // Presentation time in nanoseconds of the picture `index` at the frame rate.
-  long long TimeOf(long long index) const;
 
-  bool Failed() const { return !_error.empty(); }
-  const std::string& Error() const { return _error; }
-  const std::string& Path() const { return _path; }
 
   // The first SPS and PPS met so far (without start code), and whether others, different ones, followed.
   const std::vector<uint8_t>& FirstSps() const { return _sps; }
   const std::vector<uint8_t>& FirstPps() const { return _pps; }
-  bool ParamSetsChange() const { return _paramSetsChange; }
   // NAL units passed over: with the forbidden bit set, or left at the end without a picture.
   long long DroppedUnits() const { return _droppedUnits; }
   // Slices whose header could not be read (counted, kept in their picture).
@@ -126,23 +111,8 @@ class H264Reader {
     bool hasPps = false;
   };
 
-  bool fail(const std::string& message);
-  bool fill();
-  bool nextNal(const uint8_t*& nal, size_t& size, unsigned long long& position);
   bool add(const uint8_t* nal, size_t size, unsigned long long position);
-  void noteParamSet(std::vector<uint8_t>& first, const uint8_t* nal, size_t size);
   void deliver(H264AccessUnit& au);
-
-  std::string _path;
-  std::FILE* _file = nullptr;
-  size_t _block;
-  std::vector<uint8_t> _buf;       // [0, _end) read from the file at _bufPos
-  size_t _begin = 0;               // start of the unit being delimited
-  size_t _scan = 0;                // search for the next start code goes on from here
-  size_t _end = 0;
-  unsigned long long _bufPos = 0;  // file offset of _buf[0]
-  bool _eof = false;
-  bool _atEnd = false;             // the last unit has been handed out
 
   bool _copy = true;
   std::vector<uint8_t> _au;   // the access unit being built
@@ -150,13 +120,10 @@ class H264Reader {
   Building _cur;
   long long _pictures = 0;
 
-  kiv::base::Fraction _fps{30, 1};
   std::vector<uint8_t> _sps;
   std::vector<uint8_t> _pps;
-  bool _paramSetsChange = false;
   long long _droppedUnits = 0;
   long long _badSlices = 0;
-  std::string _error;
 };
 
 // What a whole pass over the stream finds: what the media description needs before recording starts.

@@ -20,6 +20,7 @@
 
 #include "stream/base/Convert.h"
 #include "stream/core/Packet.h"
+#include "tools/AnnexBReader.h"
 
 namespace kiv {
 namespace stream {
@@ -93,17 +94,10 @@ struct H265AccessUnit {
   bool hasPps = false;
 };
 
-class H265Reader {
+class H265Reader : public AnnexBReader {
  public:
-  static constexpr size_t kBlock = 1 << 20;
-  // The largest NAL unit and the largest access unit taken; a larger one fails the read.
-  static constexpr size_t kMaxUnit = 64u << 20;
-
   // `block` is the size of one read; small values are for tests.
   explicit H265Reader(size_t block = kBlock);
-  ~H265Reader();
-  H265Reader(const H265Reader&) = delete;
-  H265Reader& operator=(const H265Reader&) = delete;
 
   // ".h265" or ".hevc", in any case.
   static bool HandlesPath(const std::string& path);
@@ -117,24 +111,16 @@ class H265Reader {
   // The next access unit; false at the end of the stream, or on a failure (then Error() is set).
   bool Next(H265AccessUnit& au);
 
-  // Frame rate for packet times; false (and unchanged) for a rate that is not positive or so large
-  // that nanosecond times would overflow.
-  bool FrameRate(const kiv::base::Fraction& fps);
   // The next access unit as a packet: its bytes, key flag, index, pts = index / rate and duration in
   // nanoseconds, and `media` (borrowed). Null at the end, PacketError() on a failure.
   kiv::stream::Packet* NextPacket(kiv::stream::IMedia* media);
-  long long TimeOf(long long index) const;
 
-  bool Failed() const { return !_error.empty(); }
-  const std::string& Error() const { return _error; }
-  const std::string& Path() const { return _path; }
 
   // The first VPS, SPS and PPS met so far (without start code), and whether others, different ones,
   // followed.
   const std::vector<uint8_t>& FirstVps() const { return _vps; }
   const std::vector<uint8_t>& FirstSps() const { return _sps; }
   const std::vector<uint8_t>& FirstPps() const { return _pps; }
-  bool ParamSetsChange() const { return _paramSetsChange; }
   long long DroppedUnits() const { return _droppedUnits; }
   long long BadSlices() const { return _badSlices; }
 
@@ -153,24 +139,9 @@ class H265Reader {
     bool hasPps = false;
   };
 
-  bool fail(const std::string& message);
-  bool fill();
-  bool nextNal(const uint8_t*& nal, size_t& size, unsigned long long& position);
   bool add(const uint8_t* nal, size_t size, unsigned long long position);
-  void noteParamSet(std::vector<uint8_t>& first, const uint8_t* nal, size_t size);
   void deliver(H265AccessUnit& au);
   unsigned sliceTypeOf(const uint8_t* nal, size_t size, int type, bool& firstInPicture);
-
-  std::string _path;
-  std::FILE* _file = nullptr;
-  size_t _block;
-  std::vector<uint8_t> _buf;
-  size_t _begin = 0;
-  size_t _scan = 0;
-  size_t _end = 0;
-  unsigned long long _bufPos = 0;
-  bool _eof = false;
-  bool _atEnd = false;
 
   bool _copy = true;
   std::vector<uint8_t> _au;
@@ -178,15 +149,12 @@ class H265Reader {
   Building _cur;
   long long _pictures = 0;
 
-  kiv::base::Fraction _fps{30, 1};
   std::vector<uint8_t> _vps;
   std::vector<uint8_t> _sps;
   std::vector<uint8_t> _pps;
   unsigned _extraSliceBits = 0;  // of the PPS met last
-  bool _paramSetsChange = false;
   long long _droppedUnits = 0;
   long long _badSlices = 0;
-  std::string _error;
 };
 
 // What a whole pass over the stream finds: what the media description needs before recording starts.
