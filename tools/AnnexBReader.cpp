@@ -8,11 +8,14 @@
 
 #include "stream/base/Helpers.h"
 #include "stream/base/dbg/Log.h"
+#include "stream/core/IMedia.h"
 
 namespace boxweave {
 
 namespace {
 
+// Tail room of a packet, zeroed, for readers of the payload that look a few bytes ahead.
+constexpr int kPacketTail = 16;
 // Leading zero bytes accepted before the first start code.
 constexpr size_t kMaxLeadingZeros = 4096;
 
@@ -163,6 +166,26 @@ bool AnnexBReader::FrameRate(const kiv::base::Fraction& fps) {
 
 long long AnnexBReader::TimeOf(long long index) const {
   return kiv::base::MulDiv(index, 1000000000LL * _fps.Den(), _fps.Num());
+}
+
+kiv::stream::Packet* AnnexBReader::packetOf(const uint8_t* data, size_t size, bool key, long long index,
+                                            kiv::stream::IMedia* media) {
+  if (!data) {
+    fail("packets asked from a reader that only scans");
+    return kiv::stream::PacketError();
+  }
+  kiv::stream::Packet* p = kiv::stream::PacketAlloc(static_cast<int>(size), 0, kPacketTail);
+  if (!p) {
+    fail("no packet for " + std::to_string(size) + " bytes");
+    return kiv::stream::PacketError();
+  }
+  std::memcpy(p->Data(), data, size);
+  p->SetKey(key);
+  p->index = index;
+  p->pts = TimeOf(index);
+  p->duration = TimeOf(index + 1) - p->pts;
+  p->media = media;
+  return p;
 }
 
 }  // namespace boxweave

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "stream/base/Convert.h"
+#include "stream/core/Packet.h"
 
 namespace boxweave {
 
@@ -47,6 +48,10 @@ class AnnexBReader {
   // The next NAL unit, without its start code and trailing zero bytes. The bytes stay valid until the
   // next call. False at the end of the file or on a failure.
   bool nextNal(const uint8_t*& nal, size_t& size, unsigned long long& position);
+  // An access unit as a packet: its bytes, key flag, index, pts = index / rate and duration in
+  // nanoseconds, and `media` (borrowed). PacketError() when it cannot be made.
+  kiv::stream::Packet* packetOf(const uint8_t* data, size_t size, bool key, long long index,
+                                kiv::stream::IMedia* media);
   // Keeps the first parameter set of a kind; a different one later marks a change.
   void noteParamSet(std::vector<uint8_t>& first, const uint8_t* nal, size_t size);
 

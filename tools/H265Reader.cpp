@@ -18,8 +18,6 @@ namespace boxweave {
 namespace {
 
 const uint8_t kStartCode[4] = {0, 0, 0, 1};
-// Tail room of a packet, zeroed, for readers of the payload that look a few bytes ahead.
-constexpr int kPacketTail = 16;
 // The first bytes of a unit are all a header parse needs.
 constexpr size_t kHeadBytes = 64;
 
@@ -291,22 +289,7 @@ bool H265Reader::Next(H265AccessUnit& au) {
 kiv::stream::Packet* H265Reader::NextPacket(kiv::stream::IMedia* media) {
   H265AccessUnit au;
   if (!Next(au)) return Failed() ? PacketError() : nullptr;
-  if (!au.data) {
-    fail("packets asked from a reader that only scans");
-    return PacketError();
-  }
-  kiv::stream::Packet* p = kiv::stream::PacketAlloc(static_cast<int>(au.size), 0, kPacketTail);
-  if (!p) {
-    fail("no packet for " + std::to_string(au.size) + " bytes");
-    return PacketError();
-  }
-  std::memcpy(p->Data(), au.data, au.size);
-  p->SetKey(au.key);
-  p->index = au.index;
-  p->pts = TimeOf(au.index);
-  p->duration = TimeOf(au.index + 1) - p->pts;
-  p->media = media;
-  return p;
+  return packetOf(au.data, au.size, au.key, au.index, media);
 }
 
 // ---- description
