@@ -33,10 +33,17 @@ if command -v ffmpeg >/dev/null 2>&1; then
   [ -s "$seeds/raw-pcm.mov" ] || ff "${src[@]}" -c:v mjpeg -c:a pcm_s16le "$seeds/raw-pcm.mov"
   [ -s "$seeds/raw.h264" ] || ff -f lavfi -i testsrc=size=64x48:rate=10 -t 1 -c:v libx264 -g 5 "$seeds/raw.h264"
   [ -s "$seeds/raw.aac" ] || ff -f lavfi -i sine=frequency=440:sample_rate=8000 -t 1 -c:a aac -f adts "$seeds/raw.aac"
+  [ -s "$seeds/raw.h265" ] || ff -f lavfi -i testsrc=size=64x48:rate=10 -t 1 -c:v libx265 \
+    -x265-params log-level=none:keyint=5 -f hevc "$seeds/raw.h265"
+  [ -s "$seeds/raw.mjpeg" ] || ff -f lavfi -i testsrc=size=64x48:rate=10 -t 1 -c:v mjpeg -f mjpeg "$seeds/raw.mjpeg"
+  [ -s "$seeds/raw.wav" ] || ff -f lavfi -i sine=frequency=440:sample_rate=8000 -t 1 -c:a pcm_s16le "$seeds/raw.wav"
+  [ -s "$seeds/raw.srt" ] || printf '1\n00:00:00,100 --> 00:00:00,500\nfirst\n\n2\n00:00:00,600 --> 00:00:00,900\nsecond\n' \
+    >"$seeds/raw.srt"
   [ -s "$seeds/raw-faststart.mp4" ] || ff "${src[@]}" -c:v libx264 -g 5 -bf 2 -c:a aac -movflags +faststart \
     "$seeds/raw-faststart.mp4"
 fi
-# The bundled sample recorded by the plug-in, in both formats; the first second of it, small.
+# The bundled sample recorded by the plug-in, in both formats and fragmented; the first second of
+# it, small; and the other codecs' short streams.
 for ext in mov mp4; do
   [ -s "$seeds/rec.$ext" ] || build-fuzz/boxweave record -o "$seeds/rec.$ext" --video samples/sample.h264 \
     --audio samples/sample.aac >/dev/null || echo "fuzz.sh: could not record rec.$ext" >&2
@@ -45,6 +52,16 @@ for ext in mov mp4; do
       --fps 10 >/dev/null || echo "fuzz.sh: could not record rec-short.$ext" >&2
   fi
 done
+[ -s "$seeds/rec-frag.mp4" ] || build-fuzz/boxweave record -o "$seeds/rec-frag.mp4" --fragmented \
+  --video samples/sample.h264 --audio samples/sample.aac >/dev/null || echo "fuzz.sh: could not record rec-frag.mp4" >&2
+if [ ! -s "$seeds/rec-codecs.mov" ] && [ -s "$seeds/raw.h265" ] && [ -s "$seeds/raw.wav" ]; then
+  build-fuzz/boxweave record -o "$seeds/rec-codecs.mov" --video "$seeds/raw.h265" --audio "$seeds/raw.wav" \
+    --fps 10 >/dev/null || echo "fuzz.sh: could not record rec-codecs.mov" >&2
+fi
+if [ ! -s "$seeds/rec-jpeg.mp4" ] && [ -s "$seeds/raw.mjpeg" ] && [ -s "$seeds/raw.srt" ]; then
+  build-fuzz/boxweave record -o "$seeds/rec-jpeg.mp4" --video "$seeds/raw.mjpeg" --text "$seeds/raw.srt" \
+    --fps 10 >/dev/null || echo "fuzz.sh: could not record rec-jpeg.mp4" >&2
+fi
 i=0
 for f in "$seeds"/raw*.mov "$seeds"/raw*.mp4; do
   [ -s "$f" ] || continue
@@ -60,7 +77,8 @@ for f in "$seeds"/raw*.mov "$seeds"/raw*.mp4 "$seeds"/rec*.mov "$seeds"/rec*.mp4
     { printf "\\x$pick"; cat "$f"; } >"$seeds/play/$((i++))"
   done
 done
-for f in samples/*.h264 samples/*.aac "$seeds"/raw.h264 "$seeds"/raw.aac; do
+for f in samples/*.h264 samples/*.aac "$seeds"/raw.h264 "$seeds"/raw.aac "$seeds"/raw.h265 "$seeds"/raw.mjpeg \
+  "$seeds"/raw.wav "$seeds"/raw.srt; do
   [ -s "$f" ] || continue
   { printf '\x02'; head -c 65536 "$f"; } >"$seeds/es/$((i++))"
 done
