@@ -11,6 +11,10 @@
 // from creating the element to its first packet, and the time of random seeks (the seek and the
 // first packet after it).
 //
+// Then the fragmented case: the one-minute and the long input recorded with `record --fragmented`,
+// played by `boxweave play FILE` in turns with `cat` and ffmpeg as above; the peak memory of the
+// long recording against the one-minute one tells whether the player's memory grows with the file.
+//
 // The long inputs are the one-minute input put end to end: the encoders would take minutes for what
 // a copy does in a second, and nothing here looks at the pictures.
 //
@@ -60,6 +64,7 @@ struct Options : CommonOptions {
   Options() : CommonOptions(5) {}
   std::vector<std::string> player;  // the command; the file goes last
   int longestMinutes = 180;
+  bool fragmented = true;  // the fragmented case runs unless turned off
 };
 
 // The programs that read a recording, in the order they take turns.
@@ -77,6 +82,7 @@ struct Recording {
   std::vector<double> cpuSeconds[kTools];
   long maxKiB[kTools] = {-1, -1, -1, -1};
   bool countsSeen = false;  // the player printed its packet counts (and they were right)
+  bool fragmented = false;  // recorded with --fragmented
 };
 
 // The frames of an ADTS stream, header after header; -1 for a stream that breaks off or loses its
@@ -218,7 +224,8 @@ class PlayBench {
   int Run();
 
  private:
-  bool prepare(const Input& in, Recording& rec);
+  bool prepare(const Input& in, Recording& rec, bool fragmented = false);
+  int runFragmented(const Input& one, const Input& lng);
   bool runOnce(Recording& rec, Tool tool, bool counted);
   void printTable(const char* title, const std::vector<Recording>& recs, bool cpu) const;
 
@@ -228,10 +235,12 @@ class PlayBench {
 
 // The recording of one input, kept in the data directory; made again when the host program or the
 // input is newer than it, so that a changed recorder is what gets played.
-bool PlayBench::prepare(const Input& in, Recording& rec) {
+bool PlayBench::prepare(const Input& in, Recording& rec, bool fragmented) {
   rec.input = in;
-  std::string base = in.video.substr(0, in.video.rfind('.'));
-  rec.path = base + "." + _o.format;
+  rec.fragmented = fragmented;
+  std::string base = in.video.substr(0, in.video.rfind('.')) + (fragmented ? "-fragmented" : "");
+  const std::string format = fragmented ? "mp4" : _o.format;
+  rec.path = base + "." + format;
   rec.videoPackets = static_cast<long long>(in.minutes) * 60 * kFps;
   rec.audioPackets = countAdtsFrames(in.audio);
   if (rec.audioPackets <= 0) {
@@ -241,16 +250,16 @@ bool PlayBench::prepare(const Input& in, Recording& rec) {
   const long long made = ModifiedNs(rec.path);
   if (FileSize(rec.path) <= 0 || made < ModifiedNs(_o.boxweave) || made < ModifiedNs(in.video) ||
       made < ModifiedNs(in.audio)) {
-    std::printf("recording the %d-minute input with %s record into %s ...\n", in.minutes, _o.boxweave.c_str(),
-                rec.path.c_str());
+    std::printf("recording the %d-minute input with %s record%s into %s ...\n", in.minutes, _o.boxweave.c_str(),
+                fragmented ? " --fragmented" : "", rec.path.c_str());
     std::fflush(stdout);
     // The format comes from the name's extension; the half-made file never has the final name.
-    const std::string part = base + "-part." + _o.format;
+    const std::string part = base + "-part." + format;
     const std::string log = _outDir + "/record.log";
+    std::vector<std::string> argv = {_o.boxweave, "record", "-o", part, "--video", in.video, "--audio", in.audio};
+    if (fragmented) argv.push_back("--fragmented");
     ChildRun run;
-    if (!RunChild({_o.boxweave, "record", "-o", part, "--video", in.video, "--audio", in.audio}, log.c_str(),
-                  log.c_str(), run))
-      return false;
+    if (!RunChild(argv, log.c_str(), log.c_str(), run)) return false;
     if (!run.Succeeded() || FileSize(part) <= 0) {
       std::fprintf(stderr, "play_bench: the recording failed (%s):\n%s\n", DescribeStatus(run.status).c_str(),
                    TailOf(log).c_str());
@@ -460,7 +469,67 @@ int PlayBench::Run() {
   std::printf("  tables on file, %3d min: a seek within %.0f ms on average              %8.3f ms  %s\n",
               last.input.minutes, kSeekTargetMs, ways[1].seekMeanMs,
               verdict(ways[1].seekMeanMs <= kSeekTargetMs && ways[1].seekFailures == 0));
+  if (_o.fragmented) {
+    const int status = runFragmented(one, lng);
+    if (status != 0) return status;
+  }
   PrintSanitizerNote();
+  return 0;
+}
+
+// The fragmented recordings: cat, the player and ffmpeg in turns, as for the plain ones (a fragmented
+// file has no sample tables, so there is no way on file).
+int PlayBench::runFragmented(const Input& one, const Input& lng) {
+  std::vector<Recording> recs(2);
+  if (!prepare(one, recs[0], true) || !prepare(lng, recs[1], true)) return 1;
+  const Tool tools[] = {kCat, kPlay, kFfmpeg};
+  std::printf("\nfragmented: '%s play FILE' on recordings made with 'record --fragmented'\n", _o.boxweave.c_str());
+  for (const Recording& r : recs)
+    std::printf("  %3d min: %lld bytes, %lld video + %lld audio packets (%s)\n", r.input.minutes, r.bytes,
+                r.videoPackets, r.audioPackets, r.path.c_str());
+  std::fflush(stdout);
+  const std::string loadBefore = LoadAverage();
+  for (Recording& r : recs)
+    for (int round = 0; round <= _o.runs; ++round)
+      for (Tool t : tools)
+        if (!runOnce(r, t, round > 0)) return 1;
+
+  for (int cpu = 0; cpu < 2; ++cpu) {
+    std::printf("\nfragmented, %s, s: median of %d run(s), in brackets the best; then play / ffmpeg\n",
+                cpu ? "CPU time (user + system)" : "wall time", _o.runs);
+    std::printf("  %-8s", "length");
+    for (Tool t : tools) std::printf(" %17s", kToolNames[t]);
+    std::printf(" %12s\n", "play/ffmpeg");
+    for (const Recording& r : recs) {
+      std::printf("  %3d min ", r.input.minutes);
+      for (Tool t : tools) {
+        const std::vector<double>& v = cpu ? r.cpuSeconds[t] : r.seconds[t];
+        char cell[48];
+        std::snprintf(cell, sizeof cell, "%.3f (%.3f)", Median(v), *std::min_element(v.begin(), v.end()));
+        std::printf(" %17s", cell);
+      }
+      const double play = Median(cpu ? r.cpuSeconds[kPlay] : r.seconds[kPlay]);
+      const double ffmpeg = Median(cpu ? r.cpuSeconds[kFfmpeg] : r.seconds[kFfmpeg]);
+      std::printf(" %11.2fx\n", ffmpeg > 0 ? play / ffmpeg : 0.0);
+    }
+  }
+  std::printf("  (load average %s before the runs, %s after)\n", loadBefore.c_str(), LoadAverage().c_str());
+
+  std::printf("\nfragmented, peak RSS, KiB (the highest of the runs); last column play / ffmpeg\n");
+  std::printf("  %-8s", "length");
+  for (Tool t : tools) std::printf(" %12s", kToolNames[t]);
+  std::printf(" %12s\n", "play/ffmpeg");
+  for (const Recording& r : recs) {
+    std::printf("  %3d min ", r.input.minutes);
+    for (Tool t : tools) std::printf(" %12s", Kib(r.maxKiB[t]).c_str());
+    std::printf(" %11.2fx\n", r.maxKiB[kFfmpeg] > 0 ? static_cast<double>(r.maxKiB[kPlay]) / r.maxKiB[kFfmpeg] : 0.0);
+  }
+  const long grown = recs[1].maxKiB[kPlay] - recs[0].maxKiB[kPlay];
+  std::printf("  player's peak, %d min against %d min: %+ld KiB (%.2fx)\n", recs[1].input.minutes,
+              recs[0].input.minutes, grown,
+              recs[0].maxKiB[kPlay] > 0 ? static_cast<double>(recs[1].maxKiB[kPlay]) / recs[0].maxKiB[kPlay] : 0.0);
+  if (recs[0].countsSeen && recs[1].countsSeen)
+    std::printf("  the player gave every packet of both fragmented recordings in every run\n");
   return 0;
 }
 
@@ -507,6 +576,9 @@ void printHelp() {
       "  --longest-minutes N  length of the longest recording (default 180; 3 or so for a quick trial)\n"
       "  --runs N             counted runs of each program on each recording (default 5)\n"
       "  --format mov|mp4     the recorded format (default mov)\n"
+      "  --fragmented on|off  the fragmented case (default on): the one-minute and --long-minutes\n"
+      "                       inputs recorded with 'record --fragmented', played by 'boxweave play',\n"
+      "                       against cat and ffmpeg; peak RSS of the long against the short\n"
       "  -h, --help           this help\n"
       "\n"
       "Exit status: 0 when every measurement was taken (whether the targets hold or not), 1 when a\n"
@@ -539,6 +611,12 @@ int main(int argc, char** argv) {
       long n = 0;
       if (!Positive(value, 24 * 60, n)) return false;
       o.longestMinutes = static_cast<int>(n);
+      return true;
+    }
+    if (name == "--fragmented") {
+      const std::string v = value;
+      if (v != "on" && v != "off") return false;
+      o.fragmented = v == "on";
       return true;
     }
     if (name != "--player") return o.Take(name, value);

@@ -84,7 +84,9 @@ int Play(const PlayOptions& o);
 
 struct RemuxOptions {
   std::string in, out;
-  std::string format;  // "mov" or "mp4"; empty: from the extension of out
+  std::string format;  // "mov", "mp4" or "fmp4"; empty: from the extension of out
+  bool fragmented = false;    // same as format "fmp4"
+  long long fragmentMs = 0;   // with fragmented: length of a fragment; 0: the muxer's own cut
 };
 int Remux(RemuxOptions o);
 

@@ -101,6 +101,14 @@ bool completeAac(IMedia& m) {
 }  // namespace
 
 int Remux(RemuxOptions o) {
+  if (o.format == "fmp4") o.fragmented = true;
+  if (o.fragmented) {
+    if (!o.format.empty() && o.format != "mp4" && o.format != "fmp4")
+      return UsageError("remux: --fragmented writes MP4, not " + o.format, "remux");
+    o.format = "fmp4";
+  } else if (o.fragmentMs) {
+    return UsageError("remux: --fragment-ms needs --fragmented", "remux");
+  }
   if (o.format.empty()) {
     const std::string e = Extension(o.out);
     if (e != "mov" && e != "mp4")
@@ -138,11 +146,14 @@ int Remux(RemuxOptions o) {
   } down{*d.element};
 
   kiv::base::AttrSet ap;
-  kiv::base::Object::AttrSetInit(ap, nullptr, o.format == "mov" ? "mov-muxer" : "mp4-muxer");
+  kiv::base::Object::AttrSetInit(
+      ap, nullptr, o.format == "mov" ? "mov-muxer" : o.format == "fmp4" ? "mp4-muxer-fragment" : "mp4-muxer");
   std::unique_ptr<kiv::stream::ISink> mux(kiv::base::Object::New<kiv::stream::ISink>(ap));
   if (!mux) return failed(o.out, "the plug-in has no muxer for " + o.format);
   mux->SetMessageHandler(PrintMessage);
   if (!mux->setString("url", o.out.c_str())) return failed(o.out, "the muxer takes no url");
+  if (o.fragmentMs && !mux->Set("durationPreSegment-dps", o.fragmentMs * 1000000LL))
+    return failed(o.out, "the muxer takes no fragment length");
   int linked = 0;
   for (kiv::stream::IPort* port : {d.video, d.audio}) {
     if (!port->Media()) continue;  // no such track in the file
@@ -214,7 +225,8 @@ int Remux(RemuxOptions o) {
 
 Verb AddRemux(CLI::App& app) {
   auto o = std::make_shared<RemuxOptions>();
-  CLI::App* cmd = app.add_subcommand("remux", "copy the tracks of a movie file into a new .mov or .mp4 file");
+  CLI::App* cmd =
+      app.add_subcommand("remux", "copy the tracks of a movie file into a new .mov, .mp4 or fragmented .mp4 file");
   cmd->option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
   cmd->footer(
       "Links the demuxer element's output ports straight into the muxer element's inputs in one graph:\n"
@@ -223,12 +235,22 @@ Verb AddRemux(CLI::App& app) {
       "The first video and the first audio track are copied; packet times are the demuxer's (whole\n"
       "milliseconds, decoding times). Exit status 1 when IN cannot be opened, has no video or audio\n"
       "track, or has one the muxer does not take (nothing is written), when OUT cannot be written, or\n"
-      "when the demuxer ends with \"error\" (OUT then holds what came before).");
+      "when the demuxer ends with \"error\" (OUT then holds what came before).\n"
+      "IN may be a plain or a fragmented file. With --fragmented (or --format fmp4) OUT is fragmented\n"
+      "MP4 (moof/mdat pairs, the fragment index at the end), as record --fragmented writes it.\n"
+      "A fragmented recording remuxed into a plain .mp4 or .mov gets a full sample index: the way to\n"
+      "finish a recording that was made fragmented to survive a power loss.");
   cmd->add_option("IN", o->in, "the movie file to read")->required();
   cmd->add_option("OUT", o->out, "the file to write; its extension gives the format")->required();
   cmd->add_option("--format", o->format, "the format, whatever the extension")
-      ->check(CLI::IsMember({"mov", "mp4"}))
-      ->type_name("mov|mp4");
+      ->check(CLI::IsMember({"mov", "mp4", "fmp4"}))
+      ->type_name("mov|mp4|fmp4");
+  cmd->add_flag("--fragmented", o->fragmented, "write fragmented MP4 (moof/mdat pairs), as record --fragmented");
+  cmd->add_option("--fragment-ms", o->fragmentMs,
+                  "with --fragmented: length of a fragment (video cuts at the next key frame); default: one "
+                  "GOP of video, half a second of audio")
+      ->type_name("MS")
+      ->check(CLI::Range(1LL, 86400000LL));
   return {cmd, [o] { return Remux(*o); }};
 }
 
