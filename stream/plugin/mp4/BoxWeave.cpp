@@ -17,6 +17,7 @@ extern "C" void RegisterBoxWeave() {
   RegisterMovStreamTxt();
   RegisterMp4MuxerStreamH264Fragment();
   RegisterMp4MuxerStreamAacFragment();
+  RegisterMp4MuxerStreamPcmFragment();
   RegisterMp4DemuxerStreamH264Fragment();
   RegisterMp4DemuxerStreamAacFragment();
   RegisterVideoTags();

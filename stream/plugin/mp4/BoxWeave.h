@@ -43,6 +43,7 @@ void RegisterMovStreamAac();
 void RegisterMovStreamTxt();
 void RegisterMp4MuxerStreamH264Fragment();
 void RegisterMp4MuxerStreamAacFragment();
+void RegisterMp4MuxerStreamPcmFragment();
 void RegisterMp4DemuxerStreamH264Fragment();
 void RegisterMp4DemuxerStreamAacFragment();
 void RegisterVideoTags();
