@@ -34,6 +34,7 @@ TEST(FragmentCli, OptionsAndTheirMistakes) {
       {"-o " + out + ".mp4 --fragmented --format mov", 2, "writes MP4", false},
       {"-o " + out + ".mp4 --fragmented --spill", 2, "keeps no sample tables", false},
       {"-o " + out + ".mp4 --fragmented --table-files", 2, "keeps no sample tables", false},
+      {"-o " + out + ".mp4 --fragmented --text " + out + ".srt", 2, "takes H.264 video and AAC or PCM audio", false},
       {"-o " + out + ".mp4 --fragmented --fragment-ms 0", 2, "--fragment-ms", false},
       {"-o " + out + ".mp4 --fragmented --fragment-ms x", 2, "--fragment-ms", false},
   };

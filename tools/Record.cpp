@@ -73,6 +73,11 @@ int finishOptions(RecordOptions& o) {
     if (o.spill || o.tableFiles)
       return UsageError("record: a fragmented recording keeps no sample tables; --spill and --table-files do not apply",
                         "record");
+    // The fragment tracks there are: H.264 video, AAC and PCM sound.
+    if ((!o.video.empty() && !H264Reader::HandlesPath(o.video)) || !o.text.empty())
+      return UsageError("record: a fragmented recording takes H.264 video and AAC or PCM audio, no " +
+                            std::string(!o.text.empty() ? "text" : "H.265 or Motion-JPEG video"),
+                        "record");
     o.format = "fmp4";
   } else if (o.fragmentMs || o.flush) {
     return UsageError("record: --fragment-ms and --flush need --fragmented", "record");
