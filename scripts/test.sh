@@ -6,7 +6,10 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh g++ cmake make libgtest-dev libcli11-dev nlohmann-json3-dev ffmpeg \
-  gstreamer1.0-tools gstreamer1.0-plugins-good gstreamer1.0-libav chromium nodejs npm
+  gstreamer1.0-tools gstreamer1.0-plugins-good gstreamer1.0-libav chromium
+# Node with npm from Debian, unless a node that brings its own npm is there (its package conflicts
+# with Debian's npm).
+command -v npm >/dev/null 2>&1 || scripts/deps.sh nodejs npm
 # The browser tests drive the system's chromium with npm's playwright-core, which downloads no browser.
 [ -d tests/browser/node_modules/playwright-core ] ||
   (cd tests/browser && PLAYWRIGHT_SKIP_BROWSER_DOWNLOAD=1 npm ci --no-audit --no-fund)
