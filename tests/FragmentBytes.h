@@ -133,6 +133,20 @@ inline File Read(const Bytes& b) {
   return file;
 }
 
+// Whether the file ends inside the sample table of a trun of a moof cut short. ffmpeg (5.1) gives up
+// on the whole file then ("error reading header"), on its own fragmented files alike.
+inline bool EndsInsideTrun(const Bytes& b) {
+  size_t p = 0;
+  while (p + 8 <= b.size() && U32(&b[p]) >= 8 && p + U32(&b[p]) <= b.size()) p += U32(&b[p]);
+  if (p + 8 > b.size() || std::memcmp(&b[p + 4], "moof", 4) != 0) return false;
+  for (size_t q = p + 8; q + 8 <= b.size();) {  // mfhd, traf, then the traf's own children
+    const size_t size = U32(&b[q]);
+    if (std::memcmp(&b[q + 4], "trun", 4) == 0) return q + size > b.size();
+    q += std::memcmp(&b[q + 4], "traf", 4) == 0 ? 8 : (size < 8 ? 8 : size);
+  }
+  return false;
+}
+
 // Each traf's children in the order tfhd, tfdt, trun, the rest: sizes and data offsets do not change.
 inline Bytes TfdtFirst(Bytes b) {
   for (const Child& top : Children(b, 0, b.size())) {

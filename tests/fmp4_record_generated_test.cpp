@@ -189,8 +189,15 @@ size_t checkCut(const std::string& path, const Source& src, const std::string& w
   if (c.fragments == 0) return 0;
   const std::string moved = path + ".tfdt-first.mp4";
   Save(moved, fragbytes::TfdtFirst(bytes), bytes.size());
-  EXPECT_TRUE(SameFrames(FrameMd5s(moved, "v", ""), src.videoFrames, c.video, "video")) << what;
-  EXPECT_TRUE(SameFrames(FrameMd5s(moved, "a", ""), src.audioFrames, c.audio, "audio")) << what;
+  if (fragbytes::EndsInsideTrun(bytes)) {
+    // ffmpeg refuses such a file whole; qtdemux plays the complete fragments.
+    EXPECT_TRUE(FrameMd5s(moved, "v", "").empty()) << what << ": ffmpeg reads a cut trun now";
+    EXPECT_EQ(GstPlay(moved, "video").buffers, static_cast<long long>(c.video)) << what;
+    EXPECT_EQ(GstPlay(moved, "audio").buffers, static_cast<long long>(c.audio)) << what;
+  } else {
+    EXPECT_TRUE(SameFrames(FrameMd5s(moved, "v", ""), src.videoFrames, c.video, "video")) << what;
+    EXPECT_TRUE(SameFrames(FrameMd5s(moved, "a", ""), src.audioFrames, c.audio, "audio")) << what;
+  }
   Shell("rm -f '" + moved + "'");
   return c.fragments;
 }
@@ -315,8 +322,13 @@ TEST_F(FragmentCutOff, FileCutShortKeepsItsFragments) {
   const int cuts = countFromEnv("BOXWEAVE_FRAGMENT_CUTS", 25);
   std::mt19937 rng(4321);
   std::uniform_int_distribution<size_t> length(0, whole.size());
-  for (int k = 0; k < cuts; ++k) {
-    const size_t n = length(rng);
+  // Besides the random lengths, one inside the sample table of the fifth moof's trun.
+  const fragbytes::File f = fragbytes::Read(whole);
+  ASSERT_GT(f.fragments.size(), 5u);
+  const size_t inTrun = f.fragments[4].pos + 8 + 16 + 8 + 20 + 30;
+  ASSERT_TRUE(fragbytes::EndsInsideTrun(Bytes(whole.begin(), whole.begin() + static_cast<long>(inTrun))));
+  for (int k = 0; k <= cuts; ++k) {
+    const size_t n = k == cuts ? inTrun : length(rng);
     Save(part, whole, n);
     checkCut(part, src, "cut at " + std::to_string(n) + " of " + std::to_string(whole.size()));
   }
