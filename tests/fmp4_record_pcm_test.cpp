@@ -305,6 +305,23 @@ INSTANTIATE_TEST_SUITE_P(
                       PcmCase{"H264Mono16Several", &Sources::mono16, true, "--fragmented --fragment-ms 2000", 100}),
     [](const ::testing::TestParamInfo<PcmCase>& i) { return std::string(i.param.name); });
 
+// Fragment times wrap after 2^32 / (1000 × rate) seconds: record warns of a longer input, and only then.
+TEST(PcmFragmentWrap, RecordWarnsOfInputsThatOutlastIt) {
+  std::string why;
+  const std::string dir = generated::ScratchDir("bw_pcmwrap", why);
+  if (dir.empty()) GTEST_SKIP() << why;
+  Save(dir + "/a.s16le", Bytes(8640000), 8640000);  // 90 s of 48 kHz mono
+  for (const int rate : {48000, 16000}) {
+    const ToolResult r = RunTool("record -o " + dir + "/w.mp4 --fragmented --audio " + dir +
+                                 "/a.s16le --audio-format s16le:" + std::to_string(rate) + ":1");
+    ASSERT_EQ(r.status, 0) << r.err;
+    const bool warned = r.err.find("a.s16le lasts 90.0 s; fragmented PCM times wrap after 89.5 s at 48000 Hz") !=
+                        std::string::npos;
+    EXPECT_EQ(warned, rate == 48000) << r.err;
+  }
+  Shell("rm -rf " + dir);
+}
+
 class PcmFragmentCut : public ::testing::TestWithParam<bool> {
  protected:
   void SetUp() override {

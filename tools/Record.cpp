@@ -277,6 +277,15 @@ int Record(RecordOptions o) {
     if (!o.audio.empty() && PcmReader::HandlesPath(o.audio)) {
       OpenedInput opened;
       const std::string problem = OpenPcmInput(o.audio, o.audioFormat, opened);
+      // The PCM fragment track counts its length in milliseconds on 32 bits: past 2^32 / (1000 × rate)
+      // seconds its fragment times jump back.
+      const auto* pcm = dynamic_cast<const PcmReader*>(opened.reader.get());
+      const double wrap = pcm && pcm->Format().rate ? 4294967.296 / pcm->Format().rate : 0;
+      if (problem.empty() && o.fragmented && wrap > 0 && opened.seconds > wrap)
+        std::fprintf(stderr,
+                     "boxweave: warning: %s lasts %.1f s; fragmented PCM times wrap after %.1f s at %u Hz, so the "
+                     "sound after that does not play as recorded (record it into a plain file)\n",
+                     o.audio.c_str(), opened.seconds, wrap, pcm->Format().rate);
       if (!addOther(problem, opened, o.audio)) return failed(problem);
     } else if (!o.audio.empty()) {
       AdtsDescription d;
