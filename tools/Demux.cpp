@@ -1,5 +1,8 @@
 #include "tools/Demux.h"
 
+#include <pthread.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
@@ -48,10 +51,48 @@ void LogNotes::Print() const {
 bool RunEnd::Take(const kiv::base::Message& msg) {
   const std::string name = msg.Name();
   if (name != "eos" && name != "error") return false;
+  End(name);
+  return true;
+}
+
+void RunEnd::End(const std::string& name) {
   Notify([&] {
     if (_end.empty()) _end = name;
   });
-  return true;
+}
+
+namespace {
+// SIGUSR2 only wakes the waiter to let it go.
+sigset_t stopSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (int sig : {SIGINT, SIGTERM, SIGUSR2}) sigaddset(&set, sig);
+  return set;
+}
+}  // namespace
+
+StopOnSignal::StopOnSignal(RunEnd& end) {
+  const sigset_t set = stopSignals();
+  pthread_sigmask(SIG_BLOCK, &set, &_old);
+  _waiter = std::thread([&end, set] {
+    bool stopping = false;
+    for (int sig = 0; sigwait(&set, &sig) == 0;) {
+      if (sig == SIGUSR2) return;
+      if (stopping) _exit(128 + sig);
+      stopping = true;
+      end.End(sig == SIGINT ? "SIGINT" : "SIGTERM");
+    }
+  });
+}
+
+StopOnSignal::~StopOnSignal() {
+  pthread_kill(_waiter.native_handle(), SIGUSR2);
+  _waiter.join();
+  pthread_sigmask(SIG_SETMASK, &_old, nullptr);
+}
+
+int StopOnSignal::Status(const std::string& end) {
+  return end == "SIGINT" ? 128 + SIGINT : end == "SIGTERM" ? 128 + SIGTERM : 0;
 }
 
 std::string RunEnd::Wait() {

@@ -3,10 +3,13 @@
 // the log's complaints kept to be told once.
 #pragma once
 
+#include <signal.h>
+
 #include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "stream/base/Message.h"
@@ -38,6 +41,8 @@ class RunEnd {
  public:
   // For the message handler: true when the message ends the run.
   bool Take(const kiv::base::Message& msg);
+  // Ends the run by `name` unless it has ended already.
+  void End(const std::string& name);
   // The name of the message that ended the run.
   std::string Wait();
   // Waits until the run has ended or `ready` (checked under the lock) holds; true for `ready`.
@@ -61,6 +66,24 @@ class RunEnd {
   std::mutex _m;
   std::condition_variable _cv;
   std::string _end;
+};
+
+// While it lives, SIGINT and SIGTERM end the run ("SIGINT" or "SIGTERM" from RunEnd::Wait) instead
+// of the process, so that outputs are closed whole: the signals are blocked in this thread and in
+// every thread started meanwhile, and one thread of its own waits for them. A second signal ends the
+// process at once.
+class StopOnSignal {
+ public:
+  explicit StopOnSignal(RunEnd& end);
+  ~StopOnSignal();
+  StopOnSignal(const StopOnSignal&) = delete;
+  StopOnSignal& operator=(const StopOnSignal&) = delete;
+  // The exit status of a run that a signal ended (128 + its number).
+  static int Status(const std::string& end);
+
+ private:
+  sigset_t _old;
+  std::thread _waiter;
 };
 
 // A demuxer element for a file, with the ports "video" (index 0) and "audio" (index 1) made before

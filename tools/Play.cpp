@@ -339,10 +339,12 @@ int Play(const PlayOptions& o) {
   if (!refused.empty()) return failed(o.path, refused);
 
   LogNotes notes;
+  PlayRun run;
+  // Before any thread is made: each inherits the blocked signals.
+  StopOnSignal signals(run.end);
   Demux d;
   const std::string problem = NewDemux(o.path, d);
   if (!problem.empty()) return failed(o.path, problem);
-  PlayRun run;
   run.holdFirst = o.seek >= 0;
   Track video("video", 0), audio("audio", 1);
   video.port = d.video;
@@ -443,6 +445,12 @@ int Play(const PlayOptions& o) {
                  "boxweave: warning: %s: %lld of %lld audio packets came without an ADTS header and are written as "
                  "bare AAC frames (the plug-in did not understand the track's sample description)\n",
                  Printable(o.audioOut).c_str(), audio.bare, audio.packets);
+  if (const int stopped = StopOnSignal::Status(end)) {
+    if (status != kOk) return status;
+    failed(o.path, "stopped by " + end + " after " + std::to_string(video.packets + audio.packets) +
+                       " packets; what came is written");
+    return stopped;
+  }
   if (end == "error") {
     failed(o.path, "reading stopped with an error after " + std::to_string(video.packets + audio.packets) + " packets");
     notes.Print();
@@ -463,7 +471,8 @@ Verb AddPlay(CLI::App& app) {
       "milliseconds as the element gives them: the decoding time from the sample tables, without\n"
       "composition offsets. Only the first video and the first audio track play.\n"
       "Exit status 1 when FILE cannot be opened or has no video or audio track, when the element\n"
-      "ends with \"error\", or when an output cannot be written.");
+      "ends with \"error\", or when an output cannot be written. SIGINT or SIGTERM stops the run with\n"
+      "its outputs closed whole (exit 130 or 143); a second signal ends the process at once.");
   cmd->add_option("FILE", o->path, "the movie file")->required();
   cmd->add_option("--video-out", o->videoOut,
                   "write the video as an Annex-B stream (H.264 or H.265, by the track's codec): the parameter "
@@ -479,7 +488,8 @@ Verb AddPlay(CLI::App& app) {
       ->type_name("F");
   cmd->add_flag("--packets", o->packets,
                 "print a line a packet in the form of ffprobe -show_packets -of compact (pts_time and dts_time "
-                "both show the packet's one time)");
+                "both show the packet's one time; stream_index is 0 for video and 1 for audio, whatever the "
+                "file's track order)");
   cmd->add_option("--from", o->from, "start the play range: the start seeks forward to the key frame at or after MS")
       ->type_name("MS")
       ->check(CLI::Range(0LL, 0x7fffffffffffLL));

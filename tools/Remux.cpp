@@ -122,10 +122,12 @@ int Remux(RemuxOptions o) {
   if (!refused.empty()) return failed(o.in, refused);
 
   LogNotes notes;
+  RunEnd end;
+  // Before any thread is made: each inherits the blocked signals.
+  StopOnSignal signals(end);
   Demux d;
   const std::string problem = NewDemux(o.in, d);
   if (!problem.empty()) return failed(o.in, problem);
-  RunEnd end;
   d.element->SetMessageHandler([&end](Message& msg) {
     PrintMessage(msg);
     end.Take(msg);
@@ -215,6 +217,10 @@ int Remux(RemuxOptions o) {
     notes.Print();
     return kFailed;
   }
+  if (const int stopped = StopOnSignal::Status(how)) {
+    failed(o.in, "stopped by " + how + "; " + o.out + " holds what came before");
+    return stopped;
+  }
   if (how == "error") {
     failed(o.in, "reading stopped with an error; " + o.out + " holds what came before");
     notes.Print();
@@ -235,7 +241,8 @@ Verb AddRemux(CLI::App& app) {
       "The first video and the first audio track are copied; packet times are the demuxer's (whole\n"
       "milliseconds, decoding times). Exit status 1 when IN cannot be opened, has no video or audio\n"
       "track, or has one the muxer does not take (nothing is written), when OUT cannot be written, or\n"
-      "when the demuxer ends with \"error\" (OUT then holds what came before).\n"
+      "when the demuxer ends with \"error\" (OUT then holds what came before). SIGINT or SIGTERM stops\n"
+      "the copy and closes OUT whole (exit 130 or 143); a second signal ends the process at once.\n"
       "IN may be a plain or a fragmented file. With --fragmented (or --format fmp4) OUT is fragmented\n"
       "MP4 (moof/mdat pairs, the fragment index at the end), as record --fragmented writes it.\n"
       "A fragmented recording remuxed into a plain .mp4 or .mov gets a full sample index: the way to\n"
