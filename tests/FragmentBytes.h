@@ -17,10 +17,12 @@ inline uint32_t U32(const unsigned char* p) {
 }
 inline uint64_t U64(const unsigned char* p) { return static_cast<uint64_t>(U32(p)) << 32 | U32(p + 4); }
 
-struct Top {
+// A box: its type, where it starts, its size.
+struct Child {
   std::string type;
-  size_t pos = 0, size = 0;
+  size_t pos, size;
 };
+using Top = Child;
 
 struct Sample {
   uint32_t duration = 0, size = 0;
@@ -46,18 +48,9 @@ struct File {
     for (const Top& t : top) s += (s.empty() ? "" : ",") + t.type;
     return s;
   }
-  const Top* find(const std::string& type) const {
-    for (const Top& t : top)
-      if (t.type == type) return &t;
-    return nullptr;
-  }
 };
 
 // The boxes [begin, end) of a container, of bytes or of a string; stops at a box that does not fit.
-struct Child {
-  std::string type;
-  size_t pos, size;
-};
 template <class Container>
 std::vector<Child> Children(const Container& c, size_t begin, size_t end) {
   const unsigned char* b = reinterpret_cast<const unsigned char*>(c.data());

@@ -374,9 +374,8 @@ TEST(FragmentLayout, NothingWrittenForNothing) {
   const fragbytes::File f = fragbytes::Read(b);
   EXPECT_EQ(countsOf(f, kVideoTrack), (std::vector<size_t>{10, 1}));
   EXPECT_TRUE(countsOf(f, 2).empty());
-  const fragbytes::Top* mfra = f.find("mfra");
-  ASSERT_NE(mfra, nullptr);
-  const auto parts = fragbytes::Children(b, mfra->pos + 8, mfra->pos + mfra->size);
+  ASSERT_EQ(f.top.back().type, "mfra");
+  const auto parts = fragbytes::Children(b, f.top.back().pos + 8, f.top.back().pos + f.top.back().size);
   ASSERT_EQ(parts.size(), 3u);
   EXPECT_EQ(fragbytes::U32(&b[parts[0].pos + 20]), 2u);
   EXPECT_EQ(fragbytes::U32(&b[parts[1].pos + 20]), 0u);
