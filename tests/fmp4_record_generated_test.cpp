@@ -254,72 +254,56 @@ int signalAtSize(pid_t pid, const std::string& out, long long bytes, int sig) {
   return status;
 }
 
-class FragmentCutOff : public WithSources {
- protected:
-  // The size of the whole recording, made once to learn it.
-  long long wholeSize(const std::string& out, const std::string& tmp) {
-    int status = 0;
-    const pid_t pid = startRecording(out, tmp, sources().longPlain);
-    if (pid <= 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) return -1;
-    return static_cast<long long>(Load(out).size());
-  }
-};
+class FragmentCutOff : public WithSources {};
 
-// SIGKILL at random moments of a recording with --flush. The number of kills is
-// BOXWEAVE_FRAGMENT_KILLS (default 10).
-TEST_F(FragmentCutOff, KilledRecordingKeepsItsFragments) {
+// Signals at moments of a recording with --flush, chosen by the size its output has reached. SIGKILL
+// at random sizes (BOXWEAVE_FRAGMENT_KILLS, default 10): every fragment written before is whole and
+// plays. SIGINT and SIGTERM end it between two packets: the last fragment and the index are written,
+// the file is whole, and the exit status tells the signal. No temporary file stays behind.
+TEST_F(FragmentCutOff, SignalledRecordingKeepsItsFragments) {
   const Source& src = sources().longPlain;
-  const std::string dir = sources().dir + "/killed";
+  const std::string dir = sources().dir + "/signalled";
   const std::string out = dir + "/rec.mp4", tmp = dir + "/tmp";
-  const long long finalBytes = wholeSize(out, tmp);
-  ASSERT_GT(finalBytes, 0);
-  const int kills = countFromEnv("BOXWEAVE_FRAGMENT_KILLS", 10);
+  int status = 0;
+  const pid_t whole = startRecording(out, tmp, src);
+  ASSERT_TRUE(whole > 0 && waitpid(whole, &status, 0) == whole && WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  const long long finalBytes = static_cast<long long>(Load(out).size());
+  std::vector<std::pair<int, long long>> signals = {{SIGINT, finalBytes / 3}, {SIGTERM, finalBytes / 3}};
   std::mt19937 rng(1234);
   std::uniform_int_distribution<long long> when(0, finalBytes - 1);
+  for (int k = countFromEnv("BOXWEAVE_FRAGMENT_KILLS", 10); k > 0; --k) signals.emplace_back(SIGKILL, when(rng));
   size_t cutMidway = 0;
-  for (int k = 0; k < kills; ++k) {
-    const long long at = when(rng);
+  for (const auto& sig : signals) {
+    const std::string what = "signal " + std::to_string(sig.first) + " at " + std::to_string(sig.second) + " of " +
+                             std::to_string(finalBytes) + " bytes";
+    SCOPED_TRACE(what);
     const pid_t pid = startRecording(out, tmp, src);
     ASSERT_GT(pid, 0);
-    const int status = signalAtSize(pid, out, at, SIGKILL);
-    const std::string what =
-        "kill " + std::to_string(k) + " at " + std::to_string(at) + " of " + std::to_string(finalBytes) + " bytes";
-    EXPECT_TRUE(Capture("ls -A " + tmp).empty()) << what << ": temporary files left";
-    EXPECT_EQ(Capture("ls -A " + dir + " | grep -v -x -e tmp -e rec.mp4"), "") << what;
-    if (checkCut(out, src, what) > 0 && WIFSIGNALED(status)) ++cutMidway;
-  }
-  std::printf("%d kills; %zu cut a recording with fragments written\n", kills, cutMidway);
-  EXPECT_GT(cutMidway, 0u) << "no kill landed within a recording";
-}
-
-// SIGINT and SIGTERM end the recording between two packets: the last fragment and the index are
-// written, the file is whole, and the exit status tells the signal.
-TEST_F(FragmentCutOff, StopSignalClosesWithLastFragmentAndIndex) {
-  const Source& src = sources().longPlain;
-  const std::string dir = sources().dir + "/stopped";
-  const std::string out = dir + "/rec.mp4", tmp = dir + "/tmp";
-  const long long finalBytes = wholeSize(out, tmp);
-  ASSERT_GT(finalBytes, 0);
-  for (const int sig : {SIGINT, SIGTERM}) {
-    const pid_t pid = startRecording(out, tmp, src);
-    ASSERT_GT(pid, 0);
-    const int status = signalAtSize(pid, out, finalBytes / 3, sig);
-    ASSERT_TRUE(WIFEXITED(status)) << sig;
-    if (WEXITSTATUS(status) == 0) {
-      std::printf("note: the recording ended before signal %d came\n", sig);
+    status = signalAtSize(pid, out, sig.second, sig.first);
+    EXPECT_TRUE(Capture("ls -A " + tmp).empty()) << "temporary files left";
+    EXPECT_EQ(Capture("ls -A " + dir + " | grep -v -x -e tmp -e rec.mp4"), "");
+    const size_t fragments = checkCut(out, src, what);
+    if (sig.first == SIGKILL) {
+      cutMidway += WIFSIGNALED(status) && fragments > 0;
       continue;
     }
-    EXPECT_EQ(WEXITSTATUS(status), 128 + sig);
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 0) {
+      std::printf("note: the recording ended before signal %d came\n", sig.first);
+      continue;
+    }
+    EXPECT_EQ(WEXITSTATUS(status), 128 + sig.first);
     const File f = fragbytes::Read(Load(out));
     EXPECT_TRUE(f.whole) << f.types();
     ASSERT_FALSE(f.top.empty());
     EXPECT_EQ(f.top.back().type, "mfra");
-    const Complete c = completeFragments(f, true);
-    EXPECT_LT(c.video, src.videoFrames.size()) << "stopped early";
-    EXPECT_GT(checkCut(out, src, "signal " + std::to_string(sig)), 0u);
-    EXPECT_TRUE(SameFrames(FrameMd5s(out, "v", "-use_mfra_for dts"), src.videoFrames, c.video, "video, by mfra"));
-    EXPECT_TRUE(Capture("ls -A " + tmp).empty());
+    EXPECT_GT(fragments, 0u);
+    const size_t pictures = completeFragments(f, true).video;
+    EXPECT_LT(pictures, src.videoFrames.size()) << "stopped early";
+    EXPECT_TRUE(SameFrames(FrameMd5s(out, "v", "-use_mfra_for dts"), src.videoFrames, pictures, "video, by mfra"));
   }
+  std::printf("%zu of the kills cut a recording with fragments written\n", cutMidway);
+  EXPECT_GT(cutMidway, 0u) << "no kill landed within a recording";
 }
 
 // A finished file cut at random lengths (BOXWEAVE_FRAGMENT_CUTS, default 25), and once inside the
