@@ -336,18 +336,11 @@ TEST(FragmentLayout, ShortPacketsKeepSizesInStep) {
   plan.adtslen = 7;
   Rig rig(plan);
   ASSERT_TRUE(rig.open());
-  struct Short {
-    bool videoPacket;
-    size_t bytes;
-    uint32_t trunSize;
-  };
-  const Short cases[] = {{false, 3, 0}, {false, 7, 0}, {false, 8, 1}, {true, 2, 4}, {true, 0, 4}, {true, 5, 5}};
-  int i = 0;
-  for (const Short& s : cases) {
-    PacketPtr p = MakePacket(s.videoPacket ? rig.video.get() : rig.audio.get(), Bytes(s.bytes, 9), i * kFrameNs,
-                             kFrameNs, true);
+  const std::pair<bool, size_t> packets[] = {{false, 3}, {false, 7}, {false, 8}, {true, 2}, {true, 0}, {true, 5}};
+  for (int i = 0; i < 6; ++i) {  // (video, bytes): their sizes in trun are below
+    PacketPtr p = MakePacket(packets[i].first ? rig.video.get() : rig.audio.get(), Bytes(packets[i].second, 9),
+                             i * kFrameNs, kFrameNs, true);
     ASSERT_TRUE(rig.engine().Process(rig.io, *p));
-    ++i;
   }
   ASSERT_TRUE(rig.engine().Close(rig.io));
   const fragbytes::File f = fragbytes::Read(rig.bytes());
