@@ -17,17 +17,19 @@ inline uint32_t U32(const unsigned char* p) {
 }
 inline uint64_t U64(const unsigned char* p) { return static_cast<uint64_t>(U32(p)) << 32 | U32(p + 4); }
 
-struct Top {
+// A box: its type, where it starts, its size.
+struct Child {
   std::string type;
-  size_t pos = 0, size = 0;
+  size_t pos, size;
 };
+using Top = Child;
 
 struct Sample {
   uint32_t duration = 0, size = 0;
 };
 
 struct Fragment {
-  size_t pos = 0;  // of the moof
+  size_t pos = 0;  // of the moof it is in
   size_t moofSize = 0;
   uint32_t sequence = 0, track = 0, tfhdFlags = 0, defaultDuration = 0, defaultFlags = 0;
   uint32_t trunFlags = 0, dataOffset = 0, firstFlags = 0;
@@ -46,21 +48,14 @@ struct File {
     for (const Top& t : top) s += (s.empty() ? "" : ",") + t.type;
     return s;
   }
-  const Top* find(const std::string& type) const {
-    for (const Top& t : top)
-      if (t.type == type) return &t;
-    return nullptr;
-  }
 };
 
-// The boxes [begin, end) of a container; stops at a box that does not fit.
-struct Child {
-  std::string type;
-  size_t pos, size;
-};
-inline std::vector<Child> Children(const Bytes& b, size_t begin, size_t end) {
+// The boxes [begin, end) of a container, of bytes or of a string; stops at a box that does not fit.
+template <class Container>
+std::vector<Child> Children(const Container& c, size_t begin, size_t end) {
+  const unsigned char* b = reinterpret_cast<const unsigned char*>(c.data());
   std::vector<Child> out;
-  for (size_t p = begin; p + 8 <= end;) {
+  for (size_t p = begin; p + 8 <= end && end <= c.size();) {
     const size_t size = U32(&b[p]);
     if (size < 8 || p + size > end) break;
     out.push_back({std::string(reinterpret_cast<const char*>(&b[p + 4]), 4), p, size});
@@ -69,14 +64,19 @@ inline std::vector<Child> Children(const Bytes& b, size_t begin, size_t end) {
   return out;
 }
 
-inline Fragment ReadMoof(const Bytes& b, size_t pos, size_t size) {
-  Fragment f;
-  f.pos = pos;
-  f.moofSize = size;
-  for (const Child& c : Children(b, pos + 8, pos + size)) {
-    if (c.type == "mfhd" && c.size >= 16) f.sequence = U32(&b[c.pos + 12]);
-    if (c.type != "traf") continue;
-    for (const Child& t : Children(b, c.pos + 8, c.pos + c.size)) {
+// One Fragment a traf of the moof (ours have one; ffmpeg puts every track's into one moof). A sample
+// without its own duration takes the tfhd's default.
+template <class Container>
+std::vector<Fragment> ReadMoof(const Container& c, size_t pos, size_t size) {
+  const unsigned char* b = reinterpret_cast<const unsigned char*>(c.data());
+  std::vector<Fragment> out;
+  uint32_t sequence = 0;
+  for (const Child& box : Children(c, pos + 8, pos + size)) {
+    if (box.type == "mfhd" && box.size >= 16) sequence = U32(&b[box.pos + 12]);
+    if (box.type != "traf") continue;
+    Fragment f;
+    f.pos = pos, f.moofSize = size, f.sequence = sequence;
+    for (const Child& t : Children(c, box.pos + 8, box.pos + box.size)) {
       f.trafChildren += (f.trafChildren.empty() ? "" : ",") + t.type;
       const unsigned char* p = &b[t.pos + 8];
       if (t.type == "tfhd") {
@@ -97,7 +97,7 @@ inline Fragment ReadMoof(const Bytes& b, size_t pos, size_t size) {
         if (f.trunFlags & 1) f.dataOffset = U32(p + at), at += 4;
         if (f.trunFlags & 4) f.firstFlags = U32(p + at), at += 4;
         for (uint32_t i = 0; i < n && t.pos + 8 + at + 4 <= t.pos + t.size; ++i) {
-          Sample s;
+          Sample s{f.defaultDuration, 0};
           if (f.trunFlags & 0x100) s.duration = U32(p + at), at += 4;
           if (f.trunFlags & 0x200) s.size = U32(p + at), at += 4;
           if (f.trunFlags & 0x400) at += 4;
@@ -106,30 +106,36 @@ inline Fragment ReadMoof(const Bytes& b, size_t pos, size_t size) {
         }
       }
     }
+    out.push_back(f);
   }
-  return f;
+  return out;
 }
 
-inline File Read(const Bytes& b) {
+template <class Container>
+File Read(const Container& c) {
+  const unsigned char* b = reinterpret_cast<const unsigned char*>(c.data());
   File file;
-  size_t p = 0;
-  while (p + 8 <= b.size()) {
+  size_t p = 0, trafs = 0;
+  while (p + 8 <= c.size()) {
     const size_t size = U32(&b[p]);
     const std::string type(reinterpret_cast<const char*>(&b[p + 4]), 4);
     if (size < 8) break;
-    if (p + size > b.size()) {
+    if (p + size > c.size()) {
       file.whole = false;
       break;
     }
     file.top.push_back({type, p, size});
-    if (type == "moof") file.fragments.push_back(ReadMoof(b, p, size));
-    if (type == "mdat" && !file.fragments.empty() && file.fragments.back().mdatSize == 0) {
-      file.fragments.back().mdatPos = p;
-      file.fragments.back().mdatSize = size;
+    if (type == "moof") {
+      const std::vector<Fragment> more = ReadMoof(c, p, size);
+      trafs = more.size();
+      file.fragments.insert(file.fragments.end(), more.begin(), more.end());
     }
+    if (type == "mdat")
+      for (size_t i = file.fragments.size() - trafs; i < file.fragments.size(); ++i)
+        if (file.fragments[i].mdatSize == 0) file.fragments[i].mdatPos = p, file.fragments[i].mdatSize = size;
     p += size;
   }
-  if (p != b.size()) file.whole = false;
+  if (p != c.size()) file.whole = false;
   return file;
 }
 

@@ -9,15 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "tests/FragmentBytes.h"
 #include "tests/ToolRun.h"
 
 namespace fragmented {
-
-// One top-level box of a file.
-struct TopBox {
-  std::string code;
-  size_t at = 0, size = 0;
-};
 
 inline uint32_t Be32(const std::string& b, size_t at) {
   if (at + 4 > b.size()) return 0;
@@ -33,61 +28,30 @@ inline void SetBe32(std::string& b, size_t at, uint32_t v) {
   for (int i = 0; i < 4; ++i) b[at + static_cast<size_t>(i)] = static_cast<char>((v >> (24 - 8 * i)) & 0xff);
 }
 
-// The top level as headers give it (32-bit sizes only, which is what these files have).
-inline std::vector<TopBox> TopLevel(const std::string& b) {
-  std::vector<TopBox> boxes;
-  for (size_t at = 0; at + 8 <= b.size();) {
-    const size_t size = Be32(b, at);
-    if (size < 8 || at + size > b.size()) break;
-    boxes.push_back({b.substr(at + 4, 4), at, size});
-    at += size;
-  }
-  return boxes;
-}
-
-// The children of a box that has only children (moof, traf, mfra).
+// The top level, and the children of a box that has only children (moof, traf, mfra).
+using TopBox = fragbytes::Child;
+inline std::vector<TopBox> TopLevel(const std::string& b) { return fragbytes::Children(b, 0, b.size()); }
 inline std::vector<TopBox> Children(const std::string& b, const TopBox& parent) {
-  std::vector<TopBox> boxes;
-  for (size_t at = parent.at + 8; at + 8 <= parent.at + parent.size;) {
-    const size_t size = Be32(b, at);
-    if (size < 8 || at + size > parent.at + parent.size) break;
-    boxes.push_back({b.substr(at + 4, 4), at, size});
-    at += size;
-  }
-  return boxes;
+  return fragbytes::Children(b, parent.pos + 8, parent.pos + parent.size);
 }
 
-// The duration (track units) of every sample of a track as its runs give it, or the track fragment
-// header's default where a run gives none; in file order.
-inline std::vector<uint32_t> SampleDurations(const std::string& b, uint32_t track) {
-  std::vector<uint32_t> out;
-  for (const TopBox& moof : TopLevel(b)) {
-    if (moof.code != "moof") continue;
-    for (const TopBox& traf : Children(b, moof)) {
-      if (traf.code != "traf") continue;
-      uint32_t fallback = 0;
-      for (const TopBox& box : Children(b, traf)) {
-        const uint32_t flags = Be32(b, box.at + 8) & 0xffffff;
-        if (box.code == "tfhd") {
-          if (Be32(b, box.at + 12) != track) break;
-          size_t at = box.at + 16 + (flags & 1 ? 8 : 0) + (flags & 2 ? 4 : 0);
-          fallback = flags & 8 ? Be32(b, at) : 0;
-        }
-        if (box.code != "trun") continue;
-        size_t at = box.at + 16 + (flags & 1 ? 4 : 0) + (flags & 4 ? 4 : 0);
-        const size_t each = 4 * ((flags >> 8 & 1) + (flags >> 9 & 1) + (flags >> 10 & 1) + (flags >> 11 & 1));
-        for (uint32_t i = 0, n = Be32(b, box.at + 12); i < n; ++i, at += each)
-          out.push_back(flags & 0x100 ? Be32(b, at) : fallback);
-      }
-    }
-  }
+// Every sample of a track in file order: the moof it is in, and its duration (track units).
+struct TrackSample {
+  size_t moof = 0;
+  uint32_t duration = 0;
+};
+inline std::vector<TrackSample> TrackSamples(const std::string& b, uint32_t track) {
+  std::vector<TrackSample> out;
+  for (const fragbytes::Fragment& f : fragbytes::Read(b).fragments)
+    if (f.track == track)
+      for (const fragbytes::Sample& s : f.samples) out.push_back({f.pos, s.duration});
   return out;
 }
 
 // The file without its random-access index at the end.
 inline std::string WithoutIndex(const std::string& b) {
   const std::vector<TopBox> top = TopLevel(b);
-  return !top.empty() && top.back().code == "mfra" ? b.substr(0, top.back().at) : b;
+  return !top.empty() && top.back().type == "mfra" ? b.substr(0, top.back().pos) : b;
 }
 
 // One track's entries of the index: time (track units) and moof position.
@@ -101,15 +65,15 @@ struct IndexTrack {
 inline std::vector<IndexTrack> ReadIndex(const std::string& b) {
   std::vector<IndexTrack> out;
   const std::vector<TopBox> top = TopLevel(b);
-  if (top.empty() || top.back().code != "mfra") return out;
+  if (top.empty() || top.back().type != "mfra") return out;
   for (const TopBox& t : Children(b, top.back())) {
-    if (t.code != "tfra") continue;
-    const unsigned version = static_cast<unsigned char>(b[t.at + 8]);
-    const uint32_t sizes = Be32(b, t.at + 16);
+    if (t.type != "tfra") continue;
+    const unsigned version = static_cast<unsigned char>(b[t.pos + 8]);
+    const uint32_t sizes = Be32(b, t.pos + 16);
     const size_t numbers = ((sizes >> 4) & 3) + ((sizes >> 2) & 3) + (sizes & 3) + 3;
-    IndexTrack track{Be32(b, t.at + 12), {}};
-    size_t at = t.at + 24;
-    for (uint32_t i = 0, n = Be32(b, t.at + 20); i < n && at < t.at + t.size; ++i) {
+    IndexTrack track{Be32(b, t.pos + 12), {}};
+    size_t at = t.pos + 24;
+    for (uint32_t i = 0, n = Be32(b, t.pos + 20); i < n && at < t.pos + t.size; ++i) {
       if (version == 1) {
         track.entries.emplace_back(Be64(b, at), Be64(b, at + 8));
         at += 16;

@@ -1,5 +1,5 @@
 // The fragmented muxer driven as the element drives its engine, into memory: where fragments are cut,
-// what each moof says about the bytes behind it, the shared sequence numbers, tfdt, mehd, mfra.
+// what each moof says about the bytes behind it, the shared sequence numbers, tfdt, mehd, mfra; PCM.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -8,8 +8,6 @@
 
 #include "stream/plugin/mp4/common/IMovMuxer.h"
 #include "stream/plugin/mp4/core/FMp4Muxer.h"
-#include "stream/plugin/mp4/stream/Mp4MuxerStreamAacFragment.h"
-#include "stream/plugin/mp4/stream/Mp4MuxerStreamH264Fragment.h"
 #include "tests/FragmentBytes.h"
 #include "tests/StreamRig.h"
 
@@ -20,7 +18,7 @@ using fragbytes::Fragment;
 namespace {
 
 // How a test's stream looks: frames of 40 ms with a key frame every `keyEvery`, AAC frames of 1024
-// samples; packets alternate in time order.
+// samples or 16-bit PCM packets of `pcmSamples`; packets alternate in time order.
 struct Plan {
   int videoFrames = 0;
   int keyEvery = 10;
@@ -30,6 +28,8 @@ struct Plan {
   int adtslen = 0;
   long long dps = 0;  // ns
   bool flush = false;
+  int pcmSamples = -1;  // below 0: AAC
+  int channels = 2;
 };
 
 constexpr long long kFrameNs = 40 * kMs;
@@ -41,6 +41,8 @@ struct Rig {
   MediaPtr video, audio;
   std::vector<IMedia*> list;
   std::vector<Bytes> videoPayloads, audioPayloads;
+  size_t pcmBytes = 0;  // each PCM packet's; 0 for AAC
+  long long audioStep = 1024LL * 1000000000LL / 48000;
 
   explicit Rig(const Plan& plan) {
     AttrSet ap;
@@ -54,10 +56,19 @@ struct Rig {
       if (plan.gop >= 0) video->Set("gop", plan.gop);
       list.push_back(video.get());
     }
-    if (plan.audioFrames) {
-      audio = NewAacMedia(plan.rate, 2, plan.adtslen);
-      list.push_back(audio.get());
+    if (plan.audioFrames && plan.pcmSamples < 0) audio = NewAacMedia(plan.rate, plan.channels, plan.adtslen);
+    if (plan.audioFrames && plan.pcmSamples >= 0) {
+      audio.reset(IMedia::New("pcm"));
+      audio->Set("rate", plan.rate);
+      audio->Set("channel", plan.channels);
+      audio->Set("width", 2);
+      audio->Set("depth", 16);
+      audio->Set("samples", plan.pcmSamples);
+      pcmBytes = static_cast<size_t>(plan.pcmSamples ? plan.pcmSamples : 1) * static_cast<size_t>(plan.channels) * 2;
+      // A packet of no samples still lasts: 20 ms.
+      audioStep = plan.pcmSamples ? 1000000000LL * plan.pcmSamples / plan.rate : 20 * kMs;
     }
+    if (audio) list.push_back(audio.get());
   }
   IMovMuxer& engine() { return *mux; }
   bool open() {
@@ -71,16 +82,15 @@ struct Rig {
     return engine().Process(io, *p);
   }
   bool pushAudio(int i, int adtslen, size_t n = 0) {
-    Bytes payload(adtslen + (n ? n : 30 + i % 11), static_cast<unsigned char>(0x10 + i % 100));
-    const long long step = 1024LL * 1000000000LL / 48000;
-    PacketPtr p = MakePacket(audio.get(), payload, i * step, step, true);
+    Bytes payload(pcmBytes ? pcmBytes : adtslen + (n ? n : 30 + i % 11), static_cast<unsigned char>(0x10 + i % 100));
+    PacketPtr p = MakePacket(audio.get(), payload, i * audioStep, audioStep, true);
     audioPayloads.push_back(payload);
     return engine().Process(io, *p);
   }
   // Everything of the plan, in time order, then Close.
   bool run(const Plan& plan) {
     if (!open()) return false;
-    const long long audioStep = 1024LL * 1000000000LL / plan.rate;
+    if (!pcmBytes) audioStep = 1024LL * 1000000000LL / plan.rate;
     int v = 0, a = 0;
     while (v < plan.videoFrames || a < plan.audioFrames) {
       const bool takeVideo = v < plan.videoFrames && (a >= plan.audioFrames || v * kFrameNs <= a * audioStep);
@@ -128,17 +138,12 @@ TEST_P(FragmentCuts, FragmentsHoldTheExpectedSamples) {
 
 Plan video(int frames, int keyEvery, long long gop, long long dps = 0) {
   Plan p;
-  p.videoFrames = frames;
-  p.keyEvery = keyEvery;
-  p.gop = gop;
-  p.dps = dps;
+  p.videoFrames = frames, p.keyEvery = keyEvery, p.gop = gop, p.dps = dps;
   return p;
 }
 Plan audio(int frames, int rate, long long dps = 0) {
   Plan p;
-  p.audioFrames = frames;
-  p.rate = rate;
-  p.dps = dps;
+  p.audioFrames = frames, p.rate = rate, p.dps = dps;
   return p;
 }
 
@@ -153,19 +158,23 @@ INSTANTIATE_TEST_SUITE_P(
         CutCase{"NoGop", video(10, 3, -1), {3, 3, 3, 1}, {}},
         // 250 ms: 6 frames of 40 ms are too short, the key frame after 8 cuts.
         CutCase{"ByDuration", video(25, 2, 10, 250 * kMs), {8, 8, 8, 1}, {}},
+        // Ten frames before a key frame last exactly the 400 ms: no longer too short, so it cuts.
+        CutCase{"ExactlyTheDuration", video(25, 5, -1, 400 * kMs), {10, 10, 5}, {}},
         // A duration longer than the recording: one fragment, written at Close.
         CutCase{"LongerThanAll", video(12, 4, 4, 60000 * kMs), {12}, {}},
         // Audio: rate / 2048 frames, 23 at 48 kHz, 3 at 8 kHz.
-        CutCase{"Aac48k", audio(50, 48000), {}, {23, 23, 4}},
         CutCase{"Aac8k", audio(7, 8000), {}, {3, 3, 1}},
         // 100 ms of 21.3 ms frames: 5 a fragment.
         CutCase{"AacByDuration", audio(12, 48000, 100 * kMs), {}, {5, 5, 2}}),
     [](const ::testing::TestParamInfo<CutCase>& i) { return std::string(i.param.name); });
 
-// What a player takes from each moof matches the bytes behind it, for both tracks.
-TEST(FragmentLayout, MoofDescribesTheMdatBehindIt) {
-  Plan plan = video(23, 10, 10);
-  plan.audioFrames = 30;
+// What a player takes from each moof matches the bytes behind it, for both tracks; tfdt: video from
+// the trun durations so far (the first sample counts 33 ms), audio from the length in whole
+// milliseconds. The init segment: brands, mvex behind the trak boxes with one trex a track; mfra
+// last, indexing every moof; the mfro holding the size of the mfra.
+TEST(FragmentLayout, EveryBoxDescribesTheBytes) {
+  Plan plan = video(30, 10, 10);
+  plan.audioFrames = 69;
   plan.adtslen = 7;
   Rig rig(plan);
   ASSERT_TRUE(rig.run(plan));
@@ -173,15 +182,20 @@ TEST(FragmentLayout, MoofDescribesTheMdatBehindIt) {
   const fragbytes::File f = fragbytes::Read(b);
   ASSERT_TRUE(f.whole);
   ASSERT_GE(f.fragments.size(), 4u);
+  ASSERT_EQ(f.types().substr(0, 10), "ftyp,moov,");
+  EXPECT_EQ(f.top.back().type, "mfra");
 
   size_t nextVideo = 0, nextAudio = 0;
   uint32_t expectSequence = 1;
+  unsigned long long videoTime = 0;
   for (const Fragment& g : f.fragments) {
     SCOPED_TRACE("moof at " + std::to_string(g.pos));
     EXPECT_EQ(g.sequence, expectSequence++) << "one counter for all tracks";
     EXPECT_EQ(g.trafChildren, "tfhd,trun,tfdt");
     EXPECT_EQ(g.mdatPos, g.pos + g.moofSize) << "mdat right behind its moof";
     EXPECT_EQ(g.dataOffset, g.moofSize + 8);
+    // 60000 units a second: 40 ms is 2400, the very first sample 33 ms.
+    EXPECT_EQ(g.tfdt, g.track == kVideoTrack ? videoTime : nextAudio * 1024 * 1000 / 48000 * 48);
     size_t sum = 8;
     size_t at = g.pos + g.dataOffset;
     for (size_t i = 0; i < g.samples.size(); ++i) {
@@ -189,6 +203,8 @@ TEST(FragmentLayout, MoofDescribesTheMdatBehindIt) {
       sum += size;
       ASSERT_LE(at + size, b.size());
       if (g.track == kVideoTrack) {
+        EXPECT_EQ(g.samples[i].duration, videoTime ? 2400u : 1980u);
+        videoTime += g.samples[i].duration;
         const Bytes& src = rig.videoPayloads.at(nextVideo++);
         // The start code became the unit's length; the rest is the packet's.
         ASSERT_EQ(size, src.size());
@@ -215,22 +231,6 @@ TEST(FragmentLayout, MoofDescribesTheMdatBehindIt) {
   }
   EXPECT_EQ(nextVideo, rig.videoPayloads.size());
   EXPECT_EQ(nextAudio, rig.audioPayloads.size());
-}
-
-// The init segment: brands, mvex behind the trak boxes with one trex a track; mfra last, indexing
-// every moof; the mfro holding the size of the mfra.
-TEST(FragmentLayout, InitSegmentAndIndex) {
-  Plan plan = video(25, 10, 10);
-  plan.audioFrames = 40;
-  Rig rig(plan);
-  ASSERT_TRUE(rig.run(plan));
-  const Bytes b = rig.bytes();
-  const fragbytes::File f = fragbytes::Read(b);
-  ASSERT_TRUE(f.whole);
-  ASSERT_GE(f.top.size(), 4u);
-  EXPECT_EQ(f.top[0].type, "ftyp");
-  EXPECT_EQ(f.top[1].type, "moov");
-  EXPECT_EQ(f.top.back().type, "mfra");
 
   const fragbytes::Top& ftyp = f.top[0];
   EXPECT_EQ(std::string(b.begin() + 8, b.begin() + 12), "mp42");
@@ -278,33 +278,6 @@ TEST(FragmentLayout, InitSegmentAndIndex) {
   }
 }
 
-// tfdt: video from the trun durations so far (the first sample counts 33 ms), audio from the length
-// in whole milliseconds.
-TEST(FragmentLayout, DecodeTimes) {
-  Plan plan = video(30, 10, 10);
-  plan.audioFrames = 69;
-  Rig rig(plan);
-  ASSERT_TRUE(rig.run(plan));
-  const fragbytes::File f = fragbytes::Read(rig.bytes());
-  unsigned long long videoSum = 0, audioFrames = 0;
-  bool firstVideo = true;
-  for (const Fragment& g : f.fragments) {
-    if (g.track == kVideoTrack) {
-      EXPECT_EQ(g.tfdt, videoSum);
-      for (const auto& s : g.samples) {
-        // 60000 units a second: 40 ms is 2400, the very first sample 33 ms.
-        EXPECT_EQ(s.duration, firstVideo ? 1980u : 2400u);
-        firstVideo = false;
-        videoSum += s.duration;
-      }
-    } else {
-      EXPECT_EQ(g.tfdt, audioFrames * 1024 * 1000 / 48000 * 48);
-      audioFrames += g.samples.size();
-    }
-  }
-  EXPECT_EQ(audioFrames, 69u);
-}
-
 unsigned long long mehdOf(const Bytes& b) {
   for (size_t i = 4; i + 16 <= b.size(); ++i)
     if (std::memcmp(&b[i], "mehd", 4) == 0) return b[i + 4] == 1 ? fragbytes::U64(&b[i + 8]) : fragbytes::U32(&b[i + 8]);
@@ -322,8 +295,7 @@ TEST(FragmentDuration, MehdFollowsTheAudioTrack) {
     unsigned long long atClose;
   };
   // 46 frames: 981 ms; 60 frames: 1280 ms; movie scale 60000.
-  const Case cases[] = {{true, 60, 981 * 60, 1280 * 60}, {false, 60, 0, 1280 * 60}, {true, 46, 981 * 60, 981 * 60},
-                        {false, 46, 0, 981 * 60},       {true, 0, 0, 0}};
+  const Case cases[] = {{true, 60, 981 * 60, 1280 * 60}, {false, 60, 0, 1280 * 60}, {false, 46, 0, 981 * 60}, {true, 0, 0, 0}};
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.flush ? "flush, " : "no flush, ") + std::to_string(c.audioFrames) + " audio frames");
     Plan plan = video(40, 10, 10);
@@ -364,18 +336,11 @@ TEST(FragmentLayout, ShortPacketsKeepSizesInStep) {
   plan.adtslen = 7;
   Rig rig(plan);
   ASSERT_TRUE(rig.open());
-  struct Short {
-    bool videoPacket;
-    size_t bytes;
-    uint32_t trunSize;
-  };
-  const Short cases[] = {{false, 3, 0}, {false, 7, 0}, {false, 8, 1}, {true, 2, 4}, {true, 0, 4}, {true, 5, 5}};
-  int i = 0;
-  for (const Short& s : cases) {
-    PacketPtr p = MakePacket(s.videoPacket ? rig.video.get() : rig.audio.get(), Bytes(s.bytes, 9), i * kFrameNs,
-                             kFrameNs, true);
+  const std::pair<bool, size_t> packets[] = {{false, 3}, {false, 7}, {false, 8}, {true, 2}, {true, 0}, {true, 5}};
+  for (int i = 0; i < 6; ++i) {  // (video, bytes): their sizes in trun are below
+    PacketPtr p = MakePacket(packets[i].first ? rig.video.get() : rig.audio.get(), Bytes(packets[i].second, 9),
+                             i * kFrameNs, kFrameNs, true);
     ASSERT_TRUE(rig.engine().Process(rig.io, *p));
-    ++i;
   }
   ASSERT_TRUE(rig.engine().Close(rig.io));
   const fragbytes::File f = fragbytes::Read(rig.bytes());
@@ -402,35 +367,11 @@ TEST(FragmentLayout, NothingWrittenForNothing) {
   const fragbytes::File f = fragbytes::Read(b);
   EXPECT_EQ(countsOf(f, kVideoTrack), (std::vector<size_t>{10, 1}));
   EXPECT_TRUE(countsOf(f, 2).empty());
-  const fragbytes::Top* mfra = f.find("mfra");
-  ASSERT_NE(mfra, nullptr);
-  const auto parts = fragbytes::Children(b, mfra->pos + 8, mfra->pos + mfra->size);
+  ASSERT_EQ(f.top.back().type, "mfra");
+  const auto parts = fragbytes::Children(b, f.top.back().pos + 8, f.top.back().pos + f.top.back().size);
   ASSERT_EQ(parts.size(), 3u);
   EXPECT_EQ(fragbytes::U32(&b[parts[0].pos + 20]), 2u);
   EXPECT_EQ(fragbytes::U32(&b[parts[1].pos + 20]), 0u);
-}
-
-// The fragment tracks are found only with the "fragment" key; the plain searches keep their classes.
-TEST(FragmentRegistry, KeysChooseTheClasses) {
-  struct Case {
-    const char* fcc;
-    const char* keys;
-    bool fragment;
-  };
-  const Case cases[] = {{"h264", nullptr, false}, {"h264", "fragment", true}, {"aac", nullptr, false}, {"aac", "fragment", true}};
-  for (const Case& c : cases) {
-    AttrSet ap;
-    ap.Add("fcc", c.fcc);
-    if (c.keys) ap.Add("keys", c.keys);
-    std::unique_ptr<IStream> st(IStream::New(ap));
-    ASSERT_TRUE(st) << c.fcc;
-    EXPECT_EQ(dynamic_cast<IMp4MuxerStreamFragment*>(st.get()) != nullptr, c.fragment) << c.fcc << " " << (c.keys ? c.keys : "");
-  }
-  AttrSet plain;
-  kiv::base::Object::AttrSetInit(plain, nullptr, "mp4-muxer");
-  std::unique_ptr<kiv::base::Object> mp4(kiv::base::Object::New<kiv::base::Object>(plain));
-  ASSERT_TRUE(mp4);
-  EXPECT_EQ(dynamic_cast<FMp4Muxer*>(mp4.get()), nullptr);
 }
 
 // The fragment length as a property: nanoseconds, or text with a unit.
@@ -452,8 +393,50 @@ TEST(FragmentRegistry, DurationPropertyTakesTextAndNumbers) {
   }
   EXPECT_TRUE(mux->Set("durationPreSegment-dps", 7000000LL));
   EXPECT_EQ(mux->durationPreSegment.ns, 7000000LL);
-  EXPECT_TRUE(mux->Set("flush", true));
-  EXPECT_TRUE(mux->flush);
+}
+
+// A PCM track: fragments of (rate / samples) / 2 packets or by duration, the packets' length as the
+// default duration, tfdt from the length in whole milliseconds before; each payload whole, in order,
+// in the mdat behind its moof.
+TEST(FragmentPcm, CutsDecodeTimesAndPayloads) {
+  struct Case {
+    const char* name;
+    int rate, channels, samples, packets;
+    long long dps;
+    std::vector<size_t> counts;
+  };
+  const Case cases[] = {
+      // 23 at 48 kHz with 1024; the second tfdt is 490 ms, not 491.
+      {"48 kHz of 1024", 48000, 2, 1024, 50, 0, {23, 23, 4}},
+      // No samples a packet: no count, every packet is a fragment, and no time passes.
+      {"no samples", 8000, 1, 0, 3, 0, {1, 1, 1}},
+      {"100 ms of 20 ms packets", 16000, 1, 320, 12, 100 * kMs, {5, 5, 2}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Plan plan = audio(c.packets, c.rate, c.dps);
+    plan.pcmSamples = c.samples;
+    plan.channels = c.channels;
+    Rig rig(plan);
+    ASSERT_TRUE(rig.run(plan));
+    const Bytes b = rig.bytes();
+    const fragbytes::File f = fragbytes::Read(b);
+    ASSERT_TRUE(f.whole) << f.types();
+    EXPECT_EQ(countsOf(f, 1), c.counts);
+    size_t before = 0;
+    for (const Fragment& g : f.fragments) {
+      EXPECT_EQ(g.defaultDuration, static_cast<uint32_t>(c.samples));
+      const unsigned long long ms = static_cast<unsigned long long>(c.samples) * 1000 * before / static_cast<unsigned>(c.rate);
+      EXPECT_EQ(g.tfdt, ms * static_cast<unsigned>(c.rate) / 1000);
+      for (size_t i = 0; i < g.samples.size(); ++i, ++before) {
+        ASSERT_EQ(g.samples[i].size, rig.pcmBytes);
+        ASSERT_LE(g.mdatPos + 8 + (i + 1) * rig.pcmBytes, b.size());
+        EXPECT_TRUE(std::equal(rig.audioPayloads[before].begin(), rig.audioPayloads[before].end(),
+                               b.begin() + static_cast<long>(g.mdatPos + 8 + i * rig.pcmBytes)));
+      }
+    }
+    EXPECT_EQ(before, static_cast<size_t>(c.packets));
+  }
 }
 
 }  // namespace

