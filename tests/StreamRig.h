@@ -48,8 +48,11 @@ inline Bytes Cat(std::initializer_list<Bytes> parts) {
 
 // A NAL unit behind a four-byte start code: header byte, then n filler bytes without zeros.
 inline Bytes Nal(unsigned char header, size_t n, unsigned char fill = 0xAB) {
-  Bytes b = {0, 0, 0, 1, header};
-  b.insert(b.end(), n, fill);
+  Bytes b;
+  b.reserve(5 + n);  // room first: GCC 12 at -O3 misjudges an insert behind a list's copy
+  for (unsigned char c : {0, 0, 0, 1}) b.push_back(c);
+  b.push_back(header);
+  b.resize(5 + n, fill);
   return b;
 }
 

@@ -1,5 +1,5 @@
-// The H.264 track: start codes to lengths, the wait for the leader, the edit list of B frames, tables
-// through files, and start codes put back on the way out of a file.
+// The H.264 track: start codes to lengths, the wait for the leader, the edit list of B frames, and start
+// codes put back on the way out of a file.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -9,13 +9,11 @@
 #include "LogCapture.h"
 #include "StblTestUtil.h"
 #include "StreamRig.h"
-#include "stream/base/io/File.h"
 #include "stream/plugin/mp4/common/StreamH264.h"
 #include "stream/plugin/mp4/common/Stsd.h"
 
 using namespace streamtest;
 using namespace kiv::plugin::mov;
-using stbltest::Fields;
 using stbltest::H;
 
 namespace {
@@ -25,11 +23,9 @@ struct H264Rig : MuxRig {
   MediaPtr media = NewH264Media(sets);
   IStream* st = nullptr;
 
-  bool Make(bool concate = false) {
+  bool Make() {
     st = New("h264", 1);
-    if (!st || !st->setString("frameRate", "25/1")) return false;
-    st->_concate = concate;
-    return Config(st, media.get());
+    return st && st->setString("frameRate", "25/1") && Config(st, media.get());
   }
   bool Add(const Bytes& sample, long long pts, bool key = false, unsigned long long leader = 0) {
     PacketPtr p = MakePacket(media.get(), sample, pts, 40 * kMs, key);
@@ -107,54 +103,6 @@ TEST(StreamH264, EditListStartsAtTheFirstTimeStamp) {
   ASSERT_TRUE(elst && elst->_items.size() == 1u);
   EXPECT_EQ(elst->_items[0].media_time, 4800);
   EXPECT_EQ(elst->_items[0].segment_duration, 48u);
-}
-
-TEST(StreamH264, TableOnFileModeWritesTheSameTables) {
-  stbltest::MappedDrive drive('d');
-  const unsigned cluster = GetClusterSize("d:/stts");
-  const Bytes samples[] = {Nal(0x65, 30), Nal(0x41, 12), Nal(0x01, 7)};
-  // The trak as written; the list its tables stand for; how many tables came from files (behind a filler).
-  auto run = [&](bool concate, int planSeconds, unsigned spc, std::vector<ChunkParam>& parsed, int& filed) {
-    H264Rig r;
-    r.para.planSeconds = planSeconds;
-    r.tags->ios_support_box_add = true;
-    r.tags->videosampleperchunk = spc;
-    r.media->Set("struct", Fcc("ibbp"));
-    if (!r.Make(concate)) return Bytes();
-    for (int i = 0; i < 12; ++i) r.Add(samples[i % 3], i * 40 * kMs + (i == 5 ? 7 * kMs : 0), i % 6 == 0);
-    r.st->CleanFifoData(r.io, 0);
-    EXPECT_EQ(r.List().empty(), concate);
-    r.st->MuxUpdate(600, false);
-    Bytes trak = MuxRig::Written(r.st->Track());
-    stbltest::ParsedStbl p(trak);
-    EXPECT_TRUE(p.ok);
-    if (!p.stbl) return trak;
-    parsed = p.list();
-    filed = 0;
-    for (IBox* c = p.stbl->Child(); c && c->Next(); c = c->Next()) {
-      if (std::string(c->FCCString()) != "free") continue;
-      ++filed;
-      EXPECT_EQ(c->Next()->Offset() % cluster, 0) << c->Next()->FCCString();
-    }
-    return trak;
-  };
-  for (unsigned spc : {1u, 3u}) {
-    SCOPED_TRACE(spc);
-    std::vector<ChunkParam> plainList, fileList, smallList;
-    int filed = -1;
-    const Bytes plain = run(false, 1800, spc, plainList, filed);
-    ASSERT_FALSE(plain.empty());
-    // Tables that stay in memory are copied out as they are, with no filler.
-    EXPECT_EQ(run(true, 1800, spc, fileList, filed), plain);
-    EXPECT_EQ(filed, 0);
-    // A plan of one second: tables outgrow their reservations, go through temporary files, and join the
-    // output at cluster boundaries.
-    EXPECT_GT(run(true, 1, spc, smallList, filed).size(), plain.size());
-    EXPECT_GT(filed, 0);
-    ASSERT_EQ(plainList.size(), 12u);
-    EXPECT_EQ(Fields(smallList), Fields(plainList));
-  }
-  EXPECT_TRUE(drive.dir.entries().empty());  // the buffers take their files along
 }
 
 TEST(StreamH264, DemuxedSamplesGetTheirStartCodesBack) {
