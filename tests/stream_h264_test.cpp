@@ -1,5 +1,5 @@
-// The H.264 track: start codes to lengths, the wait for the leader, the edit list of B frames, and start
-// codes put back on the way out of a file.
+// The H.264 track: the wait for the leader, the edit list of B frames, and start codes put back on the
+// way out of a file.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -35,29 +35,6 @@ struct H264Rig : MuxRig {
 };
 
 }  // namespace
-
-TEST(StreamH264, StartCodesBecomeLengthsAndTheSliceIsNotCopied) {
-  H264Rig r;
-  ASSERT_TRUE(r.Make());
-  const Bytes full = Cat({Nal(0x09, 1, 0xf0), Nal(0x67, 9), Nal(0x68, 5), Nal(0x06, 12), Nal(0x65, 30)});
-  // A unit of another type stays inside the unit before it; a second slice inside the first.
-  const Bytes other = Cat({Nal(0x67, 9), Nal(0x0c, 3), Nal(0x65, 8), Nal(0x01, 6)});
-  const Bytes otherStored = Cat({H("00000012 67"), Bytes(9, 0xAB), Nal(0x0c, 3), H("00000014 65"),
-                                 Bytes(8, 0xAB), Nal(0x01, 6)});
-  const Bytes bigHead = Cat({Nal(0x06, 300), Nal(0x25, 20)});  // the head no longer fits the member buffer
-  const Bytes noSlice = Cat({Nal(0x67, 9), Nal(0x68, 5)});
-  const std::pair<Bytes, Bytes> cases[] = {
-      {full, LengthPrefixed(full)}, {other, otherStored}, {bigHead, LengthPrefixed(bigHead)}, {noSlice, noSlice}};
-  long long pts = 0;
-  for (const auto& c : cases) {
-    const unsigned long long at = static_cast<unsigned long long>(r.io.Size());
-    ASSERT_TRUE(r.Add(c.first, pts, pts == 0));
-    pts += 40 * kMs;
-    EXPECT_EQ(r.List().back().offset, at);
-    EXPECT_EQ(r.List().back().size, c.first.size());
-    EXPECT_EQ(r.At(at, c.first.size()), c.second);
-  }
-}
 
 TEST(StreamH264, AFollowingTrackWaitsForTheLeader) {
   H264Rig r;

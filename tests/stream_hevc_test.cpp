@@ -1,5 +1,4 @@
-// The HEVC track: where a sample's picture starts, the media's sets in "hvcC", one length a sample, and
-// the start code put back on the way out of a file.
+// The HEVC track: where a sample's picture starts, and the start code put back on the way out of a file.
 #include <gtest/gtest.h>
 
 #include <iterator>
@@ -59,53 +58,6 @@ TEST(StreamHevc, PictureOffsetStopsAtSeiAndTheSliceKindsItLooksFor) {
     EXPECT_EQ(HevcPictureOffset(c.sample.empty() ? nullptr : c.sample.data(), static_cast<int>(c.sample.size())),
               c.offset)
         << c.what;
-}
-
-// Profile, tier and level come from the VPS without its emulation prevention bytes; the arrays carry the
-// media's sets.
-TEST(StreamHevc, HvccCarriesTheMediasSets) {
-  HevcRig r;
-  ASSERT_TRUE(r.Make());
-  const Bytes box = WrittenBox(r.st->Track(), "hvcC");
-  auto array = [](unsigned char type, const unsigned char* set, size_t n) {
-    return Cat({Bytes{type, 0, 1, static_cast<unsigned char>(n >> 8), static_cast<unsigned char>(n)}, Bytes(set, set + n)});
-  };
-  const Bytes ptl = {0x01, 0x60, 0, 0, 0, 0x90, 0, 0, 0, 0, 0, 0x3c};
-  const Bytes arrays = Cat({Bytes{3}, array(0x20, HevcSets::kVps, sizeof HevcSets::kVps),
-                            array(0x21, HevcSets::kSps, sizeof HevcSets::kSps),
-                            array(0x22, HevcSets::kPps, sizeof HevcSets::kPps)});
-  ASSERT_EQ(box.size(), 30 + arrays.size());
-  EXPECT_EQ(Bytes(box.begin() + 9, box.begin() + 21), ptl);
-  EXPECT_EQ(Bytes(box.begin() + 30, box.end()), arrays);
-}
-
-TEST(StreamHevc, SamplesLoseTheirParameterSetsAndKeepOneLength) {
-  HevcRig r;
-  ASSERT_TRUE(r.Make());
-  const Bytes sets = Cat({HNal(32, 8), HNal(33, 12), HNal(34, 4)});
-  const Bytes idr = HNal(19, 30), sei = HNal(39, 6), trail = HNal(1, 17), odd = HNal(20, 11);
-  auto tail = [](const Bytes& b) { return Bytes(b.begin() + 4, b.end()); };
-  const struct {
-    const char* what;
-    Bytes sample;
-    Bytes stored;  // what the file holds behind the length
-  } cases[] = {
-      {"sets and an IDR slice: the slice alone", Cat({sets, idr}), tail(idr)},
-      {"SEI and slice: both behind one length", Cat({sei, trail}), Cat({tail(sei), trail})},
-      {"nothing looked for: whole", Cat({sets, odd}), Cat({tail(sets), odd})},
-  };
-  unsigned long long at = r.io.Position();
-  long long pts = 0;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    PacketPtr p = MakePacket(r.media.get(), c.sample, pts, 40 * kMs, pts == 0);
-    pts += 40 * kMs;
-    ASSERT_TRUE(r.st->AddPacket(*p, r.io, 0));
-    EXPECT_EQ(r.st->MuxChunkList()->back().size, c.stored.size() + 4);
-    EXPECT_EQ(r.At(at, c.stored.size() + 4), Cat({Be32(static_cast<uint32_t>(c.stored.size())), c.stored}));
-    at += c.stored.size() + 4;
-  }
-  EXPECT_EQ(r.io.Position(), static_cast<long long>(at));
 }
 
 TEST(StreamHevc, DemuxedSamplesGetTheirStartCodeBackOrFail) {

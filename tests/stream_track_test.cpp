@@ -2,6 +2,7 @@
 // for a profile, what each needs of its media, and samples in to bytes and tables out.
 #include <gtest/gtest.h>
 
+#include <iterator>
 #include <ostream>
 #include <string>
 #include <tuple>
@@ -98,7 +99,11 @@ std::vector<Trak> Traks() {
       // HEVC always has an edit list and a sync table, never sdtp or tapt.
       {"HevcMov", "hevc", Hevc, [](videoTags& t, IMedia&, IStream&) { t.video_has_edts = 0; },
        "tkhd edts(elst) mdia(mdhd hdlr minf(vmhd hdlr dinf(dref(alis)) stbl(stsd(hvc1(hvcC)) stts stss stsc stsz stco)))",
-       {{"hvc1", 32, H("0040 0030")}, {"hdlr", 0, B("hdlr", kMovVideoHdlr)}}},
+       // Profile, tier and level from the VPS without its emulation prevention bytes; the media's sets.
+       {{"hvc1", 32, H("0040 0030")}, {"hdlr", 0, B("hdlr", kMovVideoHdlr)}, {"hvcC", 9, H("01 600000009000000000003c")},
+        {"hvcC", 30, Cat({H("03 20 0001 0018"), Bytes(std::begin(HevcSets::kVps), std::end(HevcSets::kVps)), H("21 0001 001f"),
+                          Bytes(std::begin(HevcSets::kSps), std::end(HevcSets::kSps)), H("22 0001 0007"),
+                          Bytes(std::begin(HevcSets::kPps), std::end(HevcSets::kPps))})}}},
       {"HevcMp4", "hevc", Hevc, Mp4,
        "tkhd edts(elst) mdia(mdhd hdlr minf(vmhd dinf(dref(url )) stbl(stsd(hvc1(hvcC colr)) stts stss stsc stsz stco)))",
        {}},
@@ -325,6 +330,46 @@ std::vector<Feed> Feeds() {
                              {H("0001 '!'"), 3000, 2000, true}};
   f.push_back({"TxtSamplesAsTheyCome", "txt", Txt, None, txt, Joined(txt, 3, Same), Table("stts", {2, 2, 30000, 1, 120000}),
                Table("stsc", {1, 1, 1, 1}), Table("stco", {3, 8, 10, 14})});
+  // What each codec stores of a sample, a sample a chunk.
+  auto alone = [](videoTags& t, IMedia&, IStream&) { t.audio_chunk_first = 1; };
+  auto row = [&f](const char* name, const char* word, MediaPtr (*media)(), Prep prep,
+                  std::vector<std::pair<Bytes, Bytes>> in, uint32_t duration) {  // sample, stored
+    Feed r{name, word, media, prep, {}, {}, Table("stts", {1, static_cast<uint32_t>(in.size()), duration}),
+           Table("stsc", {1, 1, 1, 1}), {}};
+    std::vector<uint32_t> stco = {static_cast<uint32_t>(in.size())};
+    for (size_t i = 0; i < in.size(); ++i) {
+      r.samples.push_back({in[i].first, static_cast<long long>(i) * 40, 40, i == 0});
+      stco.push_back(static_cast<uint32_t>(8 + r.mdat.size()));
+      r.mdat.insert(r.mdat.end(), in[i].second.begin(), in[i].second.end());
+    }
+    Bytes payload(4, 0);
+    for (uint32_t w : stco) boxtest::Be32(payload, w);
+    r.stco = boxtest::Box("stco", payload);
+    f.push_back(r);
+  };
+  // Start codes become lengths: a unit of another type stays inside the unit before it, and so does a
+  // second slice; a head too long for the track's buffer; no slice at all.
+  const Bytes full = Cat({Nal(0x09, 1, 0xf0), Nal(0x67, 9), Nal(0x68, 5), Nal(0x06, 12), Nal(0x65, 30)});
+  const Bytes bigHead = Cat({Nal(0x06, 300), Nal(0x25, 20)}), noSlice = Cat({Nal(0x67, 9), Nal(0x68, 5)});
+  row("H264StartCodesBecomeLengths", "h264", H264, None,
+      {{full, LengthPrefixed(full)},
+       {Cat({Nal(0x67, 9), Nal(0x0c, 3), Nal(0x65, 8), Nal(0x01, 6)}),
+        Cat({H("00000012 67"), Bytes(9, 0xAB), Nal(0x0c, 3), H("00000014 65"), Bytes(8, 0xAB), Nal(0x01, 6)})},
+       {bigHead, LengthPrefixed(bigHead)},
+       {noSlice, noSlice}},
+      2400);
+  // HEVC cuts the sets in front of an IDR slice, keeps an SEI with its slice, and keeps what it does not
+  // look for whole: one length over the first start code.
+  const Bytes sets = Cat({HNal(32, 8), HNal(33, 12), HNal(34, 4)}), idr = HNal(19, 30), odd = HNal(20, 11);
+  const Bytes seiTrail = Cat({HNal(39, 6), HNal(1, 17)});
+  row("HevcSetsCutAndOneLength", "hevc", Hevc, None,
+      {{Cat({sets, idr}), OneLength(idr)}, {seiTrail, OneLength(seiTrail)}, {Cat({sets, odd}), OneLength(Cat({sets, odd}))}},
+      2400);
+  // ADTS headers, with and without CRC, stay out of the file.
+  row("AacAdtsHeadersNotWritten", "aac", [] { return NewAacMedia(48000, 2, 7); }, alone,
+      {{Cat({Bytes(7, 0xFF), Bytes(100, 1)}), Bytes(100, 1)}, {Cat({Bytes(7, 0xFF), Bytes(101, 2)}), Bytes(101, 2)}}, 1024);
+  row("AacAdtsWithCrcNotWritten", "aac", [] { return NewAacMedia(48000, 2, 9); }, alone,
+      {{Cat({Bytes(9, 0xFF), Bytes(100, 1)}), Bytes(100, 1)}, {Cat({Bytes(9, 0xFF), Bytes(101, 2)}), Bytes(101, 2)}}, 1024);
   return f;
 }
 
