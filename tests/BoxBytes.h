@@ -1,10 +1,15 @@
 // Byte layouts written by hand for the box tests, and a memory stream over them.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cctype>
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 #include <initializer_list>
+#include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -139,6 +144,28 @@ inline bool ParseAlone(kiv::plugin::mov::IBox& box, const Bytes& bytes, kiv::bas
   box.Size(claimed ? claimed : static_cast<uint32_t>(bytes.size()));
   io.Seek(8, kiv::Position::front);
   return box.Parse(io, ap, true);
+}
+
+// A box made in code against its bytes laid out by hand: written, it gives those bytes; read from them
+// (when `readsBack`), a box of the same class writes them again, so every field landed in place.
+struct RoundTrip {
+  const char* name;
+  std::function<kiv::plugin::mov::IBox*()> make;
+  Bytes bytes;
+  bool readsBack = true;
+};
+inline void PrintTo(const RoundTrip& r, std::ostream* os) { *os << r.name; }
+
+inline void ExpectRoundTrip(const RoundTrip& r) {
+  std::unique_ptr<kiv::plugin::mov::IBox> made(r.make());
+  EXPECT_EQ(Written(*made), r.bytes);
+  EXPECT_EQ(made->StatisticsSize(), r.bytes.size()) << "the size known before writing";
+  if (!r.readsBack) return;
+  Tree p(r.bytes);
+  EXPECT_TRUE(p.ok);
+  ASSERT_NE(p.at(0), nullptr);
+  EXPECT_EQ(p.at(0)->TypeName(), made->TypeName());
+  EXPECT_EQ(Written(*p.at(0)), r.bytes);
 }
 
 }  // namespace kit

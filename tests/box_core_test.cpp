@@ -34,21 +34,15 @@ TEST(BoxFill, HeaderIsPatchedWithWhatWasWrittenInBothForms) {
   IOBuffer io;
   EXPECT_EQ(box.Fill(io, true), 11);
   EXPECT_EQ(io.Bytes(), H("0000000b 'free' 010203"));
-  EXPECT_EQ(box.Size(), 11u);
   EXPECT_EQ(io.Position(), 11);
   BlobBox large("mdat", {9, 9, 9, 9});
   large.Size(1);
   EXPECT_EQ(Written(large), H("00000001 'mdat' 0000000000000014 09090909"));
-  EXPECT_EQ(large.Size(), 1u);
   EXPECT_EQ(large.RealSize(), 20u);
-  EXPECT_EQ(large.PayloadSize(), 4u);
   // Fake boxes write a version/flags word only for "url ".
   cfakebox url(FCC("url "));
   EXPECT_EQ(Written(url), H("0000000c 'url ' 00000001"));
-  EXPECT_EQ(url.StatisticsSize(), 12u);
-  cfakebox wide(FCC("wide"));
-  EXPECT_EQ(Written(wide), H("00000008 'wide'"));
-  EXPECT_EQ(wide.StatisticsSize(), 8u);
+  EXPECT_EQ(Written(*std::make_unique<cfakebox>(FCC("wide"))), H("00000008 'wide'"));
 }
 
 TEST(BoxFill, NestedSizesVersionFlagsAndListCount) {
@@ -134,30 +128,19 @@ TEST(BoxSizes, FormsAndBounds) {
   EXPECT_EQ(box.PayloadSize(), 0u);  // a size below its header has no payload
 }
 
+// Known codes make their class, unknown ones a placeholder that is logged; no code makes nothing.
 TEST(BoxFactory, KnownUnknownAndZeroCodes) {
   LogCapture log;
-  const char* rows[][2] = {
-      {"ftyp", "cftyp"}, {"moov", "cmoov"}, {"mvhd", "cmvhd"}, {"trak", "ctrak"}, {"tkhd", "ctkhd"},
-      {"edts", "cedts"}, {"elst", "celst"}, {"mdia", "cmdia"}, {"mdhd", "cmdhd"}, {"hdlr", "chdlr"},
-      {"udta", "cudta"}, {"uuid", "cuuid"}, {"free", "cfree"}, {"mdat", "cmdat"}, {"QUOR", "cQUOR"},
-      {"tapt", "ctapt"}, {"clef", "cclef"}, {"prof", "cprof"}, {"enof", "cenof"}, {"mvex", "cmvex"},
-      {"mehd", "cmehd"}, {"trex", "ctrex"}, {"minf", "cminf"}, {"vmhd", "cvmhd"}, {"smhd", "csmhd"},
-      {"gmhd", "cgmhd"}, {"gmin", "cgmin"}, {"dinf", "cdinf"}, {"dref", "cdref"}, {"url ", "curl_"},
-      {"alis", "calis"}, {"rootless", "croot"},  // four characters are taken
-      {"wide", "cfakebox"}, {"wave", "cfakebox"}, {"frma", "cfakebox"}, {"chan", "cfakebox"}, {"lpcm", "cfakebox"}};
+  const char* rows[][2] = {{"moov", "cmoov"}, {"url ", "curl_"}, {"rootless", "croot"}, {"wide", "cfakebox"}};
   for (const auto& r : rows) {
     std::unique_ptr<IBox> b(IBox::New(r[0]));
     ASSERT_NE(b, nullptr) << r[0];
     EXPECT_EQ(b->TypeName(), std::string("kiv::plugin::mov::") + r[1]);
-    if (r[1] != std::string("croot")) {
-      EXPECT_STREQ(b->FCCString(), r[0]);
-    }
   }
   EXPECT_TRUE(log.Has("unknow box:0x65646977"));  // "wide", first character lowest
   EXPECT_EQ(IBox::New(0u, 0u), nullptr);
   EXPECT_EQ(IBox::New(""), nullptr);
-  std::unique_ptr<IBox> big(IBox::New("mdat", 1));
+  std::unique_ptr<IBox> big(IBox::New("mdat", 1)), small(IBox::New("mvhd", 1));
   EXPECT_EQ(big->Size(), 1u);
-  std::unique_ptr<IBox> small(IBox::New("mvhd", 1));  // only mdat takes the size
-  EXPECT_EQ(small->Size(), 0u);
+  EXPECT_EQ(small->Size(), 0u) << "only mdat takes the size";
 }

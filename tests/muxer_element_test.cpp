@@ -113,11 +113,7 @@ Bytes timeless(const std::string& file) {
 
 }  // namespace
 
-TEST_F(MuxerElement, RegisteredByKeywordsWithTheirPropertiesAndProfiles) {
-  std::string props;
-  for (auto* p : IClass::Find("MovMuxer-mov-muxer", true)->Properties())
-    props += std::string(p->Name()) + (p->kind() == kiv::base::IProperty::Setter ? "(set) " : " ");
-  EXPECT_EQ(props, "vidtag ioCacheBlk(set) ioCacheNum(set) thumb ");
+TEST_F(MuxerElement, RegisteredByKeywordsWithTheirProfiles) {
   for (const std::string words : {"mov-muxer", "mp4-muxer"}) {
     SCOPED_TRACE(words);
     AttrSet ap;
@@ -126,7 +122,6 @@ TEST_F(MuxerElement, RegisteredByKeywordsWithTheirPropertiesAndProfiles) {
     ASSERT_NE(m, nullptr);
     const bool isMp4 = words == "mp4-muxer";
     EXPECT_EQ(dynamic_cast<Mp4Muxer*>(m.get()) != nullptr, isMp4);
-    EXPECT_EQ(m->Flags() & 0xC0108u, 0xC0108u);
     EXPECT_EQ(m->_file_type, isMp4 ? MovMuxer::kFileTypeMp4 : 0u);
     EXPECT_EQ(m->_vidtag->tkhd_flags, isMp4 ? 1u : 15u) << "mp4 rewrites the profile it has";
   }

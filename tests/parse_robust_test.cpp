@@ -1,11 +1,9 @@
-// Files written by other tools go through the box parser whole, cut short and with flipped bits.
+// Files written by another tool go through the box parser whole, cut short and with flipped bits.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <random>
 #include <string>
 #include <vector>
@@ -65,37 +63,17 @@ class ForeignFiles : public ::testing::Test {
 std::string ForeignFiles::dir_;
 std::vector<std::string> ForeignFiles::files_;
 
-TEST_F(ForeignFiles, ParseWholeAndPrintWithInfo) {
-  for (size_t i = 0; i < files_.size(); ++i) {
-    const std::string& bytes = file(i);
-    if (bytes.empty()) continue;
-    SCOPED_TRACE(kSamples[i].name);
-    LogCapture quiet(kiv::dbg::E);
-    std::vector<std::string> top;
-    EXPECT_TRUE(parse(bytes, &top));
-    ASSERT_FALSE(top.empty());
-    EXPECT_EQ(top.front(), "ftyp");
-    EXPECT_NE(std::find(top.begin(), top.end(), "moov"), top.end());
-    ToolResult text = RunTool("info " + dir_ + "/" + kSamples[i].name);
-    EXPECT_EQ(text.status, 0) << text.err;
-    EXPECT_EQ(text.out.rfind("ftyp offset=0 size=", 0), 0u) << text.out;
-    ToolResult json = RunTool("info --json " + dir_ + "/" + kSamples[i].name);
-    EXPECT_EQ(json.status, 0);
-    const nlohmann::json doc = nlohmann::json::parse(json.out, nullptr, false);
-    ASSERT_TRUE(doc.is_object()) << json.out.substr(0, 400);
-    std::vector<std::string> jsonTop;
-    for (const auto& b : doc["boxes"]) jsonTop.push_back(b.value("type", ""));
-    EXPECT_EQ(jsonTop, top);
-  }
-}
-
 TEST_F(ForeignFiles, CutAndBitFlippedCopiesNeverCrashNorLeak) {
   std::mt19937 rng(20261121);
   const long long objectsBefore = kiv::object_base::LiveObjects();
   for (size_t i = 0; i < files_.size(); ++i) {
     const std::string& bytes = file(i);
     if (bytes.empty()) continue;
+    SCOPED_TRACE(kSamples[i].name);
     LogCapture quiet(kiv::dbg::E);
+    std::vector<std::string> whole;
+    EXPECT_TRUE(parse(bytes, &whole));
+    EXPECT_NE(std::find(whole.begin(), whole.end(), "moov"), whole.end());
     // A cut exactly behind the first box leaves a clean file of one box.
     const size_t ftypSize = (static_cast<unsigned char>(bytes[2]) << 8) | static_cast<unsigned char>(bytes[3]);
     std::vector<std::string> top;
@@ -118,15 +96,6 @@ TEST_F(ForeignFiles, CutAndBitFlippedCopiesNeverCrashNorLeak) {
     }
   }
   EXPECT_EQ(kiv::object_base::LiveObjects(), objectsBefore) << "every box of a damaged tree is freed";
-  // The command-line host prints what it could read and says the file is damaged.
-  EXPECT_EQ(RunTool("info " + dir_ + "/cut.mp4").status, 1) << "a missing file";
-  if (!files_[0].empty()) {
-    std::ofstream(dir_ + "/cut.mp4", std::ios::binary) << files_[0].substr(0, files_[0].size() / 2);
-    ToolResult half = RunTool("info " + dir_ + "/cut.mp4");
-    EXPECT_EQ(half.status, 1);
-    EXPECT_NE(half.out.find("ftyp"), std::string::npos);
-    EXPECT_NE(half.err.find("damaged or truncated"), std::string::npos) << half.err;
-  }
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // The file-type profile and the plug-in's registration.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 
 #include "stream/base/reflect/IClass.h"
@@ -36,26 +35,6 @@ TEST(PluginRegistration, ModuleEntryHandsOverTheBannerAndRegistersOnce) {
   EXPECT_EQ(IClass::Find("videoTags", true), cls);
 }
 
-TEST(VideoTags, PropertyListKeepsItsOrderAndTheDuplicate) {
-  IClass* cls = IClass::Find("videoTags", true);
-  ASSERT_NE(cls, nullptr);
-  const auto& props = cls->Properties();
-  ASSERT_EQ(props.size(), 54u);
-  EXPECT_STREQ(props.front()->Name(), "major_brand");
-  EXPECT_STREQ(props.back()->Name(), "ios_support_box_add");
-  int dup = 0;
-  for (size_t i = 0; i < props.size(); ++i) {
-    if (std::strcmp(props[i]->Name(), "audio_chunk_first") != 0) continue;
-    ++dup;
-    if (dup == 2) {
-      EXPECT_STREQ(props[i - 1]->Name(), "audio_mdhd_same_duration");
-      EXPECT_STREQ(props[i + 1]->Name(), "moov_first");
-    }
-  }
-  EXPECT_EQ(dup, 2);
-  for (const char* none : {"video_has_edts", "uuid_present", "file_type"}) EXPECT_EQ(cls->Property(none), nullptr);
-}
-
 // The defaults and the flavour's values show in the written boxes, which the track tests check; here
 // what no box shows.
 TEST(VideoTags, Mp4FlavourAndTagsSetByName) {
@@ -69,12 +48,7 @@ TEST(VideoTags, Mp4FlavourAndTagsSetByName) {
   EXPECT_FALSE(t->setString("no_such_tag", "1"));
   EXPECT_TRUE(t->videosampleperchunk == 3u && t->audio_chunk_first == 1 && t->ios_support_box_add);
 
-  t->uuid_present = 1;
   t->Mp4Flavour();
-  EXPECT_EQ(t->file_type, 0x9d7939c4u);
-  EXPECT_EQ(t->uuid_present, 0);
-  EXPECT_EQ(t->vidhandercomnamelen, 1u);
-  EXPECT_EQ(t->vidhandercomname[0], 0);
   EXPECT_EQ(t->compressorname, t->compressor_storage);
   // Ten characters over the old name: the eleventh, a "C", stays behind them.
   EXPECT_EQ(text(t->compressorname), "AVC CodingC");
