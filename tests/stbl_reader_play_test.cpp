@@ -299,14 +299,12 @@ std::string Played(const std::string& out) {
 }  // namespace
 
 TEST_F(TablesOnFile, TheCommandLinePlaysBothWaysAlikeAndTellsTheWayOfEachTrack) {
-  for (const auto& [name, seek] : {std::make_pair("rec_groups.mp4", " --seek 700"), std::make_pair("ff_copy.mov", "")}) {
-    SCOPED_TRACE(std::string(name) + seek);
-    const ToolResult list = RunTool("play --packets" + std::string(seek) + " " + path(name));
-    const ToolResult onFile = RunTool("play --packets --tables-on-file --switch-size 1" + std::string(seek) + " " + path(name));
-    ASSERT_EQ(std::make_pair(list.status, onFile.status), std::make_pair(0, 0)) << list.err << onFile.err;
-    EXPECT_GT(Played(list.out).size(), 10000u);
-    EXPECT_EQ(Played(onFile.out), Played(list.out));
-  }
+  // The engines' packets are compared both ways above; here the flags reach them.
+  const ToolResult list = RunTool("play --packets --seek 700 " + path("rec_groups.mp4"));
+  const ToolResult onFile = RunTool("play --packets --tables-on-file --switch-size 1 --seek 700 " + path("rec_groups.mp4"));
+  ASSERT_EQ(std::make_pair(list.status, onFile.status), std::make_pair(0, 0)) << list.err << onFile.err;
+  EXPECT_GT(Played(list.out).size(), 10000u);
+  EXPECT_EQ(Played(onFile.out), Played(list.out));
   // A track with composition offsets keeps the file off that way; the default size keeps small files
   // in memory, so the flag alone changes nothing for them.
   const ToolResult refused = RunTool("play --tables-on-file --switch-size 1 " + path("rec_bframes.mp4"));
