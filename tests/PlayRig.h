@@ -1,7 +1,6 @@
 // The demuxer element in a small graph, as a host plays a file: the element found by keywords, one
 // output port a kind, a sink that keeps what arrives, the end message awaited with a time limit. Also an
-// input stream that counts its reads and notes the threads they come from, and a recording of the
-// bundled sample made with the muxer element.
+// input stream that counts its reads and notes the threads they come from.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -24,8 +23,6 @@
 #include "stream/core/fw/IElement.h"
 #include "stream/core/fw/IPort.h"
 #include "stream/plugin/mp4/core/demux/IDemuxer.h"
-#include "tools/AdtsReader.h"
-#include "tools/H264Reader.h"
 
 namespace playtest {
 
@@ -176,54 +173,5 @@ class Player {
   std::condition_variable _cv;
   std::vector<std::string> messages;
 };
-
-// The bundled sample (H.264 at 25 frames a second, AAC) recorded into `path` by the muxer element
-// found by keywords ("mov-muxer" or "mp4-muxer"); at most `frames` pictures. Empty on success, else why.
-inline std::string RecordSample(const std::string& path, const char* muxer = "mp4-muxer", int frames = 1 << 30) {
-  const std::string dir = std::string(BOXWEAVE_SOURCE_DIR) + "/samples/";
-  boxweave::H264Description hd;
-  boxweave::AdtsDescription ad;
-  std::string error;
-  if (!boxweave::DescribeH264(dir + "sample.h264", hd, error) || !boxweave::DescribeAdts(dir + "sample.aac", ad, error))
-    return error;
-  const kiv::base::Fraction fps(25, 1);
-  kiv::base::AttrSet ap;
-  kiv::base::Object::AttrSetInit(ap, nullptr, muxer);
-  std::unique_ptr<kiv::stream::ISink> mux(kiv::base::Object::New<kiv::stream::ISink>(ap));
-  if (!mux || !mux->setString("url", path.c_str())) return "no muxer";
-  struct Source : kiv::stream::ISource {};
-  Source vs, as;
-  IMedia* vm = boxweave::NewH264Media(hd, fps);
-  IMedia* am = boxweave::NewAdtsMedia(ad);
-  IPort* ports[2] = {vs.CreatePortOut("video", 0), as.CreatePortOut("audio", 0)};
-  if (!vm || !am || !ports[0]->Media(*vm) || !ports[1]->Media(*am) || !vs.LinkTo(mux.get()) || !as.LinkTo(mux.get()))
-    return "no graph";
-  if (!mux->Open()) return "open failed";
-  boxweave::H264Reader hr;
-  boxweave::AdtsReader ar;
-  if (!hr.FrameRate(fps) || !hr.Open(hd.path) || !ar.Open(ad.path)) return "no reader";
-  Packet* p[2] = {hr.NextPacket(vm), ar.NextPacket(am)};
-  int pictures = 0;
-  std::string why;
-  while ((p[0] || p[1]) && why.empty()) {
-    if (p[0] == boxweave::PacketError() || p[1] == boxweave::PacketError()) {
-      why = "read error";
-      break;
-    }
-    const int i = p[0] && (!p[1] || p[0]->pts <= p[1]->pts) ? 0 : 1;
-    if (ports[i]->Push(p[i], true) != 1) why = "refused";
-    p[i]->Release();
-    pictures += i == 0;
-    p[i] = i == 0 ? (pictures < frames ? hr.NextPacket(vm) : nullptr) : ar.NextPacket(am);
-    if (i == 1 && p[1] && pictures >= frames && !p[0]) {
-      p[1]->Release();
-      p[1] = nullptr;
-    }
-  }
-  for (Packet* left : p)
-    if (left && left != boxweave::PacketError()) left->Release();
-  if (!mux->Close() && why.empty()) why = "close failed";
-  return why;
-}
 
 }  // namespace playtest

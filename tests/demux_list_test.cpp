@@ -4,6 +4,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "stream/base/reflect/IClass.h"
@@ -11,8 +12,10 @@
 #include "stream/plugin/mp4/common/Stbl.h"
 #include "stream/plugin/mp4/demux/IStblParser.h"
 #include "tests/LogCapture.h"
+#include "tests/StblTestUtil.h"
 
 using namespace kiv::plugin::mov;
+using stbltest::Rec;
 
 namespace {
 
@@ -22,17 +25,6 @@ std::unique_ptr<IStblParser> NewListParser() {
   kiv::base::AttrSet ap;
   kiv::base::Object::AttrSetInit(ap, nullptr, "mov-stbl-parser-list");
   return std::unique_ptr<IStblParser>(kiv::base::Object::New<IStblParser>(ap));
-}
-
-// A record: offset, size, duration, count, key.
-ChunkParam Rec(uint64_t offset, uint32_t size, uint32_t duration, uint32_t count, bool key) {
-  ChunkParam r;
-  r.offset = offset;
-  r.size = size;
-  r.duration = duration;
-  r.count = count;
-  r.flags = key ? 1 : 0;
-  return r;
 }
 
 }  // namespace
@@ -81,15 +73,9 @@ TEST(DemuxList, FramesAndTotalsMultiplyARecordByItsCount) {
   FrameInfo f;
   f.Pts = 77;  // not the parser's to fill
   ASSERT_TRUE(p->GetFrame(1, f));
-  EXPECT_EQ(f.Index, 1);
-  EXPECT_EQ(f.Pos, 0x94);
-  EXPECT_EQ(f.Size, 400);
-  EXPECT_EQ(f.Duration, 40);
-  EXPECT_EQ(f.Pts, 77);
-  EXPECT_EQ(p->GetFrameSize(1), 400);
-  EXPECT_EQ(p->GetFrameDuration(1), 40);
-  EXPECT_EQ(p->GetFrameSize(2), 0x100000000LL);
-  EXPECT_EQ(p->GetFrameDuration(2), 0x200000000LL);
+  EXPECT_EQ(std::make_tuple(f.Index, f.Pos, f.Size, f.Duration, f.Pts), std::make_tuple(1, 0x94ll, 400, 40ll, 77ll));
+  EXPECT_EQ(std::make_pair(p->GetFrameSize(1), p->GetFrameDuration(1)), std::make_pair(400ll, 40ll));
+  EXPECT_EQ(std::make_pair(p->GetFrameSize(2), p->GetFrameDuration(2)), std::make_pair(0x100000000ll, 0x200000000ll));
   ASSERT_TRUE(p->GetFrame(2, f));
   EXPECT_EQ(f.Size, 0x7fffffff) << "a frame bigger than any packet is cut to the largest size, which no read gives";
   EXPECT_EQ(p->GetTotalSize(), 100 + 400 + 0x100000000LL);
@@ -127,18 +113,4 @@ TEST(DemuxList, BadIndexesAndBoxesAreRefusedWithTheirLines) {
   EXPECT_TRUE(log.Has("_list->empty()"));
   EXPECT_EQ(q->GetFrameCount(), 0);
   EXPECT_EQ(q->GetLastKeyFrame(), 0);
-}
-
-TEST(DemuxList, AResetRecordIsAKeyFrameAndAnInvalidOneKeepsItsIndex) {
-  FrameInfo f;
-  f.Index = 4;
-  f.Flags = FrameInfo::kUsed;
-  f.Size = 9;
-  f.Reset();
-  EXPECT_EQ(f.Flags, 1u);
-  EXPECT_EQ(f.Index, 0);
-  EXPECT_EQ(f.Size, 0);
-  f.InvalidFrameInfo(7);
-  EXPECT_EQ(f.Index, 7);
-  EXPECT_EQ(f.Flags, FrameInfo::kKey | FrameInfo::kInvalid);
 }

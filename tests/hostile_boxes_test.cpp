@@ -69,9 +69,7 @@ TEST(HostileStbl, ForgedSampleCountsInSparseFiles) {
   } cases[] = {
       {"64 MiB of one-byte samples: past the budget", 64ll << 20, 1, false, 0,
        "samples 67108864 > 16777216, the records a list may hold in memory"},
-      {"4 GiB of one-byte samples", 4ll << 30, 1, false, 0, "samples 4294967295 > 16777216"},
       {"4 GiB of 4 KiB samples: what the file holds", 4ll << 30, 4096, true, 1u << 20, "samples 4294967295 > 1048576"},
-      {"1 MiB of one-byte samples", 1ll << 20, 1, true, 1u << 20, "samples 4294967295 > 1048576"},
   };
   iotest::TempDir dir;
   for (const Case& c : cases) {
@@ -175,28 +173,22 @@ TEST(HostileTree, AppendAfterEveryRelink) {
 // A file of many small boxes costs time in proportion to its size: the old append walked every
 // sibling, 46 s for 100,000 of them. The bound is loose enough for sanitizers and a busy machine.
 TEST(HostileTree, ManySiblingsParseInLinearTime) {
-  for (size_t n : {100000u, 1000000u}) {
-    SCOPED_TRACE(n);
-    const auto start = std::chrono::steady_clock::now();
-    {
-      Tree t(ManyFree("moov", n));
-      EXPECT_TRUE(t.ok);
-      auto* moov = t.at();
-      ASSERT_NE(moov, nullptr);
-      size_t count = 0;
-      for (const IBox* c = moov->Child(); c; c = c->Next()) ++count;
-      EXPECT_EQ(count, n);
-      EXPECT_EQ(t.root.Find("zzzz"), nullptr);
-      if (n == 100000u) {
-        std::ostringstream dump;
-        t.root.Dump(dump);
-        const std::string text = dump.str();
-        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), static_cast<long>(n + 2));
-      }
-    }
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    EXPECT_LT(seconds, n / 10000.0);
+  const size_t n = 100000;
+  const auto start = std::chrono::steady_clock::now();
+  {
+    Tree t(ManyFree("moov", n));
+    EXPECT_TRUE(t.ok);
+    ASSERT_NE(t.at(), nullptr);
+    size_t count = 0;
+    for (const IBox* c = t.at()->Child(); c; c = c->Next()) ++count;
+    EXPECT_EQ(count, n);
+    EXPECT_EQ(t.root.Find("zzzz"), nullptr);
+    std::ostringstream dump;
+    t.root.Dump(dump);
+    const std::string text = dump.str();
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), static_cast<long>(n + 2));
   }
+  EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 10.0);
 }
 
 // A box that keeps a buffer takes it only for the bytes it holds: a "thum" took 200 KiB for each
@@ -213,7 +205,7 @@ TEST(HostileTree, ManyThumbnailHeaders) {
 // Nesting: the read stops at 64 levels, and trees deeper than any read makes are dumped and
 // destroyed without a call a level.
 TEST(HostileTree, DeepNesting) {
-  for (const char* fcc : {"moov", "trak", "mdia", "minf", "moof", "traf", "dinf", "edts", "mvex", "mfra"}) {
+  for (const char* fcc : {"moov", "trak", "moof", "traf", "mfra"}) {
     SCOPED_TRACE(fcc);
     LogCapture log;
     Tree t(Nested(fcc, 5000));

@@ -101,50 +101,6 @@ TEST_F(Info, WholeFilesOfOtherToolsAreNoDamage) {
   EXPECT_NE(RunTool("--log-level I info " + path("frag.mp4")).err.find(":\tftyp,"), std::string::npos);
 }
 
-TEST_F(Info, CutAndOverlongBoxesAreDamageNamedWithTheirPlace) {
-  const std::string whole = bytes("mono.mp4");  // ftyp free mdat moov
-  const size_t mdat = topBox(whole, "mdat"), moov = topBox(whole, "moov");
-  ASSERT_TRUE(mdat != std::string::npos && moov != std::string::npos && mdat < moov);
-  const uint32_t mdatSize = be32(whole, mdat), moovSize = be32(whole, moov);
-  std::string inMoov = whole;  // moov's first child claims more than moov holds
-  putBe32(inMoov, moov + 8, moovSize + 100);
-  std::string inTrak = whole;  // a track claims more than moov holds
-  const size_t trak = whole.find("trak", moov) - 4;
-  putBe32(inTrak, trak, moovSize);
-  const std::string at = " at offset ";
-  const struct {
-    const char* name;
-    std::string bytes, says;
-  } cases[] = {
-      {"half.mp4", whole.substr(0, mdat + mdatSize / 2),
-       "box 'mdat'" + at + std::to_string(mdat) + " claims " + std::to_string(mdatSize) + " bytes; the file holds " +
-           std::to_string(mdatSize / 2) + " from there"},
-      {"moovcut.mp4", whole.substr(0, whole.size() - 1),
-       "box 'moov'" + at + std::to_string(moov) + " claims " + std::to_string(moovSize) + " bytes; the file holds " +
-           std::to_string(moovSize - 1) + " from there"},
-      {"header.mp4", whole.substr(0, moov + 5), "the file ends 5 bytes behind offset " + std::to_string(moov)},
-      {"inmoov.mp4", inMoov,
-       "box 'mvhd'" + at + std::to_string(moov + 8) + " claims " + std::to_string(moovSize + 100) +
-           " bytes; its parent 'moov' holds " + std::to_string(moovSize - 8) + " from there"},
-      {"intrak.mp4", inTrak, "box 'trak'" + at + std::to_string(trak) + " claims " + std::to_string(moovSize)},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    write(c.name, c.bytes);
-    const ToolResult text = RunTool("info " + path(c.name));
-    EXPECT_EQ(text.status, 1);
-    EXPECT_NE(text.out.find("ftyp"), std::string::npos) << "what could be read is printed";
-    EXPECT_NE(text.err.find("damaged or truncated: " + c.says), std::string::npos) << text.err;
-    EXPECT_EQ(text.err.find("note:"), std::string::npos) << "the parser restating the damage\n" << text.err;
-    const ToolResult json = RunTool("info --json " + path(c.name));
-    EXPECT_EQ(json.status, 1);
-    const nlohmann::json doc = nlohmann::json::parse(json.out, nullptr, false);
-    ASSERT_TRUE(doc.is_object()) << json.out.substr(0, 400);
-    EXPECT_NE(doc.value("damage", "").find(c.says), std::string::npos) << doc.value("damage", "");
-  }
-  EXPECT_EQ(RunTool("info " + path("missing.mp4")).status, 1);
-}
-
 TEST_F(Info, BytesOfTheFileReachNoTerminalRawAndTheJsonStaysValid) {
   std::string b = bytes("mono.mp4");
   // Top-level boxes with codes of control bytes, of Latin-1 bytes and of a lone UTF-8 lead byte.
@@ -177,10 +133,13 @@ TEST_F(Info, BytesOfTheFileReachNoTerminalRawAndTheJsonStaysValid) {
   EXPECT_NE(cutDoc.value("damage", "").find("'\\x1b[2J'"), std::string::npos);
 }
 
-TEST_F(Info, FilesThatAreNoMoviesEndWithOneLineSayingWhy) {
+// Whatever is wrong with the file, the last line of the error stream says it once, in every mode; the
+// JSON carries it as "damage"; what could be read is printed all the same.
+TEST_F(Info, BadFilesEndWithOneLineSayingWhy) {
   const std::string whole = bytes("mono.mp4");  // ftyp free mdat moov
-  const size_t moov = topBox(whole, "moov");
-  ASSERT_NE(moov, std::string::npos);
+  const size_t mdat = topBox(whole, "mdat"), moov = topBox(whole, "moov");
+  ASSERT_TRUE(mdat != std::string::npos && moov != std::string::npos && mdat < moov);
+  const uint32_t mdatSize = be32(whole, mdat), moovSize = be32(whole, moov);
   std::string noise(4096, '\0');
   uint32_t x = 2463534242u;  // xorshift: the same noise every run
   for (char& c : noise) {
@@ -196,31 +155,40 @@ TEST_F(Info, FilesThatAreNoMoviesEndWithOneLineSayingWhy) {
   const std::string segment = frag.substr(0, fragMoov) + frag.substr(fragMoov + be32(frag, fragMoov));
   const std::string huge = whole.substr(0, moov) + std::string("\0\0\0\x01mdat\xff\xff\xff\xff\xff\xff\xff\xf0", 16);
   const std::string tiny = whole.substr(0, moov) + std::string("\0\0\0\x03moov", 8) + whole.substr(moov);
+  std::string inMoov = whole;  // moov's first child claims more than moov holds
+  putBe32(inMoov, moov + 8, moovSize + 100);
+  std::string inTrak = whole;  // a track claims more than moov holds
+  const size_t trak = whole.find("trak", moov) - 4;
+  putBe32(inTrak, trak, moovSize);
   Shell("rm -f " + path("fifo") + " && mkfifo " + path("fifo"));
-  const std::string noMovie = "not a movie file: no box could be read";
-  const std::string device = "not a movie file: a character device, not a regular file";
-  const std::string claims = "damaged or truncated: box 'mdat' at offset " + std::to_string(moov) + " claims ";
+  const std::string noMovie = "not a movie file: no box could be read", damaged = "damaged or truncated: box '";
   const struct {
     std::string file;
     std::optional<std::string> bytes;  // written to file first; none: the path as it is
     int status;
-    std::string says;  // the end of the last line; empty: no verdict
+    std::string says;  // the start of the last line's verdict; empty: no verdict
   } cases[] = {
       {path("empty.mp4"), "", 1, noMovie},
-      {path("byte.mp4"), "x", 1, noMovie},
       {path("zeros.mp4"), std::string(4096, '\0'), 1, noMovie},
       {path("noise.mp4"), noise, 1, noMovie},
-      {"/dev/null", std::nullopt, 1, device},
-      {"/dev/zero", std::nullopt, 1, device},
-      {"/dev/urandom", std::nullopt, 1, device},
+      {"/dev/null", std::nullopt, 1, "not a movie file: a character device, not a regular file"},
       {path("fifo"), std::nullopt, 1, "not a movie file: a FIFO, not a regular file"},
       {dir_, std::nullopt, 1, "not a movie file: a directory, not a regular file"},
       {path("missing.mp4"), std::nullopt, 1, "cannot open: No such file or directory"},
       {path("lost.mp4"), whole.substr(0, moov), 1, "no moov: the recording was cut off before it was closed"},
       {path("segment.mp4"), segment, 1, "no moov: fragments without the movie they belong to"},
-      {path("huge.mp4"), huge, 1, claims + "18446744073709551600 bytes; the file holds 16 from there"},
-      {path("tiny.mp4"), tiny, 1,
-       "damaged or truncated: box 'moov' at offset " + std::to_string(moov) + " claims 3 bytes, less than its header"},
+      {path("huge.mp4"), huge, 1,
+       damaged + "mdat' at offset " + std::to_string(moov) + " claims 18446744073709551600 bytes; the file holds 16 from there"},
+      {path("tiny.mp4"), tiny, 1, damaged + "moov' at offset " + std::to_string(moov) + " claims 3 bytes, less than its header"},
+      {path("half.mp4"), whole.substr(0, mdat + mdatSize / 2), 1,
+       damaged + "mdat' at offset " + std::to_string(mdat) + " claims " + std::to_string(mdatSize) +
+           " bytes; the file holds " + std::to_string(mdatSize / 2) + " from there"},
+      {path("header.mp4"), whole.substr(0, moov + 5), 1,
+       "damaged or truncated: the file ends 5 bytes behind offset " + std::to_string(moov)},
+      {path("inmoov.mp4"), inMoov, 1,
+       damaged + "mvhd' at offset " + std::to_string(moov + 8) + " claims " + std::to_string(moovSize + 100) +
+           " bytes; its parent 'moov' holds " + std::to_string(moovSize - 8) + " from there"},
+      {path("intrak.mp4"), inTrak, 1, damaged + "trak' at offset " + std::to_string(trak) + " claims " + std::to_string(moovSize)},
       {path("nested.mp4"), nested, 0, ""},
   };
   for (const auto& c : cases) {
@@ -233,13 +201,17 @@ TEST_F(Info, FilesThatAreNoMoviesEndWithOneLineSayingWhy) {
         EXPECT_EQ(r.err.find("boxweave: " + c.file), std::string::npos) << r.err;
         continue;
       }
-      const std::string line = "boxweave: " + c.file + ": " + c.says + "\n";
-      ASSERT_GE(r.err.size(), line.size()) << mode << r.err;
-      EXPECT_EQ(r.err.substr(r.err.size() - line.size()), line) << mode << r.err;
+      const std::string line = "boxweave: " + c.file + ": " + c.says;
+      const size_t at = r.err.find(line);
+      EXPECT_TRUE(at != std::string::npos && r.err.find('\n', at) + 1 == r.err.size()) << mode << r.err;
+      if (c.says.rfind("damaged", 0) == 0 && !*mode) {
+        EXPECT_NE(r.out.find("ftyp"), std::string::npos) << "what could be read is printed";
+        EXPECT_EQ(r.err.find("note:"), std::string::npos) << "the parser restating the damage\n" << r.err;
+      }
       if (std::string(mode) == "--json " && !r.out.empty()) {
         const nlohmann::json doc = nlohmann::json::parse(r.out, nullptr, false);
         ASSERT_TRUE(doc.is_object()) << r.out.substr(0, 400);
-        EXPECT_EQ(doc.value("damage", ""), c.says);
+        EXPECT_EQ(doc.value("damage", "").rfind(c.says, 0), 0u) << doc.value("damage", "");
       }
     }
   }

