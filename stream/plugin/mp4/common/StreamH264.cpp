@@ -16,6 +16,7 @@
 #include "stream/plugin/mp4/common/Stbl.h"
 #include "stream/plugin/mp4/common/StblFile.h"
 #include "stream/plugin/mp4/common/Stsd.h"
+#include "stream/plugin/mp4/common/VideoEntry.h"
 #include "stream/plugin/mp4/demux/StreamDemuxer.h"
 
 namespace kiv {
@@ -50,28 +51,6 @@ bool StreamH264::muxConfig(kiv::base::Object* tagsObject) {
   if (para.rsvdSeconds > 0 && !_concate) _rsvdSize = den ? static_cast<unsigned>(num * para.rsvdSeconds / den) : 0;
   if (Debug()) LOGL << "Video rsvdSize: " << _rsvdSize;
 
-  // Reservations of the tables on file for the planned number of frames, k * N / div with
-  // N = planSeconds * rate.
-  auto reserve = [&](long long k, long long div) -> long long {
-    if (!den) return 0;
-    const long long v = k * _planSeconds * num / den;
-    return div > 1 ? v / div : v;
-  };
-  auto reserved = [&](StblKind kind) -> long long {
-    const unsigned vspc = tags->videosampleperchunk;
-    switch (kind) {
-      case StblKind::stts: return para.fixedRate ? 32 : reserve(8, 1);
-      case StblKind::ctts: return reserve(16, 3);
-      case StblKind::stss: return reserve(4, 15);
-      case StblKind::sdtp: return reserve(1, 1);
-      case StblKind::stsc: return vspc <= 1 ? 32768 : reserve(12, vspc);
-      case StblKind::stsz: return reserve(4, 1);
-      case StblKind::stco: return reserve(4, 1);
-      case StblKind::co64: return reserve(8, 1);
-    }
-    return 0;
-  };
-
   AvcTrakSetup setup;
   setup.tags = tags;
   setup.media = _media;
@@ -80,7 +59,9 @@ bool StreamH264::muxConfig(kiv::base::Object* tagsObject) {
   setup.trackId = _trackId;
   setup.listCapacity = _rsvdSize;
   setup.scale = &_scale;
-  setup.addTable = [&](IBox* stbl, StblKind kind) { addTable(stbl, kind, tags, reserved(kind)); };
+  setup.addTable = [&](IBox* stbl, StblKind kind) {
+    addTable(stbl, kind, tags, VideoTableReserve(kind, _frameRate, _planSeconds, para.fixedRate, tags->videosampleperchunk));
+  };
   AvcTrak built;
   const bool ok = BuildAvcTrak(setup, built);
   _trak = built.trak;

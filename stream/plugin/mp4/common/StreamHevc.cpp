@@ -14,6 +14,7 @@
 #include "stream/plugin/mp4/common/Stbl.h"
 #include "stream/plugin/mp4/common/StblFile.h"
 #include "stream/plugin/mp4/common/Stsd.h"
+#include "stream/plugin/mp4/common/VideoEntry.h"
 #include "stream/plugin/mp4/demux/StreamDemuxer.h"
 
 namespace kiv {
@@ -29,32 +30,6 @@ constexpr unsigned char kStartCode[4] = {0, 0, 0, 1};
 void releasePacket(Packet*& p) { kiv::base::Release(p); }
 
 bool isStartCode(const unsigned char* p) { return p[0] == 0 && p[1] == 0 && p[2] == 0 && p[3] == 1; }
-
-// The colour box as the profile asks for it; the same rules as for H.264 entries.
-ccolr* newColr(const videoTags* tags) {
-  auto* colr = new ccolr();
-  colr->_colour_type = (tags->file_type != 0 && !tags->video_colr_use_nclc) ? FCC("nclx") : FCC("nclc");
-  const unsigned c = tags->video_color_param;
-  const unsigned low = c & 0x7F;
-  colr->_not_bt709 = static_cast<uint8_t>(low);
-  if (low) {
-    colr->_full_range = (c & 0x80) ? 1 : 0;
-    colr->_primaries = 6;
-    colr->_transfer = 1;
-    colr->_matrix = 6;
-  } else {
-    colr->_full_range = (c & 0x80) ? 0 : 1;
-    colr->_primaries = 1;
-    colr->_transfer = 1;
-    colr->_matrix = 1;
-  }
-  if (const uint64_t cus = tags->video_cus_color_param) {
-    colr->_primaries = static_cast<uint16_t>(cus & 0xff);
-    colr->_transfer = static_cast<uint16_t>((cus >> 16) & 0xff);
-    colr->_matrix = static_cast<uint16_t>((cus >> 32) & 0xff);
-  }
-  return colr;
-}
 
 }  // namespace
 
@@ -101,27 +76,9 @@ bool StreamHevc::buildTrak(videoTags* tags) {
   if (para.rsvdSeconds > 0 && !_concate) _rsvdSize = den ? static_cast<unsigned>(num * para.rsvdSeconds / den) : 0;
   if (Debug()) LOGL << "Video rsvdSize: " << _rsvdSize;
 
-  // Reservations of the tables on file for the planned number of frames N, k * N / div.
-  auto reserve = [&](long long k, long long div) -> long long {
-    if (!den) return 0;
-    const long long v = k * _planSeconds * num / den;
-    return div > 1 ? v / div : v;
+  auto table = [&](IBox* stbl, StblKind kind) {
+    addTable(stbl, kind, tags, VideoTableReserve(kind, _frameRate, _planSeconds, para.fixedRate, tags->videosampleperchunk));
   };
-  auto reserved = [&](StblKind kind) -> long long {
-    const unsigned vspc = tags->videosampleperchunk;
-    switch (kind) {
-      case StblKind::stts: return para.fixedRate ? 32 : reserve(8, 1);
-      case StblKind::ctts: return reserve(16, 3);
-      case StblKind::stss: return reserve(4, 15);
-      case StblKind::sdtp: return reserve(1, 1);
-      case StblKind::stsc: return vspc <= 1 ? 32768 : reserve(12, vspc);
-      case StblKind::stsz: return reserve(4, 1);
-      case StblKind::stco: return reserve(4, 1);
-      case StblKind::co64: return reserve(8, 1);
-    }
-    return 0;
-  };
-  auto table = [&](IBox* stbl, StblKind kind) { addTable(stbl, kind, tags, reserved(kind)); };
 
   IMedia* media = _media;
   const unsigned char version = _version1 ? 1 : 0;
@@ -152,83 +109,30 @@ bool StreamHevc::buildTrak(videoTags* tags) {
   stsd->Add(hvc1);
   auto* hvcc = new chvcC();
   hvc1->Add(hvcc);
-  if (tags->video_has_color_param) hvc1->Add(newColr(tags));
+  if (tags->video_has_color_param) hvc1->Add(NewVideoColr(*tags));
   _chunkList = stbl->ChunkList();
 
   // ---- the fields
   int width = 1920;
   int height = 1080;
-  bool interlace = false;
-  if (!media || !media->Get("width", width)) {
-    LOGE << "!_media->Get(\"width\", width)";
+  if (const char* missing = ReadPictureSize(media, width, height)) {
+    LOGE << missing;
     return false;
   }
-  if (!media->Get("height", height)) {
-    LOGE << "!_media->Get(\"height\", height)";
-    return false;
-  }
-  if (!media->Get("interlace", interlace)) {
-    LOGE << "!_media->Get(\"interlace\", interlace)";
-    return false;
-  }
-  if (interlace) height *= 2;
   LOGI << "width : " << width << "," << "height : " << height;
   _scale.Scale(tags->timescale);
 
-  tkhd->_track_id = static_cast<unsigned>(_trackId);
-  tkhd->_width = static_cast<unsigned short>(width);
-  tkhd->_height = static_cast<unsigned short>(height);
-  tkhd->Flags(tags->tkhd_flags);
-  if (tags->video_track_matrix) std::memcpy(tkhd->_matrix, tags->video_track_matrix, sizeof tkhd->_matrix);
-  boxes.mdhd->_timescale = tags->timescale;
-  boxes.hdlr->_component_type = tags->video_handler_type;
-  boxes.hdlr->_component_subtype = FCC("vide");
-  boxes.hdlr->_component_manufacturer = tags->manufacturer;
-  boxes.hdlr->ComponentName(tags->vidhandercomname, tags->vidhandercomnamelen);
-  vmhd->Flags(1);
-  boxes.alis->Flags(1);
+  FillVideoTkhd(*tkhd, *tags, _trackId, width, height);
+  FillVideoMedia(boxes, *vmhd, *tags, tags->video_handler_type);
+  FillVisualEntry(*hvc1, *tags, width, height, tags->temporal_quality, tags->spatial_quality);
 
-  hvc1->_vendor = tags->vendor;
-  hvc1->_temporal_quality = tags->temporal_quality;
-  hvc1->_spatial_quality = tags->spatial_quality;
-  hvc1->_width = static_cast<uint16_t>(width);
-  hvc1->_height = static_cast<uint16_t>(height);
-  hvc1->_horizontal_resolution = 0x480000;
-  hvc1->_vertical_resolution = 0x480000;
-  hvc1->_frame_count = 1;
-  hvc1->CompressorName(static_cast<unsigned char>(tags->compressorlen), tags->compressorname,
-                       cvmsi::kCompressorNameSize);
-  hvc1->_depth = 24;
-  hvc1->_color_table_id = 0xffff;
-
-  unsigned profile = 0, level = 0, ipps = 0, isps = 0, ivps = 0;
-  unsigned char* pps = nullptr;
-  unsigned char* sps = nullptr;
+  ParamSetKeys keys;
+  if (const char* missing = ReadParamSetKeys(*media, keys)) {
+    LOGE << missing;
+    return false;
+  }
+  unsigned ivps = 0;
   unsigned char* vps = nullptr;
-  if (!media->Get("profile", profile)) {
-    LOGE << "!_media->Get(\"profile\", profile)";
-    return false;
-  }
-  if (!media->Get("level", level)) {
-    LOGE << "!_media->Get(\"level\", level)";
-    return false;
-  }
-  if (!media->Get("pps", pps)) {
-    LOGE << "!_media->Get(\"pps\", pps)";
-    return false;
-  }
-  if (!media->Get("ipps", ipps)) {
-    LOGE << "!_media->Get(\"ipps\", ipps)";
-    return false;
-  }
-  if (!media->Get("sps", sps)) {
-    LOGE << "!_media->Get(\"sps\", sps)";
-    return false;
-  }
-  if (!media->Get("isps", isps)) {
-    LOGE << "!_media->Get(\"isps\", isps)";
-    return false;
-  }
   if (!media->Get("vps", vps)) {
     LOGE << "!_media->Get(\"vps\", vps)";
     return false;
@@ -237,16 +141,16 @@ bool StreamHevc::buildTrak(videoTags* tags) {
     LOGE << "!_media->Get(\"ivps\", ivps)";
     return false;
   }
-  _extraSize = ipps + isps + ivps;
+  _extraSize = keys.ipps + keys.isps + ivps;
 
   hvcc->_configuration_version = 1;
-  hvcc->_profile = static_cast<uint8_t>(profile);
-  hvcc->_level = static_cast<uint8_t>(level);
+  hvcc->_profile = static_cast<uint8_t>(keys.profile);
+  hvcc->_level = static_cast<uint8_t>(keys.level);
   // A set without bytes is left out of the record rather than written as zeros.
-  hvcc->_pps = pps;
-  hvcc->_pps_size = pps ? static_cast<uint16_t>(std::min(ipps, 0xffffu)) : 0;
-  hvcc->_sps = sps;
-  hvcc->_sps_size = sps ? static_cast<uint16_t>(std::min(isps, 0xffffu)) : 0;
+  hvcc->_pps = keys.pps;
+  hvcc->_pps_size = keys.pps ? static_cast<uint16_t>(std::min(keys.ipps, 0xffffu)) : 0;
+  hvcc->_sps = keys.sps;
+  hvcc->_sps_size = keys.sps ? static_cast<uint16_t>(std::min(keys.isps, 0xffffu)) : 0;
   hvcc->_vps = vps;
   hvcc->_vps_size = vps ? static_cast<uint16_t>(std::min(ivps, 0xffffu)) : 0;
   // The record decodes its profile, chroma format and depths from the sets in start-code form.

@@ -11,6 +11,7 @@
 #include "stream/plugin/mp4/common/Stbl.h"
 #include "stream/plugin/mp4/common/StblFile.h"
 #include "stream/plugin/mp4/common/Stsd.h"
+#include "stream/plugin/mp4/common/VideoEntry.h"
 #include "stream/plugin/mp4/demux/StreamDemuxer.h"
 
 namespace kiv {
@@ -24,32 +25,6 @@ namespace {
 void releasePacket(Packet*& p) { kiv::base::Release(p); }
 
 }  // namespace
-
-ccolr* NewVideoColr(const videoTags& tags) {
-  auto* colr = new ccolr();
-  colr->_colour_type = (tags.file_type != 0 && !tags.video_colr_use_nclc) ? FCC("nclx") : FCC("nclc");
-  const unsigned c = tags.video_color_param;
-  const unsigned low = c & 0x7F;
-  colr->_not_bt709 = static_cast<uint8_t>(low);
-  if (low) {
-    colr->_full_range = (c & 0x80) ? 1 : 0;
-    colr->_primaries = 6;
-    colr->_transfer = 1;
-    colr->_matrix = 6;
-  } else {
-    // The opposite sense of the bit in this case, as the profiles in the field expect it.
-    colr->_full_range = (c & 0x80) ? 0 : 1;
-    colr->_primaries = 1;
-    colr->_transfer = 1;
-    colr->_matrix = 1;
-  }
-  if (const uint64_t cus = tags.video_cus_color_param) {
-    colr->_primaries = static_cast<uint16_t>(cus & 0xff);
-    colr->_transfer = static_cast<uint16_t>((cus >> 16) & 0xff);
-    colr->_matrix = static_cast<uint16_t>((cus >> 32) & 0xff);
-  }
-  return colr;
-}
 
 StreamJpeg::StreamJpeg() : IStream("mjpg") {}
 
@@ -102,20 +77,10 @@ bool StreamJpeg::muxConfig(kiv::base::Object* tagsObject) {
   // ---- the fields
   int width = 1920;
   int height = 1080;
-  bool interlace = false;
-  if (!_media || !_media->Get("width", width)) {
-    LOGE << "!_media->Get(\"width\", width)";
+  if (const char* missing = ReadPictureSize(_media, width, height)) {
+    LOGE << missing;
     return false;
   }
-  if (!_media->Get("height", height)) {
-    LOGE << "!_media->Get(\"height\", height)";
-    return false;
-  }
-  if (!_media->Get("interlace", interlace)) {
-    LOGE << "!_media->Get(\"interlace\", interlace)";
-    return false;
-  }
-  if (interlace) height *= 2;
   LOGI << "width : " << width << "," << "height : " << height;
 
   _scale.Scale(tags->timescale);
@@ -123,26 +88,8 @@ bool StreamJpeg::muxConfig(kiv::base::Object* tagsObject) {
   tkhd->_width = static_cast<unsigned short>(width);
   tkhd->_height = static_cast<unsigned short>(height);
   tkhd->Flags(15);
-  media.mdhd->_timescale = tags->timescale;
-  media.hdlr->_component_type = FCC("mhlr");
-  media.hdlr->_component_subtype = FCC("vide");
-  media.hdlr->_component_manufacturer = tags->manufacturer;
-  media.hdlr->ComponentName(tags->vidhandercomname, tags->vidhandercomnamelen);
-  vmhd->Flags(1);
-  media.alis->Flags(1);
-
-  jpeg->_vendor = tags->vendor;
-  jpeg->_temporal_quality = 512;
-  jpeg->_spatial_quality = 512;
-  jpeg->_width = static_cast<uint16_t>(width);
-  jpeg->_height = static_cast<uint16_t>(height);
-  jpeg->_horizontal_resolution = 0x480000;
-  jpeg->_vertical_resolution = 0x480000;
-  jpeg->_frame_count = 1;
-  jpeg->CompressorName(static_cast<unsigned char>(tags->compressorlen), tags->compressorname,
-                       cvmsi::kCompressorNameSize);
-  jpeg->_depth = 24;
-  jpeg->_color_table_id = 0xffff;
+  FillVideoMedia(media, *vmhd, *tags, FCC("mhlr"));
+  FillVisualEntry(*jpeg, *tags, width, height, 512, 512);
 
   if (vspc < 2) return true;
   _groupFrames = static_cast<int>(vspc);

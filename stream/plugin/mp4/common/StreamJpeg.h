@@ -10,11 +10,6 @@ namespace kiv {
 namespace plugin {
 namespace mov {
 
-class ccolr;
-
-// The "colr" box a video entry carries when the profile asks for one.
-ccolr* NewVideoColr(const videoTags& tags);
-
 class StreamJpeg : public IStream {
  public:
   StreamJpeg();
