@@ -16,6 +16,7 @@
 #include "stream/plugin/mp4/common/Stbl.h"
 #include "stream/plugin/mp4/common/StblFile.h"
 #include "stream/plugin/mp4/common/Stsd.h"
+#include "stream/plugin/mp4/common/VideoChunks.h"
 #include "stream/plugin/mp4/common/VideoEntry.h"
 #include "stream/plugin/mp4/demux/StreamDemuxer.h"
 
@@ -23,11 +24,11 @@ namespace kiv {
 namespace plugin {
 namespace mov {
 
-using kiv::base::Fraction;
-
 namespace {
 
-void releasePacket(Packet*& p) { kiv::base::Release(p); }
+long long writeSample(IStream& track, IO& io, Packet& packet) {
+  return static_cast<StreamH264&>(track).WriteData(io, packet);
+}
 
 }  // namespace
 
@@ -71,32 +72,21 @@ bool StreamH264::muxConfig(kiv::base::Object* tagsObject) {
   if (!ok) return false;
 
   if (tags->videosampleperchunk < 2) return true;
-  groupSetup(tags, true);
+  _spc = tags->videosampleperchunk;
+  VideoChunks(*this, _fifo, _firstChunkMs, _chunkCount, writeSample).Setup(_spc, *tags, true);
   return true;
 }
 
-void StreamH264::groupSetup(videoTags* tags, bool scratch) {
-  _spc = tags->videosampleperchunk;
-  const int capacity = _spc ? static_cast<int>(2 * _spc) : 4;
-  // Packets already waiting stay: the fifo only changes its bound when it exists.
-  if (!_fifo || !_fifo->Remax(capacity)) {
-    if (!_fifo) _fifo = new PacketFifo(capacity, releasePacket);
-  }
-  if (scratch && _fragmented) allocScratch(2 * _spc);
-  _chunkLeads = tags->audio_chunk_first ? 0 : 1;
-  _firstChunkMs = 0;
-}
-
 bool StreamH264::muxTagSet(videoTags* tags) {
-  if (tags && tags->videosampleperchunk > 1) groupSetup(tags, false);
+  if (tags && tags->videosampleperchunk > 1) {
+    _spc = tags->videosampleperchunk;
+    VideoChunks(*this, _fifo, _firstChunkMs, _chunkCount, writeSample).Setup(_spc, *tags, false);
+  }
   return true;
 }
 
 bool StreamH264::muxUpdate() {
-  // With B-frames the first time stamp is hidden behind the edit list.
-  if (!_trak || _struct != FCC("ibbp")) return true;
-  auto* elst = dynamic_cast<celst*>(_trak->Find("elst"));
-  if (elst && !elst->_items.empty()) elst->_items[0].media_time = _firstPts & 0xffffffffLL;
+  VideoChunks::HideFirstPts(*this, _struct);
   return true;
 }
 
@@ -107,90 +97,15 @@ void StreamH264::ConcateModeUpdate() { concateFill(); }
 int StreamH264::MuxOffset(const Packet&) { return 0; }
 
 int StreamH264::AddChunk(const Packet& packet, unsigned long long offset, int flag) {
-  const size_t before = _chunkList ? _chunkList->size() : 0;
-  const int size = IStream::AddChunk(packet, offset, flag);
-  if (!_chunkList || _chunkList->size() == before) return size;
-  ChunkParam& r = _chunkList->back();
-  if (_spc > 1) r.count = _spc;
-  if (_addSamples) r.count += _addSamples;
-  if (param().fixedRate) {
-    auto zero = [](const Fraction& f) { return f.Den() == 0 || f.Num() / f.Den() == 0; };
-    if (zero(_frameRate) && packet.media) packet.media->Get("framerate", _frameRate);
-    if (zero(_frameRate)) return size;
-    r.duration = static_cast<uint32_t>(_frameRate.Den() * _scale.Scale() / _frameRate.Num());
-  }
-  return size;
-}
-
-long long StreamH264::writeGroup(IO& io, unsigned n) {
-  long long sum = 0;
-  for (unsigned i = 0; i < n; ++i) {
-    Packet* p = nullptr;
-    if (!_fifo->pop(p) || !p) break;
-    AddChunk(*p, 0, 0);
-    sum += WriteData(io, *p);
-    if (i + 1 < n) ConcateModeUpdate();
-    kiv::base::Release(p);
-  }
-  return sum;
+  return VideoChunks::Record(*this, packet, offset, flag, _spc, _frameRate);
 }
 
 long long StreamH264::AddData(IO& io, Packet& packet, unsigned long long leader) {
-  const long long pos = io.Position();
-  const int size = packet.Size();
-  if (!_fifo) {
-    AddChunk(packet, size ? static_cast<unsigned long long>(pos) : 0, 0);
-    const long long written = WriteData(io, packet);
-    ConcateModeUpdate();
-    return written;
-  }
-
-  const bool held = holdInFifo(*_fifo, packet);
-  if (_fragmented) {
-    if (held)
-      pushScratch(static_cast<unsigned>(size), static_cast<uint16_t>(_scale.FromMs(packet.duration / 1000000)));
-  } else if (_chunkLeads == 0 && !mdatHasContent()) {
-    return 0;  // a following track writes nothing before the leader has
-  }
-  if (_fifo->Size() < static_cast<int>(_spc)) return 0;
-  if (_chunkLeads == 0 && static_cast<unsigned long long>(_duration) + _firstChunkMs / 2 > leader) return 0;
-
-  if (_fragmented) {
-    createmoof(io, true, _spc, static_cast<unsigned>(_firstPts), false);
-    // What came in behind the group moves to the front of the scratch arrays.
-    const unsigned rest = _sizeCount > _spc ? _sizeCount - _spc : 0;
-    if (rest) {
-      std::memmove(_sizeList, _sizeList + _spc, rest * sizeof(unsigned));
-      std::memmove(_ptsList, _ptsList + _spc, rest * sizeof(unsigned));
-    }
-    _sizeCount = rest;
-    _ptsCount = rest;
-  }
-
-  const long long sum = writeGroup(io, _spc);
-  // The group's position closes its chunk, in the group's last record.
-  if (_chunkList && !_chunkList->empty()) _chunkList->back().offset = size ? static_cast<unsigned long long>(pos) : 0;
-  ++_chunkCount;
-  if (_chunkCount == 1) _firstChunkMs = static_cast<unsigned long long>(_duration);
-  ConcateModeUpdate();
-  return sum;
+  return VideoChunks(*this, _fifo, _firstChunkMs, _chunkCount, writeSample).Add(io, packet, leader, _spc);
 }
 
 bool StreamH264::CleanFifoData(IO& io, unsigned long long) {
-  if (!_fifo || _spc == 0) return true;
-  // Only whole groups: the rest of the fifo is dropped with it.
-  while (_fifo->Size() >= static_cast<int>(_spc)) {
-    const long long pos = io.Position();
-    if (_fragmented) {
-      createmoof(io, true, _spc, static_cast<unsigned>(_firstPts), false);
-      _sizeCount = 0;
-      _ptsCount = 0;
-    }
-    const long long sum = writeGroup(io, _spc);
-    if (_chunkList && !_chunkList->empty()) _chunkList->back().offset = static_cast<unsigned long long>(pos);
-    growMdat(sum);
-    ConcateModeUpdate();
-  }
+  VideoChunks(*this, _fifo, _firstChunkMs, _chunkCount, writeSample).Flush(io, _spc);
   return true;
 }
 

@@ -66,12 +66,6 @@ class StreamH264 : public IStream {
   kiv::base::Fraction _frameRate{0, 0};  // property "frameRate", set by the engine
   uint32_t _struct = 0;                  // media "struct": "ibbp" (B-frames), "iiii" (all intra)
 
- protected:
-  // The fifo and the grouping for a profile with several samples a chunk.
-  void groupSetup(videoTags* tags, bool scratch);
-  // Pops n packets of the fifo and writes them as the records of one chunk; the caller puts the
-  // chunk's position into the last record. Returns the bytes written.
-  long long writeGroup(IO& io, unsigned n);
 };
 
 }  // namespace mov

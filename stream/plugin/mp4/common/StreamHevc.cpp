@@ -14,6 +14,7 @@
 #include "stream/plugin/mp4/common/Stbl.h"
 #include "stream/plugin/mp4/common/StblFile.h"
 #include "stream/plugin/mp4/common/Stsd.h"
+#include "stream/plugin/mp4/common/VideoChunks.h"
 #include "stream/plugin/mp4/common/VideoEntry.h"
 #include "stream/plugin/mp4/demux/StreamDemuxer.h"
 
@@ -21,15 +22,15 @@ namespace kiv {
 namespace plugin {
 namespace mov {
 
-using kiv::base::Fraction;
-
 namespace {
 
 constexpr unsigned char kStartCode[4] = {0, 0, 0, 1};
 
-void releasePacket(Packet*& p) { kiv::base::Release(p); }
-
 bool isStartCode(const unsigned char* p) { return p[0] == 0 && p[1] == 0 && p[2] == 0 && p[3] == 1; }
+
+long long writeSample(IStream& track, IO& io, Packet& packet) {
+  return static_cast<StreamHevc&>(track).WriteData(io, packet);
+}
 
 }  // namespace
 
@@ -61,7 +62,8 @@ bool StreamHevc::muxConfig(kiv::base::Object* tagsObject) {
   if (!ok) return false;
   if (tags->videosampleperchunk > 1) {
     LOGI << "video sample per chunk: " << tags->videosampleperchunk;
-    groupSetup(tags, true);
+    _groupFrames = static_cast<int>(tags->videosampleperchunk);
+    VideoChunks(*this, _fifo, _firstChunkMs, _chunkCount, writeSample).Setup(groupSize(), *tags, true);
   }
   // Without a sync table every sample is a sync sample.
   if (_trak && !_trak->Find("stss") && _chunkList)
@@ -158,29 +160,16 @@ bool StreamHevc::buildTrak(videoTags* tags) {
   return true;
 }
 
-void StreamHevc::groupSetup(videoTags* tags, bool scratch) {
-  _groupFrames = static_cast<int>(tags->videosampleperchunk);
-  const unsigned n = groupSize();
-  const int capacity = static_cast<int>(2 * n);
-  // Packets already waiting stay: the fifo only changes its bound when it exists.
-  if (!_fifo || !_fifo->Remax(capacity)) {
-    if (!_fifo) _fifo = new PacketFifo(capacity, releasePacket);
-  }
-  if (scratch && _fragmented) allocScratch(2 * n);
-  _chunkLeads = tags->audio_chunk_first ? 0 : 1;
-  _firstChunkMs = 0;
-}
-
 bool StreamHevc::muxTagSet(videoTags* tags) {
-  if (tags && tags->videosampleperchunk > 1) groupSetup(tags, false);
+  if (tags && tags->videosampleperchunk > 1) {
+    _groupFrames = static_cast<int>(tags->videosampleperchunk);
+    VideoChunks(*this, _fifo, _firstChunkMs, _chunkCount, writeSample).Setup(groupSize(), *tags, false);
+  }
   return true;
 }
 
 bool StreamHevc::muxUpdate() {
-  // With B-frames the first time stamp is hidden behind the edit list.
-  if (!_trak || _struct != FCC("ibbp")) return true;
-  auto* elst = dynamic_cast<celst*>(_trak->Find("elst"));
-  if (elst && !elst->_items.empty()) elst->_items[0].media_time = _firstPts & 0xffffffffLL;
+  VideoChunks::HideFirstPts(*this, _struct);
   return true;
 }
 
@@ -195,89 +184,15 @@ int StreamHevc::MuxOffset(const Packet& packet) {
 }
 
 int StreamHevc::AddChunk(const Packet& packet, unsigned long long offset, int flag) {
-  const size_t before = _chunkList ? _chunkList->size() : 0;
-  const int size = IStream::AddChunk(packet, offset, flag);
-  if (!_chunkList || _chunkList->size() == before) return size;
-  ChunkParam& r = _chunkList->back();
-  if (groupSize() != 1) r.count = groupSize();
-  if (_addSamples) r.count += _addSamples;
-  if (param().fixedRate) {
-    auto zero = [](const Fraction& f) { return f.Den() == 0 || f.Num() / f.Den() == 0; };
-    if (zero(_frameRate) && packet.media) packet.media->Get("framerate", _frameRate);
-    if (zero(_frameRate)) return size;
-    r.duration = static_cast<uint32_t>(_frameRate.Den() * _scale.Scale() / _frameRate.Num());
-  }
-  return size;
-}
-
-long long StreamHevc::writeGroup(IO& io, unsigned n) {
-  long long sum = 0;
-  for (unsigned i = 0; i < n; ++i) {
-    Packet* p = nullptr;
-    if (!_fifo->pop(p) || !p) break;
-    AddChunk(*p, 0, 0);
-    sum += WriteData(io, *p);
-    if (i + 1 < n) ConcateModeUpdate();
-    kiv::base::Release(p);
-  }
-  return sum;
+  return VideoChunks::Record(*this, packet, offset, flag, groupSize(), _frameRate);
 }
 
 long long StreamHevc::AddData(IO& io, Packet& packet, unsigned long long leader) {
-  const long long pos = io.Position();
-  const int size = packet.Size();
-  if (!_fifo) {
-    AddChunk(packet, size ? static_cast<unsigned long long>(pos) : 0, 0);
-    const long long written = WriteData(io, packet);
-    ConcateModeUpdate();
-    return written;
-  }
-  const unsigned spc = groupSize();
-  const bool held = holdInFifo(*_fifo, packet);
-  if (_fragmented) {
-    if (held)
-      pushScratch(static_cast<unsigned>(size), static_cast<uint16_t>(_scale.FromMs(packet.duration / 1000000)));
-  } else if (_chunkLeads == 0 && !mdatHasContent()) {
-    return 0;  // a following track writes nothing before the leader has
-  }
-  if (_fifo->Size() < static_cast<int>(spc)) return 0;
-  if (_chunkLeads == 0 && static_cast<unsigned long long>(_duration) + _firstChunkMs / 2 > leader) return 0;
-
-  if (_fragmented) {
-    createmoof(io, true, spc, static_cast<unsigned>(_firstPts), false);
-    const unsigned rest = _sizeCount > spc ? _sizeCount - spc : 0;
-    if (rest) {
-      std::memmove(_sizeList, _sizeList + spc, rest * sizeof(unsigned));
-      std::memmove(_ptsList, _ptsList + spc, rest * sizeof(unsigned));
-    }
-    _sizeCount = rest;
-    _ptsCount = rest;
-  }
-  const long long sum = writeGroup(io, spc);
-  // The group's position closes its chunk, in the group's last record.
-  if (_chunkList && !_chunkList->empty()) _chunkList->back().offset = size ? static_cast<unsigned long long>(pos) : 0;
-  ++_chunkCount;
-  if (_chunkCount == 1) _firstChunkMs = static_cast<unsigned long long>(_duration);
-  ConcateModeUpdate();
-  return sum;
+  return VideoChunks(*this, _fifo, _firstChunkMs, _chunkCount, writeSample).Add(io, packet, leader, groupSize());
 }
 
 bool StreamHevc::CleanFifoData(IO& io, unsigned long long) {
-  if (!_fifo) return true;
-  const unsigned spc = groupSize();
-  // Only whole groups: the rest of the fifo is dropped with it.
-  while (_fifo->Size() >= static_cast<int>(spc)) {
-    const long long pos = io.Position();
-    if (_fragmented) {
-      createmoof(io, true, spc, static_cast<unsigned>(_firstPts), false);
-      _sizeCount = 0;
-      _ptsCount = 0;
-    }
-    const long long sum = writeGroup(io, spc);
-    if (_chunkList && !_chunkList->empty()) _chunkList->back().offset = static_cast<unsigned long long>(pos);
-    growMdat(sum);
-    ConcateModeUpdate();
-  }
+  VideoChunks(*this, _fifo, _firstChunkMs, _chunkCount, writeSample).Flush(io, groupSize());
   return true;
 }
 

@@ -11,6 +11,7 @@
 #include "stream/plugin/mp4/common/Stbl.h"
 #include "stream/plugin/mp4/common/StblFile.h"
 #include "stream/plugin/mp4/common/Stsd.h"
+#include "stream/plugin/mp4/common/VideoChunks.h"
 #include "stream/plugin/mp4/common/VideoEntry.h"
 #include "stream/plugin/mp4/demux/StreamDemuxer.h"
 
@@ -18,11 +19,19 @@ namespace kiv {
 namespace plugin {
 namespace mov {
 
-using kiv::base::Fraction;
-
 namespace {
 
 void releasePacket(Packet*& p) { kiv::base::Release(p); }
+
+// The picture's bytes go to the file untouched.
+long long writeSample(IStream&, IO& io, Packet& packet) {
+  if (!packet.Data() || packet.Size() <= 0) return 0;
+  const long long written = io.Write(packet.Data(), packet.Size());
+  return written > 0 ? written : 0;
+}
+
+// A group closed by an empty packet is recorded without its bytes.
+long long recordOnly(IStream&, IO&, Packet&) { return 0; }
 
 }  // namespace
 
@@ -109,94 +118,19 @@ void StreamJpeg::ConcateModeUpdate() { concateFill(); }
 int StreamJpeg::MuxOffset(const Packet&) { return 0; }
 
 int StreamJpeg::AddChunk(const Packet& packet, unsigned long long offset, int flag) {
-  const size_t before = _chunkList ? _chunkList->size() : 0;
-  const int size = IStream::AddChunk(packet, offset, flag);
-  if (!_chunkList || _chunkList->size() == before) return size;
-  ChunkParam& r = _chunkList->back();
   // The record's count stays 1 in a group: stsc comes from the walk over the records' offsets.
-  if (_addSamples) r.count += _addSamples;
-  if (param().fixedRate) {
-    auto zero = [](const Fraction& f) { return f.Den() == 0 || f.Num() / f.Den() == 0; };
-    if (zero(_frameRate) && packet.media) packet.media->Get("framerate", _frameRate);
-    if (zero(_frameRate)) return size;
-    r.duration = static_cast<uint32_t>(_frameRate.Den() * _scale.Scale() / _frameRate.Num());
-  }
-  return size;
-}
-
-long long StreamJpeg::writeGroup(IO& io, unsigned n, bool write) {
-  long long sum = 0;
-  for (unsigned i = 0; i < n; ++i) {
-    Packet* p = nullptr;
-    if (!_fifo->pop(p) || !p) break;
-    AddChunk(*p, 0, 0);
-    if (write && p->Data() && p->Size() > 0) {
-      const long long w = io.Write(p->Data(), p->Size());
-      if (w > 0) sum += w;
-    }
-    if (i + 1 < n) ConcateModeUpdate();
-    kiv::base::Release(p);
-  }
-  return sum;
+  return VideoChunks::Record(*this, packet, offset, flag, 1, _frameRate);
 }
 
 long long StreamJpeg::AddData(IO& io, Packet& packet, unsigned long long leader) {
-  const long long pos = io.Position();
-  const int size = packet.Size();
-  if (!_fifo) {
-    AddChunk(packet, size ? static_cast<unsigned long long>(pos) : 0, 0);
-    long long written = 0;
-    if (size > 0 && packet.Data()) written = io.Write(packet.Data(), size);
-    ConcateModeUpdate();
-    return written > 0 ? written : 0;
-  }
-
-  const bool held = holdInFifo(*_fifo, packet);
-  if (_fragmented) {
-    if (held)
-      pushScratch(static_cast<unsigned>(size), static_cast<uint16_t>(_scale.FromMs(packet.duration / 1000000)));
-  } else if (_chunkLeads == 0 && !mdatHasContent()) {
-    return 0;  // a following track writes nothing before the leader has
-  }
-  const unsigned group = static_cast<unsigned>(_groupFrames);
-  if (_fifo->Size() < _groupFrames) return 0;
-  if (_chunkLeads == 0 && static_cast<unsigned long long>(_duration) + _firstChunkMs / 2 > leader) return 0;
-
-  if (_fragmented) {
-    createmoof(io, true, group, static_cast<unsigned>(_firstPts), false);
-    const unsigned rest = _sizeCount > group ? _sizeCount - group : 0;
-    if (rest) {
-      std::memmove(_sizeList, _sizeList + group, rest * sizeof(unsigned));
-      std::memmove(_ptsList, _ptsList + group, rest * sizeof(unsigned));
-    }
-    _sizeCount = rest;
-    _ptsCount = rest;
-  }
-
-  const long long sum = writeGroup(io, group, size != 0);
-  if (_chunkList && !_chunkList->empty()) _chunkList->back().offset = size ? static_cast<unsigned long long>(pos) : 0;
-  ++_chunkCount;
-  if (_chunkCount == 1) _firstChunkMs = static_cast<unsigned long long>(_duration);
-  ConcateModeUpdate();
-  return sum;
+  const VideoChunks::Write write = packet.Size() != 0 ? writeSample : recordOnly;
+  return VideoChunks(*this, _fifo, _firstChunkMs, _chunkCount, write)
+      .Add(io, packet, leader, static_cast<unsigned>(_groupFrames));
 }
 
 bool StreamJpeg::CleanFifoData(IO& io, unsigned long long) {
-  if (!_fifo || _groupFrames < 1) return true;
-  const unsigned group = static_cast<unsigned>(_groupFrames);
-  // Only whole groups: a rest smaller than a group goes with the fifo.
-  while (_fifo->Size() >= _groupFrames) {
-    const long long pos = io.Position();
-    if (_fragmented) {
-      createmoof(io, true, group, static_cast<unsigned>(_firstPts), false);
-      _sizeCount = 0;
-      _ptsCount = 0;
-    }
-    const long long sum = writeGroup(io, group, true);
-    if (_chunkList && !_chunkList->empty()) _chunkList->back().offset = static_cast<unsigned long long>(pos);
-    growMdat(sum);
-    ConcateModeUpdate();
-  }
+  if (_groupFrames < 1) return true;
+  VideoChunks(*this, _fifo, _firstChunkMs, _chunkCount, writeSample).Flush(io, static_cast<unsigned>(_groupFrames));
   return true;
 }
 
