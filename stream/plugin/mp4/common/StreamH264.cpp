@@ -142,50 +142,9 @@ bool StreamH264::SetAVCInfo(const Packet& packet) {
   const int n = packet.Size();
   if (!d) return true;
   // The sets found, laid out in the box's own buffer as a read box has them: SPS, then PPS.
-  const unsigned char* spsAt = nullptr;
-  const unsigned char* ppsAt = nullptr;
-  unsigned spsLen = 0, ppsLen = 0;
-  auto layout = [&]() {
-    unsigned char tmp[cavcC::kBufferSize] = {};
-    const unsigned s = static_cast<unsigned>(std::min<size_t>(spsLen, cavcC::kBufferSize));
-    const unsigned p = static_cast<unsigned>(std::min<size_t>(ppsLen, cavcC::kBufferSize - s));
-    if (s < spsLen || p < ppsLen) LOGE << "sps " << spsLen << " + pps " << ppsLen << " cut to the avcC buffer";
-    if (s) std::memcpy(tmp, spsAt, s);
-    if (p) std::memcpy(tmp + s, ppsAt, p);
-    std::memcpy(avcc->_buffer, tmp, sizeof tmp);
-    if (spsAt) {
-      avcc->_sps = avcc->_buffer;
-      avcc->_sps_size = static_cast<uint16_t>(s);
-    }
-    if (ppsAt) {
-      avcc->_pps = avcc->_buffer + s;
-      avcc->_pps_size = static_cast<uint16_t>(p);
-    }
-  };
-  int prev = -1;
-  for (int i = 0; n - i >= 6; ++i) {
-    if (!AvcIsStartCode(d + i)) continue;
-    if (prev >= 0 && _extraSize == 0) {
-      // The unit that ends at this start code.
-      const unsigned char* body = d + prev + 4;
-      const unsigned len = static_cast<unsigned>(i - prev - 4);
-      const unsigned type = len ? (body[0] & 31) : 0;
-      if (type == 7) {
-        spsAt = body;
-        spsLen = len;
-        layout();
-      } else if (type == 8) {
-        ppsAt = body;
-        ppsLen = len;
-        layout();
-      }
-      if (avcc->_sps_size && avcc->_pps_size) {
-        _extraSize = avcc->_sps_size + avcc->_pps_size;
-        break;
-      }
-    }
-    prev = i;
-  }
+  TakeSpsPps<cavcC::kBufferSize>(d, n, *avcc, avcc->_buffer, _extraSize, nullptr, [](unsigned sps, unsigned pps) {
+    LOGE << "sps " << sps << " + pps " << pps << " cut to the avcC buffer";
+  });
   return true;
 }
 

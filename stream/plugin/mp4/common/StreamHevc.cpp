@@ -9,6 +9,7 @@
 #include "stream/core/Packet.h"
 #include "stream/plugin/mp4/BoxWeave.h"
 #include "stream/plugin/mp4/VideoTag.h"
+#include "stream/plugin/mp4/common/AvcNal.h"
 #include "stream/plugin/mp4/common/Box.h"
 #include "stream/plugin/mp4/common/Hvcc.h"
 #include "stream/plugin/mp4/common/Stbl.h"
@@ -221,51 +222,10 @@ bool StreamHevc::SetHVCInfo(const Packet& packet) {
   if (!d) return true;
   // The sets found, laid out in the record's own buffer: SPS, then PPS. The type test is the one of
   // H.264 headers, as the devices in the field have always made it.
-  const unsigned char* spsAt = nullptr;
-  const unsigned char* ppsAt = nullptr;
-  unsigned spsLen = 0, ppsLen = 0;
-  auto layout = [&]() {
-    unsigned char tmp[chvcC::kNalBufSize] = {};
-    const unsigned s = static_cast<unsigned>(std::min<size_t>(spsLen, chvcC::kNalBufSize));
-    const unsigned p = static_cast<unsigned>(std::min<size_t>(ppsLen, chvcC::kNalBufSize - s));
-    if (s < spsLen || p < ppsLen) LOGE << "sps " << spsLen << " + pps " << ppsLen << " cut to the hvcC buffer";
-    if (s) std::memcpy(tmp, spsAt, s);
-    if (p) std::memcpy(tmp + s, ppsAt, p);
-    std::memcpy(hvcc->_nal_buf, tmp, sizeof tmp);
-    hvcc->_nal_size = s + p;
-    if (spsAt) {
-      hvcc->_sps = hvcc->_nal_buf;
-      hvcc->_sps_size = static_cast<uint16_t>(s);
-    }
-    if (ppsAt) {
-      hvcc->_pps = hvcc->_nal_buf + s;
-      hvcc->_pps_size = static_cast<uint16_t>(p);
-    }
-  };
-  int prev = -1;
-  for (int i = 0; n - i >= 6; ++i) {
-    if (!isStartCode(d + i)) continue;
-    if (prev >= 0 && _extraSize == 0) {
-      // The unit that ends at this start code.
-      const unsigned char* body = d + prev + 4;
-      const unsigned len = static_cast<unsigned>(i - prev - 4);
-      const unsigned type = len ? (body[0] & 31) : 0;
-      if (type == 7) {
-        spsAt = body;
-        spsLen = len;
-        layout();
-      } else if (type == 8) {
-        ppsAt = body;
-        ppsLen = len;
-        layout();
-      }
-      if (hvcc->_sps_size && hvcc->_pps_size) {
-        _extraSize = hvcc->_sps_size + hvcc->_pps_size;
-        break;
-      }
-    }
-    prev = i;
-  }
+  TakeSpsPps<chvcC::kNalBufSize>(d, n, *hvcc, hvcc->_nal_buf, _extraSize, &hvcc->_nal_size,
+                                 [](unsigned sps, unsigned pps) {
+                                   LOGE << "sps " << sps << " + pps " << pps << " cut to the hvcC buffer";
+                                 });
   return true;
 }
 
