@@ -16,6 +16,17 @@ namespace kiv {
 namespace plugin {
 namespace mov {
 
+AvcTrakSetup AvcTrakSetupFor(IStream& stream, videoTags* tags) {
+  AvcTrakSetup setup;
+  setup.tags = tags;
+  setup.media = stream._media;
+  setup.version1 = stream._version1;
+  setup.use64 = stream._use64;
+  setup.trackId = stream._trackId;
+  setup.scale = &stream._scale;
+  return setup;
+}
+
 bool BuildAvcTrak(const AvcTrakSetup& in, AvcTrak& out) {
   videoTags* tags = in.tags;
   kiv::stream::IMedia* media = in.media;

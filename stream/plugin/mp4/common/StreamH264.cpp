@@ -52,14 +52,8 @@ bool StreamH264::muxConfig(kiv::base::Object* tagsObject) {
   if (para.rsvdSeconds > 0 && !_concate) _rsvdSize = den ? static_cast<unsigned>(num * para.rsvdSeconds / den) : 0;
   if (Debug()) LOGL << "Video rsvdSize: " << _rsvdSize;
 
-  AvcTrakSetup setup;
-  setup.tags = tags;
-  setup.media = _media;
-  setup.version1 = _version1;
-  setup.use64 = _use64;
-  setup.trackId = _trackId;
+  AvcTrakSetup setup = AvcTrakSetupFor(*this, tags);
   setup.listCapacity = _rsvdSize;
-  setup.scale = &_scale;
   setup.addTable = [&](IBox* stbl, StblKind kind) {
     addTable(stbl, kind, tags, VideoTableReserve(kind, _frameRate, _planSeconds, para.fixedRate, tags->videosampleperchunk));
   };
@@ -157,12 +151,7 @@ bool StreamH264::demuxConfig(kiv::base::Object*) {
     LOGE << "can not find avc1";
     return false;
   }
-  _media->Set("width", static_cast<int>(avc1->_width));
-  _media->Set("height", static_cast<int>(avc1->_height));
-  if (auto* avcc = dynamic_cast<cavcC*>(_trak->Find("avcC"))) {
-    _media->Set("profile", static_cast<unsigned>(avcc->_profile));
-    _media->Set("level", static_cast<unsigned>(avcc->_level));
-  }
+  PictureFromAvc1(_trak, *avc1, _media);
   if (_demuxer) {
     _media->SetWithType("framerate", _demuxer->GetFrameRate());
     _media->Set("bitrate", static_cast<int>(_demuxer->GetBitRate()));
@@ -170,6 +159,15 @@ bool StreamH264::demuxConfig(kiv::base::Object*) {
   setExtraData(_media);
   _media->Set("gop", static_cast<long long>(_gop));
   return true;
+}
+
+void StreamH264::PictureFromAvc1(IBox* trak, const cavc1& avc1, IMedia* media) {
+  media->Set("width", static_cast<int>(avc1._width));
+  media->Set("height", static_cast<int>(avc1._height));
+  if (auto* avcc = dynamic_cast<cavcC*>(trak->Find("avcC"))) {
+    media->Set("profile", static_cast<unsigned>(avcc->_profile));
+    media->Set("level", static_cast<unsigned>(avcc->_level));
+  }
 }
 
 bool StreamH264::setExtraData(IMedia* media) { return ExtraFromAvcC(_trak, media, _spsSize, _ppsSize); }
