@@ -304,16 +304,18 @@ bool StreamAac::demuxConfig(kiv::base::Object*) {
   if (!DemuxMedia(_trak, _media, _frmSampNum, _rate, _ch)) return false;
   _adtslen = 0;
   if (CreateAdts()) _adtslen = 7;
-  if (!_media->Set("adtslen", static_cast<long long>(_adtslen))) {
-    LOGE << "!_media->Set(\"adtslen\",_adtslen)";
-    return false;
-  }
-  if (!_media->Set("hasadts", _adtslen != 0)) {
-    LOGE << "!_media->Set(\"hasadts\",(bool)_adtslen)";
+  if (const char* refused = TellAdts(_media, _adtslen)) {
+    LOGE << refused;
     return false;
   }
   _adtslenTold = _adtslen;
   return true;
+}
+
+const char* StreamAac::TellAdts(IMedia* media, unsigned adtslen) {
+  if (!media->Set("adtslen", static_cast<long long>(adtslen))) return "!_media->Set(\"adtslen\",_adtslen)";
+  if (!media->Set("hasadts", adtslen != 0)) return "!_media->Set(\"hasadts\",(bool)_adtslen)";
+  return nullptr;
 }
 
 bool StreamAac::DemuxMedia(IBox* trak, IMedia* media, unsigned frmSampNum, unsigned& rate, unsigned& channels) {
