@@ -1,7 +1,5 @@
 #include "stream/plugin/mp4/common/StreamJpeg.h"
 
-#include <cstring>
-
 #include "stream/base/dbg/Log.h"
 #include "stream/core/IMedia.h"
 #include "stream/core/Packet.h"
