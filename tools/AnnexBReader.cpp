@@ -14,6 +14,7 @@ namespace boxweave {
 
 namespace {
 
+const uint8_t kStartCode[4] = {0, 0, 0, 1};
 // Tail room of a packet, zeroed, for readers of the payload that look a few bytes ahead.
 constexpr int kPacketTail = 16;
 // Leading zero bytes accepted before the first start code.
@@ -152,6 +153,57 @@ void AnnexBReader::noteParamSet(std::vector<uint8_t>& first, const uint8_t* nal,
   } else if (first.size() != size || std::memcmp(first.data(), nal, size) != 0) {
     _paramSetsChange = true;
   }
+}
+
+bool AnnexBReader::add(Building& cur, const uint8_t* nal, size_t size, unsigned long long position) {
+  if (cur.units == 0) cur.position = position;
+  if (cur.size + 4 + size > kMaxUnit) {
+    std::ostringstream m;
+    m << "the access unit at byte " << cur.position << " is larger than " << (kMaxUnit >> 20) << " MiB";
+    return fail(m.str());
+  }
+  if (_copy) {
+    _au.insert(_au.end(), kStartCode, kStartCode + 4);
+    _au.insert(_au.end(), nal, nal + size);
+  }
+  cur.size += 4 + size;
+  ++cur.units;
+  return true;
+}
+
+void AnnexBReader::handOut(const Building& cur, AnnexBAccessUnit& au) {
+  _out.swap(_au);
+  _au.clear();
+  au.data = _copy ? _out.data() : nullptr;
+  au.size = cur.size;
+  au.index = _pictures++;
+  au.position = cur.position;
+  au.key = cur.key;
+  au.sliceTypes = cur.sliceTypes;
+  au.slices = cur.slices;
+  au.units = cur.units;
+}
+
+void AnnexBReader::dropUnits(const Building& cur) {
+  if (!cur.units) return;
+  _droppedUnits += cur.units;
+  _au.clear();
+}
+
+void KeyPictures::Note(const AnnexBAccessUnit& au) {
+  if (!au.key) return;
+  ++count;
+  if (first < 0) {
+    first = au.index;
+  } else if (second < 0) {
+    second = au.index;
+  }
+}
+
+long long KeyPictures::Gop(long long pictures) const {
+  if (second >= 0) return second - first;
+  if (first >= 0) return pictures - first;
+  return pictures;
 }
 
 bool AnnexBReader::FrameRate(const kiv::base::Fraction& fps) {

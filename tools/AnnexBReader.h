@@ -1,5 +1,6 @@
 // What the H.264 and H.265 readers share: an Annex-B file read block by block and cut into NAL units at
-// their start codes, the first parameter sets kept, and the packet times of a frame rate.
+// their start codes, the units of a picture gathered into an access unit behind four-byte start codes,
+// the first parameter sets kept, and the packet times of a frame rate.
 #pragma once
 
 #include <cstddef>
@@ -12,6 +13,28 @@
 #include "stream/core/Packet.h"
 
 namespace boxweave {
+
+// What an access unit tells of itself, whatever its codec.
+struct AnnexBAccessUnit {
+  const unsigned char* data = nullptr;  // the units behind four-byte start codes; valid until the next read
+  size_t size = 0;                      // bytes in that form (also counted when the reader only scans)
+  long long index = 0;                  // picture number in stream (decoding) order
+  unsigned long long position = 0;      // file offset of the first unit's header byte
+  bool key = false;                     // holds a slice a decoder can start at
+  unsigned sliceTypes = 0;              // the codec's bits of the slice types whose header could be read
+  int slices = 0;                       // slice NAL units
+  int units = 0;                        // NAL units
+};
+
+// The key pictures of a pass over a stream: their count, the first two, and the "gop" they make.
+struct KeyPictures {
+  long long count = 0;
+  long long first = -1;   // index of the first one, -1 without any
+  long long second = -1;
+  void Note(const AnnexBAccessUnit& au);
+  // The distance between the first two; with one, the pictures from it to the end; without one, all.
+  long long Gop(long long pictures) const;
+};
 
 class AnnexBReader {
  public:
@@ -33,6 +56,13 @@ class AnnexBReader {
   const std::string& Path() const { return _path; }
   // Whether parameter sets other than the first of their kind followed.
   bool ParamSetsChange() const { return _paramSetsChange; }
+  // Scan only: access units are split and described, but their bytes are not assembled (data stays
+  // null). Set before the first Next.
+  void ScanOnly(bool on) { _copy = !on; }
+  // NAL units passed over: damaged ones, or left at the end without a picture.
+  long long DroppedUnits() const { return _droppedUnits; }
+  // Slices whose header could not be read (counted, kept in their picture).
+  long long BadSlices() const { return _badSlices; }
 
  protected:
   // `block` is the size of one read; small values are for tests.
@@ -55,6 +85,24 @@ class AnnexBReader {
   // Keeps the first parameter set of a kind; a different one later marks a change.
   void noteParamSet(std::vector<uint8_t>& first, const uint8_t* nal, size_t size);
 
+  // What every codec counts of the access unit being built; the codec readers add their own.
+  struct Building {
+    size_t size = 0;
+    unsigned long long position = 0;
+    bool hasVcl = false;
+    bool key = false;
+    unsigned sliceTypes = 0;
+    int slices = 0;
+    int units = 0;
+  };
+  // A unit into the access unit being built, behind a four-byte start code (its bytes only when not
+  // scanning). False with the error set when the access unit would grow past kMaxUnit.
+  bool add(Building& cur, const uint8_t* nal, size_t size, unsigned long long position);
+  // The access unit built so far into au: its bytes, the next picture number and cur's counts.
+  void handOut(const Building& cur, AnnexBAccessUnit& au);
+  // Units left at the end of the stream without a picture of their own are dropped.
+  void dropUnits(const Building& cur);
+
   std::string _path;
   std::FILE* _file = nullptr;
   std::vector<uint8_t> _buf;  // [0, _end) read from the file at _bufPos
@@ -63,6 +111,9 @@ class AnnexBReader {
   kiv::base::Fraction _fps{30, 1};
   bool _paramSetsChange = false;
   std::string _error;
+  bool _copy = true;
+  long long _droppedUnits = 0;
+  long long _badSlices = 0;
 
  private:
   bool fill();
@@ -72,6 +123,9 @@ class AnnexBReader {
   unsigned long long _bufPos = 0;  // file offset of _buf[0]
   bool _eof = false;
   bool _atEnd = false;  // the last unit has been handed out
+  std::vector<uint8_t> _au;   // the access unit being built
+  std::vector<uint8_t> _out;  // the one handed out last
+  long long _pictures = 0;
 };
 
 }  // namespace boxweave

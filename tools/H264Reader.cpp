@@ -173,34 +173,9 @@ bool H264Reader::Open(const std::string& path) {
   return true;
 }
 
-bool H264Reader::add(const uint8_t* nal, size_t size, unsigned long long position) {
-  if (_cur.units == 0) _cur.position = position;
-  if (_cur.size + 4 + size > kMaxUnit) {
-    std::ostringstream m;
-    m << "the access unit at byte " << _cur.position << " is larger than " << (kMaxUnit >> 20) << " MiB";
-    return fail(m.str());
-  }
-  if (_copy) {
-    _au.insert(_au.end(), kStartCode, kStartCode + 4);
-    _au.insert(_au.end(), nal, nal + size);
-  }
-  _cur.size += 4 + size;
-  ++_cur.units;
-  return true;
-}
-
 void H264Reader::deliver(H264AccessUnit& au) {
-  _out.swap(_au);
-  _au.clear();
   au = H264AccessUnit();
-  au.data = _copy ? _out.data() : nullptr;
-  au.size = _cur.size;
-  au.index = _pictures++;
-  au.position = _cur.position;
-  au.key = _cur.key;
-  au.sliceTypes = _cur.sliceTypes;
-  au.slices = _cur.slices;
-  au.units = _cur.units;
+  handOut(_cur, au);
   au.head = _cur.head;
   au.hasSps = _cur.hasSps;
   au.hasPps = _cur.hasPps;
@@ -243,8 +218,8 @@ bool H264Reader::Next(H264AccessUnit& au) {
     }
     if (starts) {
       deliver(au);
-      if (!add(nal, size, position)) return false;
-    } else if (!add(nal, size, position)) {
+      if (!add(_cur, nal, size, position)) return false;
+    } else if (!add(_cur, nal, size, position)) {
       return false;
     }
     if (isVcl(type)) {
@@ -267,12 +242,9 @@ bool H264Reader::Next(H264AccessUnit& au) {
     deliver(au);
     return true;
   }
-  if (_cur.units) {
-    // Units behind the last picture (parameter sets, end of stream) without a picture of their own.
-    _droppedUnits += _cur.units;
-    _cur = Building();
-    _au.clear();
-  }
+  // Units behind the last picture (parameter sets, end of stream) without a picture of their own.
+  dropUnits(_cur);
+  _cur = Building();
   return false;
 }
 
@@ -294,7 +266,7 @@ bool DescribeH264(const std::string& path, H264Description& out, std::string& er
     return false;
   }
   bool spsParsed = false;
-  long long secondKey = -1;
+  KeyPictures keyPictures;
   bool allIntra = true;
   H264AccessUnit au;
   while (r.Next(au)) {
@@ -309,14 +281,7 @@ bool DescribeH264(const std::string& path, H264Description& out, std::string& er
     }
     ++d.pictures;
     d.bytes += au.size;
-    if (au.key) {
-      ++d.keys;
-      if (d.firstKey < 0) {
-        d.firstKey = au.index;
-      } else if (secondKey < 0) {
-        secondKey = au.index;
-      }
-    }
+    keyPictures.Note(au);
     if (au.sliceTypes & kSliceB) d.hasB = true;
     if (!au.Intra()) allIntra = false;
     d.maxSlices = std::max(d.maxSlices, au.slices);
@@ -345,13 +310,9 @@ bool DescribeH264(const std::string& path, H264Description& out, std::string& er
   d.spsBytes = r.FirstSps();
   d.ppsBytes = r.FirstPps();
   d.allIntra = allIntra;
-  if (secondKey >= 0) {
-    d.gop = secondKey - d.firstKey;
-  } else if (d.firstKey >= 0) {
-    d.gop = d.pictures - d.firstKey;
-  } else {
-    d.gop = d.pictures;
-  }
+  d.keys = keyPictures.count;
+  d.firstKey = keyPictures.first;
+  d.gop = keyPictures.Gop(d.pictures);
   d.paramSetsChange = r.ParamSetsChange();
   d.droppedUnits = r.DroppedUnits();
   d.badSlices = r.BadSlices();

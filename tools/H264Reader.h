@@ -51,15 +51,8 @@ struct H264Sps {
 // Parses the SPS NAL unit (header byte first, no start code). False with the reason in `why`.
 bool ParseSps(const uint8_t* nal, size_t size, H264Sps& sps, std::string& why);
 
-struct H264AccessUnit {
-  const unsigned char* data = nullptr;  // the units behind four-byte start codes; valid until the next read
-  size_t size = 0;                      // bytes in that form (also counted when the reader only scans)
-  long long index = 0;                  // picture number in stream (decoding) order
-  unsigned long long position = 0;      // file offset of the first unit's header byte
-  bool key = false;                     // holds an IDR slice
-  unsigned sliceTypes = 0;              // SliceBits of the slices whose header could be read
-  int slices = 0;                       // slice NAL units (IDR, non-IDR, partition A)
-  int units = 0;                        // NAL units
+// key: holds an IDR slice; sliceTypes: SliceBits; slices: IDR, non-IDR and partition A units.
+struct H264AccessUnit : AnnexBAccessUnit {
   size_t head = 0;                      // bytes in front of the first slice's start code
   bool hasSps = false;
   bool hasPps = false;
@@ -77,10 +70,6 @@ class H264Reader : public AnnexBReader {
 
   // Opens the file and checks that it begins as an Annex-B H.264 stream. False with Error() set.
   bool Open(const std::string& path);
-  // Scan only: access units are split and described, but their bytes are not assembled (data stays
-  // null). Set before the first Next.
-  void ScanOnly(bool on) { _copy = !on; }
-
   // The next access unit; false at the end of the stream, or on a failure (then Error() is set).
   bool Next(H264AccessUnit& au);
 
@@ -92,38 +81,19 @@ class H264Reader : public AnnexBReader {
   // The first SPS and PPS met so far (without start code), and whether others, different ones, followed.
   const std::vector<uint8_t>& FirstSps() const { return _sps; }
   const std::vector<uint8_t>& FirstPps() const { return _pps; }
-  // NAL units passed over: with the forbidden bit set, or left at the end without a picture.
-  long long DroppedUnits() const { return _droppedUnits; }
-  // Slices whose header could not be read (counted, kept in their picture).
-  long long BadSlices() const { return _badSlices; }
 
  private:
-  struct Building {
-    size_t size = 0;
-    unsigned long long position = 0;
-    bool hasVcl = false;
-    bool key = false;
-    unsigned sliceTypes = 0;
-    int slices = 0;
-    int units = 0;
+  struct Building : AnnexBReader::Building {
     size_t head = 0;
     bool hasSps = false;
     bool hasPps = false;
   };
 
-  bool add(const uint8_t* nal, size_t size, unsigned long long position);
   void deliver(H264AccessUnit& au);
 
-  bool _copy = true;
-  std::vector<uint8_t> _au;   // the access unit being built
-  std::vector<uint8_t> _out;  // the one handed out last
   Building _cur;
-  long long _pictures = 0;
-
   std::vector<uint8_t> _sps;
   std::vector<uint8_t> _pps;
-  long long _droppedUnits = 0;
-  long long _badSlices = 0;
 };
 
 // What a whole pass over the stream finds: what the media description needs before recording starts.

@@ -163,34 +163,9 @@ bool H265Reader::Open(const std::string& path) {
   return true;
 }
 
-bool H265Reader::add(const uint8_t* nal, size_t size, unsigned long long position) {
-  if (_cur.units == 0) _cur.position = position;
-  if (_cur.size + 4 + size > kMaxUnit) {
-    std::ostringstream m;
-    m << "the access unit at byte " << _cur.position << " is larger than " << (kMaxUnit >> 20) << " MiB";
-    return fail(m.str());
-  }
-  if (_copy) {
-    _au.insert(_au.end(), kStartCode, kStartCode + 4);
-    _au.insert(_au.end(), nal, nal + size);
-  }
-  _cur.size += 4 + size;
-  ++_cur.units;
-  return true;
-}
-
 void H265Reader::deliver(H265AccessUnit& au) {
-  _out.swap(_au);
-  _au.clear();
   au = H265AccessUnit();
-  au.data = _copy ? _out.data() : nullptr;
-  au.size = _cur.size;
-  au.index = _pictures++;
-  au.position = _cur.position;
-  au.key = _cur.key;
-  au.sliceTypes = _cur.sliceTypes;
-  au.slices = _cur.slices;
-  au.units = _cur.units;
+  handOut(_cur, au);
   au.unitsKept = _cur.keptFrom < 0 ? _cur.units : _cur.units - _cur.keptFrom;
   au.hasVps = _cur.hasVps;
   au.hasSps = _cur.hasSps;
@@ -251,7 +226,7 @@ bool H265Reader::Next(H265AccessUnit& au) {
     const bool repeated = first && (first->empty() || (first->size() == size && std::memcmp(first->data(), nal, size) == 0));
     if (!repeated) {
       if (_cur.keptFrom < 0 && trackKeepsFrom(type)) _cur.keptFrom = _cur.units;
-      if (!add(nal, size, position)) return false;
+      if (!add(_cur, nal, size, position)) return false;
     }
     if (HevcIsVcl(type)) {
       _cur.hasVcl = true;
@@ -277,12 +252,9 @@ bool H265Reader::Next(H265AccessUnit& au) {
     deliver(au);
     return true;
   }
-  if (_cur.units) {
-    // Units behind the last picture without a picture of their own.
-    _droppedUnits += _cur.units;
-    _cur = Building();
-    _au.clear();
-  }
+  // Units behind the last picture without a picture of their own.
+  dropUnits(_cur);
+  _cur = Building();
   return false;
 }
 
@@ -303,19 +275,12 @@ bool DescribeH265(const std::string& path, H265Description& out, std::string& er
     error = r.Error();
     return false;
   }
-  long long secondKey = -1;
+  KeyPictures keyPictures;
   H265AccessUnit au;
   while (r.Next(au)) {
     ++d.pictures;
     d.bytes += au.size;
-    if (au.key) {
-      ++d.keys;
-      if (d.firstKey < 0) {
-        d.firstKey = au.index;
-      } else if (secondKey < 0) {
-        secondKey = au.index;
-      }
-    }
+    keyPictures.Note(au);
     if (au.sliceTypes & kHevcSliceB) d.hasB = true;
     d.maxSlices = std::max(d.maxSlices, au.slices);
     if (au.unitsKept > 1) {
@@ -341,13 +306,9 @@ bool DescribeH265(const std::string& path, H265Description& out, std::string& er
   d.vpsBytes = r.FirstVps();
   d.spsBytes = r.FirstSps();
   d.ppsBytes = r.FirstPps();
-  if (secondKey >= 0) {
-    d.gop = secondKey - d.firstKey;
-  } else if (d.firstKey >= 0) {
-    d.gop = d.pictures - d.firstKey;
-  } else {
-    d.gop = d.pictures;
-  }
+  d.keys = keyPictures.count;
+  d.firstKey = keyPictures.first;
+  d.gop = keyPictures.Gop(d.pictures);
   d.paramSetsChange = r.ParamSetsChange();
   d.droppedUnits = r.DroppedUnits();
   d.badSlices = r.BadSlices();

@@ -77,15 +77,8 @@ bool ParseH265Sps(const uint8_t* nal, size_t size, H265Sps& sps, std::string& wh
 // num_extra_slice_header_bits of a PPS NAL unit (header first); false when it cannot be read.
 bool ParseH265PpsExtraBits(const uint8_t* nal, size_t size, unsigned& extraBits);
 
-struct H265AccessUnit {
-  const unsigned char* data = nullptr;  // the units behind four-byte start codes; valid until the next read
-  size_t size = 0;                      // bytes in that form (also counted when the reader only scans)
-  long long index = 0;                  // picture number in stream (decoding) order
-  unsigned long long position = 0;      // file offset of the first unit's header byte
-  bool key = false;                     // holds a random access (IRAP) slice
-  unsigned sliceTypes = 0;              // HevcSliceBits of the slices whose header could be read
-  int slices = 0;                       // slice segment NAL units
-  int units = 0;                        // NAL units
+// key: holds a random access (IRAP) slice; sliceTypes: HevcSliceBits; slices: slice segment units.
+struct H265AccessUnit : AnnexBAccessUnit {
   // NAL units from the first one the HEVC track keeps (a prefix SEI or a slice of the kinds it looks
   // for) to the end: the track writes them behind one length. All units when it keeps from the start.
   int unitsKept = 0;
@@ -104,10 +97,6 @@ class H265Reader : public AnnexBReader {
 
   // Opens the file and checks that it begins as an Annex-B H.265 stream. False with Error() set.
   bool Open(const std::string& path);
-  // Scan only: access units are split and described, but their bytes are not assembled (data stays
-  // null). Set before the first Next.
-  void ScanOnly(bool on) { _copy = !on; }
-
   // The next access unit; false at the end of the stream, or on a failure (then Error() is set).
   bool Next(H265AccessUnit& au);
 
@@ -121,40 +110,23 @@ class H265Reader : public AnnexBReader {
   const std::vector<uint8_t>& FirstVps() const { return _vps; }
   const std::vector<uint8_t>& FirstSps() const { return _sps; }
   const std::vector<uint8_t>& FirstPps() const { return _pps; }
-  long long DroppedUnits() const { return _droppedUnits; }
-  long long BadSlices() const { return _badSlices; }
 
  private:
-  struct Building {
-    size_t size = 0;
-    unsigned long long position = 0;
-    bool hasVcl = false;
-    bool key = false;
-    unsigned sliceTypes = 0;
-    int slices = 0;
-    int units = 0;
+  struct Building : AnnexBReader::Building {
     int keptFrom = -1;  // index of the unit the track keeps from, -1 while none
     bool hasVps = false;
     bool hasSps = false;
     bool hasPps = false;
   };
 
-  bool add(const uint8_t* nal, size_t size, unsigned long long position);
   void deliver(H265AccessUnit& au);
   unsigned sliceTypeOf(const uint8_t* nal, size_t size, int type, bool& firstInPicture);
 
-  bool _copy = true;
-  std::vector<uint8_t> _au;
-  std::vector<uint8_t> _out;
   Building _cur;
-  long long _pictures = 0;
-
   std::vector<uint8_t> _vps;
   std::vector<uint8_t> _sps;
   std::vector<uint8_t> _pps;
   unsigned _extraSliceBits = 0;  // of the PPS met last
-  long long _droppedUnits = 0;
-  long long _badSlices = 0;
 };
 
 // What a whole pass over the stream finds: what the media description needs before recording starts.

@@ -10,10 +10,22 @@
 #include "stream/plugin/mp4/common/Stbl.h"
 #include "stream/plugin/mp4/common/StblFile.h"
 #include "stream/plugin/mp4/common/Stsd.h"
+#include "stream/plugin/mp4/common/VideoEntry.h"
 
 namespace kiv {
 namespace plugin {
 namespace mov {
+
+AvcTrakSetup AvcTrakSetupFor(IStream& stream, videoTags* tags) {
+  AvcTrakSetup setup;
+  setup.tags = tags;
+  setup.media = stream._media;
+  setup.version1 = stream._version1;
+  setup.use64 = stream._use64;
+  setup.trackId = stream._trackId;
+  setup.scale = &stream._scale;
+  return setup;
+}
 
 bool BuildAvcTrak(const AvcTrakSetup& in, AvcTrak& out) {
   videoTags* tags = in.tags;
@@ -49,9 +61,6 @@ bool BuildAvcTrak(const AvcTrakSetup& in, AvcTrak& out) {
   const IStream::MediaBoxes boxes = IStream::addMediaBoxes(
       trak, version, tags->video_has_edts, tags->video_track_lang_id, vmhd, tags->video_handler_minf_present,
       tags->vidhandlerrefcomname, tags->vidhandlerrefcomnamelen, tags->datareftype);
-  cmdhd* mdhd = boxes.mdhd;
-  chdlr* hdlr = boxes.hdlr;
-  calis* alis = boxes.alis;
 
   auto* stbl = new cstbl(in.listCapacity);
   out.stbl = stbl;
@@ -72,122 +81,43 @@ bool BuildAvcTrak(const AvcTrakSetup& in, AvcTrak& out) {
   stsd->Add(avc1);
   auto* avcc = new cavcC();
   avc1->Add(avcc);
-  if (tags->video_has_color_param) {
-    auto* colr = new ccolr();
-    colr->_colour_type = (tags->file_type != 0 && !tags->video_colr_use_nclc) ? FCC("nclx") : FCC("nclc");
-    const unsigned c = tags->video_color_param;
-    const unsigned low = c & 0x7F;
-    colr->_not_bt709 = static_cast<uint8_t>(low);
-    if (low) {
-      colr->_full_range = (c & 0x80) ? 1 : 0;
-      colr->_primaries = 6;
-      colr->_transfer = 1;
-      colr->_matrix = 6;
-    } else {
-      // The opposite sense of the bit in this case, as the profiles in the field expect it.
-      colr->_full_range = (c & 0x80) ? 0 : 1;
-      colr->_primaries = 1;
-      colr->_transfer = 1;
-      colr->_matrix = 1;
-    }
-    if (const uint64_t cus = tags->video_cus_color_param) {
-      colr->_primaries = static_cast<uint16_t>(cus & 0xff);
-      colr->_transfer = static_cast<uint16_t>((cus >> 16) & 0xff);
-      colr->_matrix = static_cast<uint16_t>((cus >> 32) & 0xff);
-    }
-    avc1->Add(colr);
-  }
+  if (tags->video_has_color_param) avc1->Add(NewVideoColr(*tags));
 
   // ---- the fields
   int width = 1920;
   int height = 1080;
-  bool interlace = false;
-  if (!media || !media->Get("width", width)) {
-    LOGE << "!_media->Get(\"width\", width)";
+  if (const char* missing = ReadPictureSize(media, width, height)) {
+    LOGE << missing;
     return false;
   }
-  if (!media->Get("height", height)) {
-    LOGE << "!_media->Get(\"height\", height)";
-    return false;
-  }
-  if (!media->Get("interlace", interlace)) {
-    LOGE << "!_media->Get(\"interlace\", interlace)";
-    return false;
-  }
-  if (interlace) height *= 2;
   LOGI << "width : " << width << "," << "height : " << height;
 
   if (in.scale) in.scale->Scale(tags->timescale);
 
-  tkhd->_track_id = static_cast<unsigned>(in.trackId);
-  tkhd->_width = static_cast<unsigned short>(width);
-  tkhd->_height = static_cast<unsigned short>(height);
-  tkhd->Flags(tags->tkhd_flags);
-  if (tags->video_track_matrix) std::memcpy(tkhd->_matrix, tags->video_track_matrix, sizeof tkhd->_matrix);
+  FillVideoTkhd(*tkhd, *tags, in.trackId, width, height);
   for (caperture* a : aperture) {
     if (!a) continue;
     a->_width = static_cast<unsigned short>(width);
     a->_height = static_cast<unsigned short>(height);
   }
-  mdhd->_timescale = tags->timescale;
+  FillVideoMedia(boxes, *vmhd, *tags, tags->video_handler_type);
+  FillVisualEntry(*avc1, *tags, width, height, tags->temporal_quality, tags->spatial_quality);
 
-  hdlr->_component_type = tags->video_handler_type;
-  hdlr->_component_subtype = FCC("vide");
-  hdlr->_component_manufacturer = tags->manufacturer;
-  hdlr->ComponentName(tags->vidhandercomname, tags->vidhandercomnamelen);
-  vmhd->Flags(1);
-  alis->Flags(1);
-
-  avc1->_vendor = tags->vendor;
-  avc1->_temporal_quality = tags->temporal_quality;
-  avc1->_spatial_quality = tags->spatial_quality;
-  avc1->_width = static_cast<uint16_t>(width);
-  avc1->_height = static_cast<uint16_t>(height);
-  avc1->_horizontal_resolution = 0x480000;
-  avc1->_vertical_resolution = 0x480000;
-  avc1->_frame_count = 1;
-  avc1->CompressorName(static_cast<unsigned char>(tags->compressorlen), tags->compressorname,
-                       cvmsi::kCompressorNameSize);
-  avc1->_depth = 24;
-  avc1->_color_table_id = 0xffff;
-
-  unsigned profile = 0, level = 0, ipps = 0, isps = 0;
-  unsigned char* pps = nullptr;
-  unsigned char* sps = nullptr;
-  if (!media->Get("profile", profile)) {
-    LOGE << "!_media->Get(\"profile\", profile)";
+  ParamSetKeys keys;
+  if (const char* missing = ReadParamSetKeys(*media, keys)) {
+    LOGE << missing;
     return false;
   }
-  if (!media->Get("level", level)) {
-    LOGE << "!_media->Get(\"level\", level)";
-    return false;
-  }
-  if (!media->Get("pps", pps)) {
-    LOGE << "!_media->Get(\"pps\", pps)";
-    return false;
-  }
-  if (!media->Get("ipps", ipps)) {
-    LOGE << "!_media->Get(\"ipps\", ipps)";
-    return false;
-  }
-  if (!media->Get("sps", sps)) {
-    LOGE << "!_media->Get(\"sps\", sps)";
-    return false;
-  }
-  if (!media->Get("isps", isps)) {
-    LOGE << "!_media->Get(\"isps\", isps)";
-    return false;
-  }
-  out.extraSize = ipps + isps;
+  out.extraSize = keys.ipps + keys.isps;
 
   avcc->_configuration_version = 1;
-  avcc->_profile = static_cast<uint8_t>(tags->AVCProfileIndication ? tags->AVCProfileIndication : profile);
+  avcc->_profile = static_cast<uint8_t>(tags->AVCProfileIndication ? tags->AVCProfileIndication : keys.profile);
   avcc->_compatibility = tags->profile_compatibility;
-  avcc->_level = static_cast<uint8_t>(tags->AVCLevelIndication ? tags->AVCLevelIndication : level);
-  avcc->_pps = pps;
-  avcc->_pps_size = static_cast<uint16_t>(ipps);
-  avcc->_sps = sps;
-  avcc->_sps_size = static_cast<uint16_t>(isps);
+  avcc->_level = static_cast<uint8_t>(tags->AVCLevelIndication ? tags->AVCLevelIndication : keys.level);
+  avcc->_pps = keys.pps;
+  avcc->_pps_size = static_cast<uint16_t>(keys.ipps);
+  avcc->_sps = keys.sps;
+  avcc->_sps_size = static_cast<uint16_t>(keys.isps);
   unsigned chroma = 0;
   if (!media->Get("chroma_format_idc", chroma)) {
     LOGE << "!_media->Get(\"chroma_format_idc\", avcc->_chroma_format_idc)";

@@ -17,6 +17,7 @@ namespace plugin {
 namespace mov {
 
 class IBox;
+class IStream;
 class ctrak;
 class cstbl;
 class videoTags;
@@ -34,6 +35,10 @@ struct AvcTrakSetup {
   // Makes the sample table of a kind under stbl; unset, the plain tables.
   std::function<void(IBox* stbl, StblKind kind)> addTable;
 };
+
+// The setup for a stream's track: its media, header flags, track id and time scale, with the plain
+// tables.
+AvcTrakSetup AvcTrakSetupFor(IStream& stream, videoTags* tags);
 
 struct AvcTrak {
   ctrak* trak = nullptr;   // made even when a later step fails; the caller owns it

@@ -191,6 +191,9 @@ class IStream : public kiv::base::Object {
   int _gop = 1;
 
  protected:
+  // The grouping of the video tracks works on the stream's scratch arrays, fifo and tables.
+  friend class VideoChunks;
+
   // The profile a muxConfig is given, or null ("!tags" when it is some other object).
   static videoTags* profileOf(kiv::base::Object* tags);
   // The demuxing side's own media description of this codec, in place of any earlier one; the stream

@@ -8,6 +8,7 @@
 #include "stream/core/Packet.h"
 #include "stream/plugin/mp4/BoxWeave.h"
 #include "stream/plugin/mp4/VideoTag.h"
+#include "stream/plugin/mp4/common/AudioEntry.h"
 #include "stream/plugin/mp4/common/Box.h"
 #include "stream/plugin/mp4/common/Mp4aEntry.h"
 #include "stream/plugin/mp4/common/Stbl.h"
@@ -41,42 +42,15 @@ bool StreamAac::muxConfig(kiv::base::Object* tagsObject) {
   videoTags* tags = profileOf(tagsObject);
   if (!tags) return false;
   int rate = 0, chn = 0, width = 0, depth = 0, bitrate = 0;
-  if (!_media || !_media->Get("rate", rate)) {
-    LOGI << "!_media->Get(\"rate\", rate)";
-    return false;
-  }
-  if (!_media->Get("channel", chn)) {
-    LOGI << "!_media->Get(\"channel\", chn)";
-    return false;
-  }
-  if (!_media->Get("width", width)) {
-    LOGI << "!_media->Get(\"width\", width)";
-    return false;
-  }
-  if (!_media->Get("depth", depth)) {
-    LOGI << "!_media->Get(\"depth\", depth)";
-    return false;
-  }
-  if (!_media->Get("bitrate", bitrate)) {
-    LOGI << "!_media->Get(\"bitrate\", bitrate)";
+  const std::string missing = ReadAudioKeys(_media, rate, chn, width, depth, "bitrate", bitrate);
+  if (!missing.empty()) {
+    LOGI << missing;
     return false;
   }
 
   const MuxerParam& para = param();
-  const unsigned char version = _version1 ? 1 : 0;
-
-  auto* trak = new ctrak();
-  _trak = trak;
-  auto* tkhd = new ctkhd(version);
-  trak->Add(tkhd);
-  const MediaBoxes media =
-      addMediaBoxes(trak, version, tags->audio_has_edts, tags->audio_track_lang_id, new csmhd(),
-                    tags->audio_handler_minf_present, tags->audhandlerrefcomname, tags->audhandlerrefcomnamelen,
-                    tags->datareftype);
-  cmdhd* mdhd = media.mdhd;
-  chdlr* hdlr = media.hdlr;
-  cminf* minf = media.minf;
-  calis* alis = media.alis;
+  ctkhd* tkhd = nullptr;
+  const MediaBoxes media = NewAudioTrak(*tags, _version1, _trak, tkhd);
 
   // Printed ahead of the computation, so it shows the reservation the track had before.
   if (Debug()) LOGL << "Audio rsvdSize: " << _rsvdSize;
@@ -84,7 +58,7 @@ bool StreamAac::muxConfig(kiv::base::Object* tagsObject) {
     _rsvdSize = static_cast<unsigned>(static_cast<long long>(rate) * para.rsvdSeconds / 1024);
 
   auto* stbl = new cstbl(_rsvdSize);
-  minf->Add(stbl);
+  media.minf->Add(stbl);
   auto* stsd = new cstsd();
   stbl->Add(stsd);
 
@@ -106,15 +80,7 @@ bool StreamAac::muxConfig(kiv::base::Object* tagsObject) {
   // ---- the fields
   _chunkList = stbl->ChunkList();
   _scale.Scale(rate);
-  tkhd->Flags(tags->tkhd_flags);
-  tkhd->_track_id = static_cast<unsigned>(_trackId);
-  tkhd->_volume = 256;
-  mdhd->_timescale = static_cast<unsigned>(rate);
-  hdlr->_component_type = tags->audio_handler_type;
-  hdlr->_component_subtype = FCC("soun");
-  hdlr->_component_manufacturer = tags->manufacturer;
-  hdlr->ComponentName(tags->audhandercomname, tags->audhandercomnamelen);
-  alis->Flags(1);
+  FillAudioHeaders(*tkhd, media, *tags, _trackId, static_cast<unsigned>(rate));
 
   _media->Get("adtslen", _adtslen);
   _media->Get("frmSampNum", _frmSampNum);
@@ -338,16 +304,18 @@ bool StreamAac::demuxConfig(kiv::base::Object*) {
   if (!DemuxMedia(_trak, _media, _frmSampNum, _rate, _ch)) return false;
   _adtslen = 0;
   if (CreateAdts()) _adtslen = 7;
-  if (!_media->Set("adtslen", static_cast<long long>(_adtslen))) {
-    LOGE << "!_media->Set(\"adtslen\",_adtslen)";
-    return false;
-  }
-  if (!_media->Set("hasadts", _adtslen != 0)) {
-    LOGE << "!_media->Set(\"hasadts\",(bool)_adtslen)";
+  if (const char* refused = TellAdts(_media, _adtslen)) {
+    LOGE << refused;
     return false;
   }
   _adtslenTold = _adtslen;
   return true;
+}
+
+const char* StreamAac::TellAdts(IMedia* media, unsigned adtslen) {
+  if (!media->Set("adtslen", static_cast<long long>(adtslen))) return "!_media->Set(\"adtslen\",_adtslen)";
+  if (!media->Set("hasadts", adtslen != 0)) return "!_media->Set(\"hasadts\",(bool)_adtslen)";
+  return nullptr;
 }
 
 bool StreamAac::DemuxMedia(IBox* trak, IMedia* media, unsigned frmSampNum, unsigned& rate, unsigned& channels) {

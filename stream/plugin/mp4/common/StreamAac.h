@@ -51,6 +51,8 @@ class StreamAac : public IStream {
   // no room; the media is told a changed header length (told: the length it knows).
   static bool DemuxMedia(IBox* trak, IMedia* media, unsigned frmSampNum, unsigned& rate, unsigned& channels);
   static Packet* PutAdts(Packet* packet, IMedia* media, unsigned char adts[7], unsigned& adtslen, long long& told);
+  // The media told "adtslen" and "hasadts"; the failure text of the one it refused, null when none.
+  static const char* TellAdts(IMedia* media, unsigned adtslen);
 
   unsigned _rate = 0;
   unsigned _ch = 1;

@@ -16,17 +16,19 @@
 #include "stream/plugin/mp4/common/Stbl.h"
 #include "stream/plugin/mp4/common/StblFile.h"
 #include "stream/plugin/mp4/common/Stsd.h"
+#include "stream/plugin/mp4/common/VideoChunks.h"
+#include "stream/plugin/mp4/common/VideoEntry.h"
 #include "stream/plugin/mp4/demux/StreamDemuxer.h"
 
 namespace kiv {
 namespace plugin {
 namespace mov {
 
-using kiv::base::Fraction;
-
 namespace {
 
-void releasePacket(Packet*& p) { kiv::base::Release(p); }
+long long writeSample(IStream& track, IO& io, Packet& packet) {
+  return static_cast<StreamH264&>(track).WriteData(io, packet);
+}
 
 }  // namespace
 
@@ -50,37 +52,11 @@ bool StreamH264::muxConfig(kiv::base::Object* tagsObject) {
   if (para.rsvdSeconds > 0 && !_concate) _rsvdSize = den ? static_cast<unsigned>(num * para.rsvdSeconds / den) : 0;
   if (Debug()) LOGL << "Video rsvdSize: " << _rsvdSize;
 
-  // Reservations of the tables on file for the planned number of frames, k * N / div with
-  // N = planSeconds * rate.
-  auto reserve = [&](long long k, long long div) -> long long {
-    if (!den) return 0;
-    const long long v = k * _planSeconds * num / den;
-    return div > 1 ? v / div : v;
-  };
-  auto reserved = [&](StblKind kind) -> long long {
-    const unsigned vspc = tags->videosampleperchunk;
-    switch (kind) {
-      case StblKind::stts: return para.fixedRate ? 32 : reserve(8, 1);
-      case StblKind::ctts: return reserve(16, 3);
-      case StblKind::stss: return reserve(4, 15);
-      case StblKind::sdtp: return reserve(1, 1);
-      case StblKind::stsc: return vspc <= 1 ? 32768 : reserve(12, vspc);
-      case StblKind::stsz: return reserve(4, 1);
-      case StblKind::stco: return reserve(4, 1);
-      case StblKind::co64: return reserve(8, 1);
-    }
-    return 0;
-  };
-
-  AvcTrakSetup setup;
-  setup.tags = tags;
-  setup.media = _media;
-  setup.version1 = _version1;
-  setup.use64 = _use64;
-  setup.trackId = _trackId;
+  AvcTrakSetup setup = AvcTrakSetupFor(*this, tags);
   setup.listCapacity = _rsvdSize;
-  setup.scale = &_scale;
-  setup.addTable = [&](IBox* stbl, StblKind kind) { addTable(stbl, kind, tags, reserved(kind)); };
+  setup.addTable = [&](IBox* stbl, StblKind kind) {
+    addTable(stbl, kind, tags, VideoTableReserve(kind, _frameRate, _planSeconds, para.fixedRate, tags->videosampleperchunk));
+  };
   AvcTrak built;
   const bool ok = BuildAvcTrak(setup, built);
   _trak = built.trak;
@@ -90,32 +66,21 @@ bool StreamH264::muxConfig(kiv::base::Object* tagsObject) {
   if (!ok) return false;
 
   if (tags->videosampleperchunk < 2) return true;
-  groupSetup(tags, true);
+  _spc = tags->videosampleperchunk;
+  VideoChunks(*this, _fifo, _firstChunkMs, _chunkCount, writeSample).Setup(_spc, *tags, true);
   return true;
 }
 
-void StreamH264::groupSetup(videoTags* tags, bool scratch) {
-  _spc = tags->videosampleperchunk;
-  const int capacity = _spc ? static_cast<int>(2 * _spc) : 4;
-  // Packets already waiting stay: the fifo only changes its bound when it exists.
-  if (!_fifo || !_fifo->Remax(capacity)) {
-    if (!_fifo) _fifo = new PacketFifo(capacity, releasePacket);
-  }
-  if (scratch && _fragmented) allocScratch(2 * _spc);
-  _chunkLeads = tags->audio_chunk_first ? 0 : 1;
-  _firstChunkMs = 0;
-}
-
 bool StreamH264::muxTagSet(videoTags* tags) {
-  if (tags && tags->videosampleperchunk > 1) groupSetup(tags, false);
+  if (tags && tags->videosampleperchunk > 1) {
+    _spc = tags->videosampleperchunk;
+    VideoChunks(*this, _fifo, _firstChunkMs, _chunkCount, writeSample).Setup(_spc, *tags, false);
+  }
   return true;
 }
 
 bool StreamH264::muxUpdate() {
-  // With B-frames the first time stamp is hidden behind the edit list.
-  if (!_trak || _struct != FCC("ibbp")) return true;
-  auto* elst = dynamic_cast<celst*>(_trak->Find("elst"));
-  if (elst && !elst->_items.empty()) elst->_items[0].media_time = _firstPts & 0xffffffffLL;
+  VideoChunks::HideFirstPts(*this, _struct);
   return true;
 }
 
@@ -126,90 +91,15 @@ void StreamH264::ConcateModeUpdate() { concateFill(); }
 int StreamH264::MuxOffset(const Packet&) { return 0; }
 
 int StreamH264::AddChunk(const Packet& packet, unsigned long long offset, int flag) {
-  const size_t before = _chunkList ? _chunkList->size() : 0;
-  const int size = IStream::AddChunk(packet, offset, flag);
-  if (!_chunkList || _chunkList->size() == before) return size;
-  ChunkParam& r = _chunkList->back();
-  if (_spc > 1) r.count = _spc;
-  if (_addSamples) r.count += _addSamples;
-  if (param().fixedRate) {
-    auto zero = [](const Fraction& f) { return f.Den() == 0 || f.Num() / f.Den() == 0; };
-    if (zero(_frameRate) && packet.media) packet.media->Get("framerate", _frameRate);
-    if (zero(_frameRate)) return size;
-    r.duration = static_cast<uint32_t>(_frameRate.Den() * _scale.Scale() / _frameRate.Num());
-  }
-  return size;
-}
-
-long long StreamH264::writeGroup(IO& io, unsigned n) {
-  long long sum = 0;
-  for (unsigned i = 0; i < n; ++i) {
-    Packet* p = nullptr;
-    if (!_fifo->pop(p) || !p) break;
-    AddChunk(*p, 0, 0);
-    sum += WriteData(io, *p);
-    if (i + 1 < n) ConcateModeUpdate();
-    kiv::base::Release(p);
-  }
-  return sum;
+  return VideoChunks::Record(*this, packet, offset, flag, _spc, _frameRate);
 }
 
 long long StreamH264::AddData(IO& io, Packet& packet, unsigned long long leader) {
-  const long long pos = io.Position();
-  const int size = packet.Size();
-  if (!_fifo) {
-    AddChunk(packet, size ? static_cast<unsigned long long>(pos) : 0, 0);
-    const long long written = WriteData(io, packet);
-    ConcateModeUpdate();
-    return written;
-  }
-
-  const bool held = holdInFifo(*_fifo, packet);
-  if (_fragmented) {
-    if (held)
-      pushScratch(static_cast<unsigned>(size), static_cast<uint16_t>(_scale.FromMs(packet.duration / 1000000)));
-  } else if (_chunkLeads == 0 && !mdatHasContent()) {
-    return 0;  // a following track writes nothing before the leader has
-  }
-  if (_fifo->Size() < static_cast<int>(_spc)) return 0;
-  if (_chunkLeads == 0 && static_cast<unsigned long long>(_duration) + _firstChunkMs / 2 > leader) return 0;
-
-  if (_fragmented) {
-    createmoof(io, true, _spc, static_cast<unsigned>(_firstPts), false);
-    // What came in behind the group moves to the front of the scratch arrays.
-    const unsigned rest = _sizeCount > _spc ? _sizeCount - _spc : 0;
-    if (rest) {
-      std::memmove(_sizeList, _sizeList + _spc, rest * sizeof(unsigned));
-      std::memmove(_ptsList, _ptsList + _spc, rest * sizeof(unsigned));
-    }
-    _sizeCount = rest;
-    _ptsCount = rest;
-  }
-
-  const long long sum = writeGroup(io, _spc);
-  // The group's position closes its chunk, in the group's last record.
-  if (_chunkList && !_chunkList->empty()) _chunkList->back().offset = size ? static_cast<unsigned long long>(pos) : 0;
-  ++_chunkCount;
-  if (_chunkCount == 1) _firstChunkMs = static_cast<unsigned long long>(_duration);
-  ConcateModeUpdate();
-  return sum;
+  return VideoChunks(*this, _fifo, _firstChunkMs, _chunkCount, writeSample).Add(io, packet, leader, _spc);
 }
 
 bool StreamH264::CleanFifoData(IO& io, unsigned long long) {
-  if (!_fifo || _spc == 0) return true;
-  // Only whole groups: the rest of the fifo is dropped with it.
-  while (_fifo->Size() >= static_cast<int>(_spc)) {
-    const long long pos = io.Position();
-    if (_fragmented) {
-      createmoof(io, true, _spc, static_cast<unsigned>(_firstPts), false);
-      _sizeCount = 0;
-      _ptsCount = 0;
-    }
-    const long long sum = writeGroup(io, _spc);
-    if (_chunkList && !_chunkList->empty()) _chunkList->back().offset = static_cast<unsigned long long>(pos);
-    growMdat(sum);
-    ConcateModeUpdate();
-  }
+  VideoChunks(*this, _fifo, _firstChunkMs, _chunkCount, writeSample).Flush(io, _spc);
   return true;
 }
 
@@ -246,50 +136,9 @@ bool StreamH264::SetAVCInfo(const Packet& packet) {
   const int n = packet.Size();
   if (!d) return true;
   // The sets found, laid out in the box's own buffer as a read box has them: SPS, then PPS.
-  const unsigned char* spsAt = nullptr;
-  const unsigned char* ppsAt = nullptr;
-  unsigned spsLen = 0, ppsLen = 0;
-  auto layout = [&]() {
-    unsigned char tmp[cavcC::kBufferSize] = {};
-    const unsigned s = static_cast<unsigned>(std::min<size_t>(spsLen, cavcC::kBufferSize));
-    const unsigned p = static_cast<unsigned>(std::min<size_t>(ppsLen, cavcC::kBufferSize - s));
-    if (s < spsLen || p < ppsLen) LOGE << "sps " << spsLen << " + pps " << ppsLen << " cut to the avcC buffer";
-    if (s) std::memcpy(tmp, spsAt, s);
-    if (p) std::memcpy(tmp + s, ppsAt, p);
-    std::memcpy(avcc->_buffer, tmp, sizeof tmp);
-    if (spsAt) {
-      avcc->_sps = avcc->_buffer;
-      avcc->_sps_size = static_cast<uint16_t>(s);
-    }
-    if (ppsAt) {
-      avcc->_pps = avcc->_buffer + s;
-      avcc->_pps_size = static_cast<uint16_t>(p);
-    }
-  };
-  int prev = -1;
-  for (int i = 0; n - i >= 6; ++i) {
-    if (!AvcIsStartCode(d + i)) continue;
-    if (prev >= 0 && _extraSize == 0) {
-      // The unit that ends at this start code.
-      const unsigned char* body = d + prev + 4;
-      const unsigned len = static_cast<unsigned>(i - prev - 4);
-      const unsigned type = len ? (body[0] & 31) : 0;
-      if (type == 7) {
-        spsAt = body;
-        spsLen = len;
-        layout();
-      } else if (type == 8) {
-        ppsAt = body;
-        ppsLen = len;
-        layout();
-      }
-      if (avcc->_sps_size && avcc->_pps_size) {
-        _extraSize = avcc->_sps_size + avcc->_pps_size;
-        break;
-      }
-    }
-    prev = i;
-  }
+  TakeSpsPps<cavcC::kBufferSize>(d, n, *avcc, avcc->_buffer, _extraSize, nullptr, [](unsigned sps, unsigned pps) {
+    LOGE << "sps " << sps << " + pps " << pps << " cut to the avcC buffer";
+  });
   return true;
 }
 
@@ -302,12 +151,7 @@ bool StreamH264::demuxConfig(kiv::base::Object*) {
     LOGE << "can not find avc1";
     return false;
   }
-  _media->Set("width", static_cast<int>(avc1->_width));
-  _media->Set("height", static_cast<int>(avc1->_height));
-  if (auto* avcc = dynamic_cast<cavcC*>(_trak->Find("avcC"))) {
-    _media->Set("profile", static_cast<unsigned>(avcc->_profile));
-    _media->Set("level", static_cast<unsigned>(avcc->_level));
-  }
+  PictureFromAvc1(_trak, *avc1, _media);
   if (_demuxer) {
     _media->SetWithType("framerate", _demuxer->GetFrameRate());
     _media->Set("bitrate", static_cast<int>(_demuxer->GetBitRate()));
@@ -315,6 +159,15 @@ bool StreamH264::demuxConfig(kiv::base::Object*) {
   setExtraData(_media);
   _media->Set("gop", static_cast<long long>(_gop));
   return true;
+}
+
+void StreamH264::PictureFromAvc1(IBox* trak, const cavc1& avc1, IMedia* media) {
+  media->Set("width", static_cast<int>(avc1._width));
+  media->Set("height", static_cast<int>(avc1._height));
+  if (auto* avcc = dynamic_cast<cavcC*>(trak->Find("avcC"))) {
+    media->Set("profile", static_cast<unsigned>(avcc->_profile));
+    media->Set("level", static_cast<unsigned>(avcc->_level));
+  }
 }
 
 bool StreamH264::setExtraData(IMedia* media) { return ExtraFromAvcC(_trak, media, _spsSize, _ppsSize); }

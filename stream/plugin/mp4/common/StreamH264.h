@@ -15,6 +15,8 @@ namespace kiv {
 namespace plugin {
 namespace mov {
 
+class cavc1;
+
 class StreamH264 : public IStream {
  public:
 
@@ -50,6 +52,8 @@ class StreamH264 : public IStream {
   // "avcC" (and the sizes of its parameter sets), and a sample read from the file turned back into
   // start-code form for the units a sample of this system begins with.
   static bool ExtraFromAvcC(IBox* trak, IMedia* media, unsigned& spsSize, unsigned& ppsSize);
+  // "width" and "height" of the entry, and "profile" and "level" of the track's "avcC" when it has one.
+  static void PictureFromAvc1(IBox* trak, const cavc1& avc1, IMedia* media);
   static Packet* RestoreStartCodes(Packet* packet, unsigned spsSize, unsigned ppsSize);
 
   // Table-on-file mode: the new records into the tables.
@@ -66,12 +70,6 @@ class StreamH264 : public IStream {
   kiv::base::Fraction _frameRate{0, 0};  // property "frameRate", set by the engine
   uint32_t _struct = 0;                  // media "struct": "ibbp" (B-frames), "iiii" (all intra)
 
- protected:
-  // The fifo and the grouping for a profile with several samples a chunk.
-  void groupSetup(videoTags* tags, bool scratch);
-  // Pops n packets of the fifo and writes them as the records of one chunk; the caller puts the
-  // chunk's position into the last record. Returns the bytes written.
-  long long writeGroup(IO& io, unsigned n);
 };
 
 }  // namespace mov

@@ -9,51 +9,28 @@
 #include "stream/core/Packet.h"
 #include "stream/plugin/mp4/BoxWeave.h"
 #include "stream/plugin/mp4/VideoTag.h"
+#include "stream/plugin/mp4/common/AvcNal.h"
 #include "stream/plugin/mp4/common/Box.h"
 #include "stream/plugin/mp4/common/Hvcc.h"
 #include "stream/plugin/mp4/common/Stbl.h"
 #include "stream/plugin/mp4/common/StblFile.h"
 #include "stream/plugin/mp4/common/Stsd.h"
+#include "stream/plugin/mp4/common/VideoChunks.h"
+#include "stream/plugin/mp4/common/VideoEntry.h"
 #include "stream/plugin/mp4/demux/StreamDemuxer.h"
 
 namespace kiv {
 namespace plugin {
 namespace mov {
 
-using kiv::base::Fraction;
-
 namespace {
 
 constexpr unsigned char kStartCode[4] = {0, 0, 0, 1};
 
-void releasePacket(Packet*& p) { kiv::base::Release(p); }
-
 bool isStartCode(const unsigned char* p) { return p[0] == 0 && p[1] == 0 && p[2] == 0 && p[3] == 1; }
 
-// The colour box as the profile asks for it; the same rules as for H.264 entries.
-ccolr* newColr(const videoTags* tags) {
-  auto* colr = new ccolr();
-  colr->_colour_type = (tags->file_type != 0 && !tags->video_colr_use_nclc) ? FCC("nclx") : FCC("nclc");
-  const unsigned c = tags->video_color_param;
-  const unsigned low = c & 0x7F;
-  colr->_not_bt709 = static_cast<uint8_t>(low);
-  if (low) {
-    colr->_full_range = (c & 0x80) ? 1 : 0;
-    colr->_primaries = 6;
-    colr->_transfer = 1;
-    colr->_matrix = 6;
-  } else {
-    colr->_full_range = (c & 0x80) ? 0 : 1;
-    colr->_primaries = 1;
-    colr->_transfer = 1;
-    colr->_matrix = 1;
-  }
-  if (const uint64_t cus = tags->video_cus_color_param) {
-    colr->_primaries = static_cast<uint16_t>(cus & 0xff);
-    colr->_transfer = static_cast<uint16_t>((cus >> 16) & 0xff);
-    colr->_matrix = static_cast<uint16_t>((cus >> 32) & 0xff);
-  }
-  return colr;
+long long writeSample(IStream& track, IO& io, Packet& packet) {
+  return static_cast<StreamHevc&>(track).WriteData(io, packet);
 }
 
 }  // namespace
@@ -86,7 +63,8 @@ bool StreamHevc::muxConfig(kiv::base::Object* tagsObject) {
   if (!ok) return false;
   if (tags->videosampleperchunk > 1) {
     LOGI << "video sample per chunk: " << tags->videosampleperchunk;
-    groupSetup(tags, true);
+    _groupFrames = static_cast<int>(tags->videosampleperchunk);
+    VideoChunks(*this, _fifo, _firstChunkMs, _chunkCount, writeSample).Setup(groupSize(), *tags, true);
   }
   // Without a sync table every sample is a sync sample.
   if (_trak && !_trak->Find("stss") && _chunkList)
@@ -101,27 +79,9 @@ bool StreamHevc::buildTrak(videoTags* tags) {
   if (para.rsvdSeconds > 0 && !_concate) _rsvdSize = den ? static_cast<unsigned>(num * para.rsvdSeconds / den) : 0;
   if (Debug()) LOGL << "Video rsvdSize: " << _rsvdSize;
 
-  // Reservations of the tables on file for the planned number of frames N, k * N / div.
-  auto reserve = [&](long long k, long long div) -> long long {
-    if (!den) return 0;
-    const long long v = k * _planSeconds * num / den;
-    return div > 1 ? v / div : v;
+  auto table = [&](IBox* stbl, StblKind kind) {
+    addTable(stbl, kind, tags, VideoTableReserve(kind, _frameRate, _planSeconds, para.fixedRate, tags->videosampleperchunk));
   };
-  auto reserved = [&](StblKind kind) -> long long {
-    const unsigned vspc = tags->videosampleperchunk;
-    switch (kind) {
-      case StblKind::stts: return para.fixedRate ? 32 : reserve(8, 1);
-      case StblKind::ctts: return reserve(16, 3);
-      case StblKind::stss: return reserve(4, 15);
-      case StblKind::sdtp: return reserve(1, 1);
-      case StblKind::stsc: return vspc <= 1 ? 32768 : reserve(12, vspc);
-      case StblKind::stsz: return reserve(4, 1);
-      case StblKind::stco: return reserve(4, 1);
-      case StblKind::co64: return reserve(8, 1);
-    }
-    return 0;
-  };
-  auto table = [&](IBox* stbl, StblKind kind) { addTable(stbl, kind, tags, reserved(kind)); };
 
   IMedia* media = _media;
   const unsigned char version = _version1 ? 1 : 0;
@@ -152,83 +112,30 @@ bool StreamHevc::buildTrak(videoTags* tags) {
   stsd->Add(hvc1);
   auto* hvcc = new chvcC();
   hvc1->Add(hvcc);
-  if (tags->video_has_color_param) hvc1->Add(newColr(tags));
+  if (tags->video_has_color_param) hvc1->Add(NewVideoColr(*tags));
   _chunkList = stbl->ChunkList();
 
   // ---- the fields
   int width = 1920;
   int height = 1080;
-  bool interlace = false;
-  if (!media || !media->Get("width", width)) {
-    LOGE << "!_media->Get(\"width\", width)";
+  if (const char* missing = ReadPictureSize(media, width, height)) {
+    LOGE << missing;
     return false;
   }
-  if (!media->Get("height", height)) {
-    LOGE << "!_media->Get(\"height\", height)";
-    return false;
-  }
-  if (!media->Get("interlace", interlace)) {
-    LOGE << "!_media->Get(\"interlace\", interlace)";
-    return false;
-  }
-  if (interlace) height *= 2;
   LOGI << "width : " << width << "," << "height : " << height;
   _scale.Scale(tags->timescale);
 
-  tkhd->_track_id = static_cast<unsigned>(_trackId);
-  tkhd->_width = static_cast<unsigned short>(width);
-  tkhd->_height = static_cast<unsigned short>(height);
-  tkhd->Flags(tags->tkhd_flags);
-  if (tags->video_track_matrix) std::memcpy(tkhd->_matrix, tags->video_track_matrix, sizeof tkhd->_matrix);
-  boxes.mdhd->_timescale = tags->timescale;
-  boxes.hdlr->_component_type = tags->video_handler_type;
-  boxes.hdlr->_component_subtype = FCC("vide");
-  boxes.hdlr->_component_manufacturer = tags->manufacturer;
-  boxes.hdlr->ComponentName(tags->vidhandercomname, tags->vidhandercomnamelen);
-  vmhd->Flags(1);
-  boxes.alis->Flags(1);
+  FillVideoTkhd(*tkhd, *tags, _trackId, width, height);
+  FillVideoMedia(boxes, *vmhd, *tags, tags->video_handler_type);
+  FillVisualEntry(*hvc1, *tags, width, height, tags->temporal_quality, tags->spatial_quality);
 
-  hvc1->_vendor = tags->vendor;
-  hvc1->_temporal_quality = tags->temporal_quality;
-  hvc1->_spatial_quality = tags->spatial_quality;
-  hvc1->_width = static_cast<uint16_t>(width);
-  hvc1->_height = static_cast<uint16_t>(height);
-  hvc1->_horizontal_resolution = 0x480000;
-  hvc1->_vertical_resolution = 0x480000;
-  hvc1->_frame_count = 1;
-  hvc1->CompressorName(static_cast<unsigned char>(tags->compressorlen), tags->compressorname,
-                       cvmsi::kCompressorNameSize);
-  hvc1->_depth = 24;
-  hvc1->_color_table_id = 0xffff;
-
-  unsigned profile = 0, level = 0, ipps = 0, isps = 0, ivps = 0;
-  unsigned char* pps = nullptr;
-  unsigned char* sps = nullptr;
+  ParamSetKeys keys;
+  if (const char* missing = ReadParamSetKeys(*media, keys)) {
+    LOGE << missing;
+    return false;
+  }
+  unsigned ivps = 0;
   unsigned char* vps = nullptr;
-  if (!media->Get("profile", profile)) {
-    LOGE << "!_media->Get(\"profile\", profile)";
-    return false;
-  }
-  if (!media->Get("level", level)) {
-    LOGE << "!_media->Get(\"level\", level)";
-    return false;
-  }
-  if (!media->Get("pps", pps)) {
-    LOGE << "!_media->Get(\"pps\", pps)";
-    return false;
-  }
-  if (!media->Get("ipps", ipps)) {
-    LOGE << "!_media->Get(\"ipps\", ipps)";
-    return false;
-  }
-  if (!media->Get("sps", sps)) {
-    LOGE << "!_media->Get(\"sps\", sps)";
-    return false;
-  }
-  if (!media->Get("isps", isps)) {
-    LOGE << "!_media->Get(\"isps\", isps)";
-    return false;
-  }
   if (!media->Get("vps", vps)) {
     LOGE << "!_media->Get(\"vps\", vps)";
     return false;
@@ -237,16 +144,16 @@ bool StreamHevc::buildTrak(videoTags* tags) {
     LOGE << "!_media->Get(\"ivps\", ivps)";
     return false;
   }
-  _extraSize = ipps + isps + ivps;
+  _extraSize = keys.ipps + keys.isps + ivps;
 
   hvcc->_configuration_version = 1;
-  hvcc->_profile = static_cast<uint8_t>(profile);
-  hvcc->_level = static_cast<uint8_t>(level);
+  hvcc->_profile = static_cast<uint8_t>(keys.profile);
+  hvcc->_level = static_cast<uint8_t>(keys.level);
   // A set without bytes is left out of the record rather than written as zeros.
-  hvcc->_pps = pps;
-  hvcc->_pps_size = pps ? static_cast<uint16_t>(std::min(ipps, 0xffffu)) : 0;
-  hvcc->_sps = sps;
-  hvcc->_sps_size = sps ? static_cast<uint16_t>(std::min(isps, 0xffffu)) : 0;
+  hvcc->_pps = keys.pps;
+  hvcc->_pps_size = keys.pps ? static_cast<uint16_t>(std::min(keys.ipps, 0xffffu)) : 0;
+  hvcc->_sps = keys.sps;
+  hvcc->_sps_size = keys.sps ? static_cast<uint16_t>(std::min(keys.isps, 0xffffu)) : 0;
   hvcc->_vps = vps;
   hvcc->_vps_size = vps ? static_cast<uint16_t>(std::min(ivps, 0xffffu)) : 0;
   // The record decodes its profile, chroma format and depths from the sets in start-code form.
@@ -254,29 +161,16 @@ bool StreamHevc::buildTrak(videoTags* tags) {
   return true;
 }
 
-void StreamHevc::groupSetup(videoTags* tags, bool scratch) {
-  _groupFrames = static_cast<int>(tags->videosampleperchunk);
-  const unsigned n = groupSize();
-  const int capacity = static_cast<int>(2 * n);
-  // Packets already waiting stay: the fifo only changes its bound when it exists.
-  if (!_fifo || !_fifo->Remax(capacity)) {
-    if (!_fifo) _fifo = new PacketFifo(capacity, releasePacket);
-  }
-  if (scratch && _fragmented) allocScratch(2 * n);
-  _chunkLeads = tags->audio_chunk_first ? 0 : 1;
-  _firstChunkMs = 0;
-}
-
 bool StreamHevc::muxTagSet(videoTags* tags) {
-  if (tags && tags->videosampleperchunk > 1) groupSetup(tags, false);
+  if (tags && tags->videosampleperchunk > 1) {
+    _groupFrames = static_cast<int>(tags->videosampleperchunk);
+    VideoChunks(*this, _fifo, _firstChunkMs, _chunkCount, writeSample).Setup(groupSize(), *tags, false);
+  }
   return true;
 }
 
 bool StreamHevc::muxUpdate() {
-  // With B-frames the first time stamp is hidden behind the edit list.
-  if (!_trak || _struct != FCC("ibbp")) return true;
-  auto* elst = dynamic_cast<celst*>(_trak->Find("elst"));
-  if (elst && !elst->_items.empty()) elst->_items[0].media_time = _firstPts & 0xffffffffLL;
+  VideoChunks::HideFirstPts(*this, _struct);
   return true;
 }
 
@@ -291,89 +185,15 @@ int StreamHevc::MuxOffset(const Packet& packet) {
 }
 
 int StreamHevc::AddChunk(const Packet& packet, unsigned long long offset, int flag) {
-  const size_t before = _chunkList ? _chunkList->size() : 0;
-  const int size = IStream::AddChunk(packet, offset, flag);
-  if (!_chunkList || _chunkList->size() == before) return size;
-  ChunkParam& r = _chunkList->back();
-  if (groupSize() != 1) r.count = groupSize();
-  if (_addSamples) r.count += _addSamples;
-  if (param().fixedRate) {
-    auto zero = [](const Fraction& f) { return f.Den() == 0 || f.Num() / f.Den() == 0; };
-    if (zero(_frameRate) && packet.media) packet.media->Get("framerate", _frameRate);
-    if (zero(_frameRate)) return size;
-    r.duration = static_cast<uint32_t>(_frameRate.Den() * _scale.Scale() / _frameRate.Num());
-  }
-  return size;
-}
-
-long long StreamHevc::writeGroup(IO& io, unsigned n) {
-  long long sum = 0;
-  for (unsigned i = 0; i < n; ++i) {
-    Packet* p = nullptr;
-    if (!_fifo->pop(p) || !p) break;
-    AddChunk(*p, 0, 0);
-    sum += WriteData(io, *p);
-    if (i + 1 < n) ConcateModeUpdate();
-    kiv::base::Release(p);
-  }
-  return sum;
+  return VideoChunks::Record(*this, packet, offset, flag, groupSize(), _frameRate);
 }
 
 long long StreamHevc::AddData(IO& io, Packet& packet, unsigned long long leader) {
-  const long long pos = io.Position();
-  const int size = packet.Size();
-  if (!_fifo) {
-    AddChunk(packet, size ? static_cast<unsigned long long>(pos) : 0, 0);
-    const long long written = WriteData(io, packet);
-    ConcateModeUpdate();
-    return written;
-  }
-  const unsigned spc = groupSize();
-  const bool held = holdInFifo(*_fifo, packet);
-  if (_fragmented) {
-    if (held)
-      pushScratch(static_cast<unsigned>(size), static_cast<uint16_t>(_scale.FromMs(packet.duration / 1000000)));
-  } else if (_chunkLeads == 0 && !mdatHasContent()) {
-    return 0;  // a following track writes nothing before the leader has
-  }
-  if (_fifo->Size() < static_cast<int>(spc)) return 0;
-  if (_chunkLeads == 0 && static_cast<unsigned long long>(_duration) + _firstChunkMs / 2 > leader) return 0;
-
-  if (_fragmented) {
-    createmoof(io, true, spc, static_cast<unsigned>(_firstPts), false);
-    const unsigned rest = _sizeCount > spc ? _sizeCount - spc : 0;
-    if (rest) {
-      std::memmove(_sizeList, _sizeList + spc, rest * sizeof(unsigned));
-      std::memmove(_ptsList, _ptsList + spc, rest * sizeof(unsigned));
-    }
-    _sizeCount = rest;
-    _ptsCount = rest;
-  }
-  const long long sum = writeGroup(io, spc);
-  // The group's position closes its chunk, in the group's last record.
-  if (_chunkList && !_chunkList->empty()) _chunkList->back().offset = size ? static_cast<unsigned long long>(pos) : 0;
-  ++_chunkCount;
-  if (_chunkCount == 1) _firstChunkMs = static_cast<unsigned long long>(_duration);
-  ConcateModeUpdate();
-  return sum;
+  return VideoChunks(*this, _fifo, _firstChunkMs, _chunkCount, writeSample).Add(io, packet, leader, groupSize());
 }
 
 bool StreamHevc::CleanFifoData(IO& io, unsigned long long) {
-  if (!_fifo) return true;
-  const unsigned spc = groupSize();
-  // Only whole groups: the rest of the fifo is dropped with it.
-  while (_fifo->Size() >= static_cast<int>(spc)) {
-    const long long pos = io.Position();
-    if (_fragmented) {
-      createmoof(io, true, spc, static_cast<unsigned>(_firstPts), false);
-      _sizeCount = 0;
-      _ptsCount = 0;
-    }
-    const long long sum = writeGroup(io, spc);
-    if (_chunkList && !_chunkList->empty()) _chunkList->back().offset = static_cast<unsigned long long>(pos);
-    growMdat(sum);
-    ConcateModeUpdate();
-  }
+  VideoChunks(*this, _fifo, _firstChunkMs, _chunkCount, writeSample).Flush(io, groupSize());
   return true;
 }
 
@@ -402,51 +222,10 @@ bool StreamHevc::SetHVCInfo(const Packet& packet) {
   if (!d) return true;
   // The sets found, laid out in the record's own buffer: SPS, then PPS. The type test is the one of
   // H.264 headers, as the devices in the field have always made it.
-  const unsigned char* spsAt = nullptr;
-  const unsigned char* ppsAt = nullptr;
-  unsigned spsLen = 0, ppsLen = 0;
-  auto layout = [&]() {
-    unsigned char tmp[chvcC::kNalBufSize] = {};
-    const unsigned s = static_cast<unsigned>(std::min<size_t>(spsLen, chvcC::kNalBufSize));
-    const unsigned p = static_cast<unsigned>(std::min<size_t>(ppsLen, chvcC::kNalBufSize - s));
-    if (s < spsLen || p < ppsLen) LOGE << "sps " << spsLen << " + pps " << ppsLen << " cut to the hvcC buffer";
-    if (s) std::memcpy(tmp, spsAt, s);
-    if (p) std::memcpy(tmp + s, ppsAt, p);
-    std::memcpy(hvcc->_nal_buf, tmp, sizeof tmp);
-    hvcc->_nal_size = s + p;
-    if (spsAt) {
-      hvcc->_sps = hvcc->_nal_buf;
-      hvcc->_sps_size = static_cast<uint16_t>(s);
-    }
-    if (ppsAt) {
-      hvcc->_pps = hvcc->_nal_buf + s;
-      hvcc->_pps_size = static_cast<uint16_t>(p);
-    }
-  };
-  int prev = -1;
-  for (int i = 0; n - i >= 6; ++i) {
-    if (!isStartCode(d + i)) continue;
-    if (prev >= 0 && _extraSize == 0) {
-      // The unit that ends at this start code.
-      const unsigned char* body = d + prev + 4;
-      const unsigned len = static_cast<unsigned>(i - prev - 4);
-      const unsigned type = len ? (body[0] & 31) : 0;
-      if (type == 7) {
-        spsAt = body;
-        spsLen = len;
-        layout();
-      } else if (type == 8) {
-        ppsAt = body;
-        ppsLen = len;
-        layout();
-      }
-      if (hvcc->_sps_size && hvcc->_pps_size) {
-        _extraSize = hvcc->_sps_size + hvcc->_pps_size;
-        break;
-      }
-    }
-    prev = i;
-  }
+  TakeSpsPps<chvcC::kNalBufSize>(d, n, *hvcc, hvcc->_nal_buf, _extraSize, &hvcc->_nal_size,
+                                 [](unsigned sps, unsigned pps) {
+                                   LOGE << "sps " << sps << " + pps " << pps << " cut to the hvcC buffer";
+                                 });
   return true;
 }
 

@@ -60,8 +60,6 @@ class StreamHevc : public IStream {
 
  private:
   bool buildTrak(videoTags* tags);
-  void groupSetup(videoTags* tags, bool scratch);
-  long long writeGroup(IO& io, unsigned n);
   unsigned groupSize() const { return _groupFrames > 0 ? static_cast<unsigned>(_groupFrames) : 1u; }
 };
 

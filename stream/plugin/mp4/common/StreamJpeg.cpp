@@ -1,7 +1,5 @@
 #include "stream/plugin/mp4/common/StreamJpeg.h"
 
-#include <cstring>
-
 #include "stream/base/dbg/Log.h"
 #include "stream/core/IMedia.h"
 #include "stream/core/Packet.h"
@@ -11,45 +9,29 @@
 #include "stream/plugin/mp4/common/Stbl.h"
 #include "stream/plugin/mp4/common/StblFile.h"
 #include "stream/plugin/mp4/common/Stsd.h"
+#include "stream/plugin/mp4/common/VideoChunks.h"
+#include "stream/plugin/mp4/common/VideoEntry.h"
 #include "stream/plugin/mp4/demux/StreamDemuxer.h"
 
 namespace kiv {
 namespace plugin {
 namespace mov {
 
-using kiv::base::Fraction;
-
 namespace {
 
 void releasePacket(Packet*& p) { kiv::base::Release(p); }
 
-}  // namespace
-
-ccolr* NewVideoColr(const videoTags& tags) {
-  auto* colr = new ccolr();
-  colr->_colour_type = (tags.file_type != 0 && !tags.video_colr_use_nclc) ? FCC("nclx") : FCC("nclc");
-  const unsigned c = tags.video_color_param;
-  const unsigned low = c & 0x7F;
-  colr->_not_bt709 = static_cast<uint8_t>(low);
-  if (low) {
-    colr->_full_range = (c & 0x80) ? 1 : 0;
-    colr->_primaries = 6;
-    colr->_transfer = 1;
-    colr->_matrix = 6;
-  } else {
-    // The opposite sense of the bit in this case, as the profiles in the field expect it.
-    colr->_full_range = (c & 0x80) ? 0 : 1;
-    colr->_primaries = 1;
-    colr->_transfer = 1;
-    colr->_matrix = 1;
-  }
-  if (const uint64_t cus = tags.video_cus_color_param) {
-    colr->_primaries = static_cast<uint16_t>(cus & 0xff);
-    colr->_transfer = static_cast<uint16_t>((cus >> 16) & 0xff);
-    colr->_matrix = static_cast<uint16_t>((cus >> 32) & 0xff);
-  }
-  return colr;
+// The picture's bytes go to the file untouched.
+long long writeSample(IStream&, IO& io, Packet& packet) {
+  if (!packet.Data() || packet.Size() <= 0) return 0;
+  const long long written = io.Write(packet.Data(), packet.Size());
+  return written > 0 ? written : 0;
 }
+
+// A group closed by an empty packet is recorded without its bytes.
+long long recordOnly(IStream&, IO&, Packet&) { return 0; }
+
+}  // namespace
 
 StreamJpeg::StreamJpeg() : IStream("mjpg") {}
 
@@ -102,20 +84,10 @@ bool StreamJpeg::muxConfig(kiv::base::Object* tagsObject) {
   // ---- the fields
   int width = 1920;
   int height = 1080;
-  bool interlace = false;
-  if (!_media || !_media->Get("width", width)) {
-    LOGE << "!_media->Get(\"width\", width)";
+  if (const char* missing = ReadPictureSize(_media, width, height)) {
+    LOGE << missing;
     return false;
   }
-  if (!_media->Get("height", height)) {
-    LOGE << "!_media->Get(\"height\", height)";
-    return false;
-  }
-  if (!_media->Get("interlace", interlace)) {
-    LOGE << "!_media->Get(\"interlace\", interlace)";
-    return false;
-  }
-  if (interlace) height *= 2;
   LOGI << "width : " << width << "," << "height : " << height;
 
   _scale.Scale(tags->timescale);
@@ -123,26 +95,8 @@ bool StreamJpeg::muxConfig(kiv::base::Object* tagsObject) {
   tkhd->_width = static_cast<unsigned short>(width);
   tkhd->_height = static_cast<unsigned short>(height);
   tkhd->Flags(15);
-  media.mdhd->_timescale = tags->timescale;
-  media.hdlr->_component_type = FCC("mhlr");
-  media.hdlr->_component_subtype = FCC("vide");
-  media.hdlr->_component_manufacturer = tags->manufacturer;
-  media.hdlr->ComponentName(tags->vidhandercomname, tags->vidhandercomnamelen);
-  vmhd->Flags(1);
-  media.alis->Flags(1);
-
-  jpeg->_vendor = tags->vendor;
-  jpeg->_temporal_quality = 512;
-  jpeg->_spatial_quality = 512;
-  jpeg->_width = static_cast<uint16_t>(width);
-  jpeg->_height = static_cast<uint16_t>(height);
-  jpeg->_horizontal_resolution = 0x480000;
-  jpeg->_vertical_resolution = 0x480000;
-  jpeg->_frame_count = 1;
-  jpeg->CompressorName(static_cast<unsigned char>(tags->compressorlen), tags->compressorname,
-                       cvmsi::kCompressorNameSize);
-  jpeg->_depth = 24;
-  jpeg->_color_table_id = 0xffff;
+  FillVideoMedia(media, *vmhd, *tags, FCC("mhlr"));
+  FillVisualEntry(*jpeg, *tags, width, height, 512, 512);
 
   if (vspc < 2) return true;
   _groupFrames = static_cast<int>(vspc);
@@ -162,94 +116,19 @@ void StreamJpeg::ConcateModeUpdate() { concateFill(); }
 int StreamJpeg::MuxOffset(const Packet&) { return 0; }
 
 int StreamJpeg::AddChunk(const Packet& packet, unsigned long long offset, int flag) {
-  const size_t before = _chunkList ? _chunkList->size() : 0;
-  const int size = IStream::AddChunk(packet, offset, flag);
-  if (!_chunkList || _chunkList->size() == before) return size;
-  ChunkParam& r = _chunkList->back();
   // The record's count stays 1 in a group: stsc comes from the walk over the records' offsets.
-  if (_addSamples) r.count += _addSamples;
-  if (param().fixedRate) {
-    auto zero = [](const Fraction& f) { return f.Den() == 0 || f.Num() / f.Den() == 0; };
-    if (zero(_frameRate) && packet.media) packet.media->Get("framerate", _frameRate);
-    if (zero(_frameRate)) return size;
-    r.duration = static_cast<uint32_t>(_frameRate.Den() * _scale.Scale() / _frameRate.Num());
-  }
-  return size;
-}
-
-long long StreamJpeg::writeGroup(IO& io, unsigned n, bool write) {
-  long long sum = 0;
-  for (unsigned i = 0; i < n; ++i) {
-    Packet* p = nullptr;
-    if (!_fifo->pop(p) || !p) break;
-    AddChunk(*p, 0, 0);
-    if (write && p->Data() && p->Size() > 0) {
-      const long long w = io.Write(p->Data(), p->Size());
-      if (w > 0) sum += w;
-    }
-    if (i + 1 < n) ConcateModeUpdate();
-    kiv::base::Release(p);
-  }
-  return sum;
+  return VideoChunks::Record(*this, packet, offset, flag, 1, _frameRate);
 }
 
 long long StreamJpeg::AddData(IO& io, Packet& packet, unsigned long long leader) {
-  const long long pos = io.Position();
-  const int size = packet.Size();
-  if (!_fifo) {
-    AddChunk(packet, size ? static_cast<unsigned long long>(pos) : 0, 0);
-    long long written = 0;
-    if (size > 0 && packet.Data()) written = io.Write(packet.Data(), size);
-    ConcateModeUpdate();
-    return written > 0 ? written : 0;
-  }
-
-  const bool held = holdInFifo(*_fifo, packet);
-  if (_fragmented) {
-    if (held)
-      pushScratch(static_cast<unsigned>(size), static_cast<uint16_t>(_scale.FromMs(packet.duration / 1000000)));
-  } else if (_chunkLeads == 0 && !mdatHasContent()) {
-    return 0;  // a following track writes nothing before the leader has
-  }
-  const unsigned group = static_cast<unsigned>(_groupFrames);
-  if (_fifo->Size() < _groupFrames) return 0;
-  if (_chunkLeads == 0 && static_cast<unsigned long long>(_duration) + _firstChunkMs / 2 > leader) return 0;
-
-  if (_fragmented) {
-    createmoof(io, true, group, static_cast<unsigned>(_firstPts), false);
-    const unsigned rest = _sizeCount > group ? _sizeCount - group : 0;
-    if (rest) {
-      std::memmove(_sizeList, _sizeList + group, rest * sizeof(unsigned));
-      std::memmove(_ptsList, _ptsList + group, rest * sizeof(unsigned));
-    }
-    _sizeCount = rest;
-    _ptsCount = rest;
-  }
-
-  const long long sum = writeGroup(io, group, size != 0);
-  if (_chunkList && !_chunkList->empty()) _chunkList->back().offset = size ? static_cast<unsigned long long>(pos) : 0;
-  ++_chunkCount;
-  if (_chunkCount == 1) _firstChunkMs = static_cast<unsigned long long>(_duration);
-  ConcateModeUpdate();
-  return sum;
+  const VideoChunks::Write write = packet.Size() != 0 ? writeSample : recordOnly;
+  return VideoChunks(*this, _fifo, _firstChunkMs, _chunkCount, write)
+      .Add(io, packet, leader, static_cast<unsigned>(_groupFrames));
 }
 
 bool StreamJpeg::CleanFifoData(IO& io, unsigned long long) {
-  if (!_fifo || _groupFrames < 1) return true;
-  const unsigned group = static_cast<unsigned>(_groupFrames);
-  // Only whole groups: a rest smaller than a group goes with the fifo.
-  while (_fifo->Size() >= _groupFrames) {
-    const long long pos = io.Position();
-    if (_fragmented) {
-      createmoof(io, true, group, static_cast<unsigned>(_firstPts), false);
-      _sizeCount = 0;
-      _ptsCount = 0;
-    }
-    const long long sum = writeGroup(io, group, true);
-    if (_chunkList && !_chunkList->empty()) _chunkList->back().offset = static_cast<unsigned long long>(pos);
-    growMdat(sum);
-    ConcateModeUpdate();
-  }
+  if (_groupFrames < 1) return true;
+  VideoChunks(*this, _fifo, _firstChunkMs, _chunkCount, writeSample).Flush(io, static_cast<unsigned>(_groupFrames));
   return true;
 }
 

@@ -10,11 +10,6 @@ namespace kiv {
 namespace plugin {
 namespace mov {
 
-class ccolr;
-
-// The "colr" box a video entry carries when the profile asks for one.
-ccolr* NewVideoColr(const videoTags& tags);
-
 class StreamJpeg : public IStream {
  public:
   StreamJpeg();
@@ -34,11 +29,6 @@ class StreamJpeg : public IStream {
   unsigned long long _firstChunkMs = 0;
   unsigned _chunkCount = 0;
   kiv::base::Fraction _frameRate{0, 0};  // property "frameRate", set by the engine
-
- private:
-  // Pops n packets and writes them as the records of one chunk; an empty incoming packet (write
-  // false) records them without their bytes. Returns the bytes written.
-  long long writeGroup(IO& io, unsigned n, bool write);
 };
 
 }  // namespace mov

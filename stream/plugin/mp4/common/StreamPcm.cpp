@@ -8,6 +8,7 @@
 #include "stream/core/Packet.h"
 #include "stream/plugin/mp4/BoxWeave.h"
 #include "stream/plugin/mp4/VideoTag.h"
+#include "stream/plugin/mp4/common/AudioEntry.h"
 #include "stream/plugin/mp4/common/Box.h"
 #include "stream/plugin/mp4/common/Stbl.h"
 #include "stream/plugin/mp4/common/StblFile.h"
@@ -30,24 +31,9 @@ bool StreamPcm::muxConfig(kiv::base::Object* tagsObject) {
   videoTags* tags = profileOf(tagsObject);
   if (!tags) return false;
   int rate = 0, chn = 0, width = 0, depth = 0, samples = 0;
-  if (!_media || !_media->Get("rate", rate)) {
-    LOGI << "!_media->Get(\"rate\", rate)";
-    return false;
-  }
-  if (!_media->Get("channel", chn)) {
-    LOGI << "!_media->Get(\"channel\", chn)";
-    return false;
-  }
-  if (!_media->Get("width", width)) {
-    LOGI << "!_media->Get(\"width\", width)";
-    return false;
-  }
-  if (!_media->Get("depth", depth)) {
-    LOGI << "!_media->Get(\"depth\", depth)";
-    return false;
-  }
-  if (!_media->Get("samples", samples)) {
-    LOGI << "!_media->Get(\"samples\", samples)";
+  const std::string missing = ReadAudioKeys(_media, rate, chn, width, depth, "samples", samples);
+  if (!missing.empty()) {
+    LOGI << missing;
     return false;
   }
   // A forged media could ask for anything; the file's fields hold 16 bits.
@@ -57,16 +43,8 @@ bool StreamPcm::muxConfig(kiv::base::Object* tagsObject) {
   }
 
   const MuxerParam& para = param();
-  const unsigned char version = _version1 ? 1 : 0;
-
-  auto* trak = new ctrak();
-  _trak = trak;
-  auto* tkhd = new ctkhd(version);
-  trak->Add(tkhd);
-  const MediaBoxes media =
-      addMediaBoxes(trak, version, tags->audio_has_edts, tags->audio_track_lang_id, new csmhd(),
-                    tags->audio_handler_minf_present, tags->audhandlerrefcomname, tags->audhandlerrefcomnamelen,
-                    tags->datareftype);
+  ctkhd* tkhd = nullptr;
+  const MediaBoxes media = NewAudioTrak(*tags, _version1, _trak, tkhd);
 
   if (para.rsvdSeconds > 0 && !_concate)
     _rsvdSize = samples ? static_cast<unsigned>(static_cast<long long>(rate) * para.rsvdSeconds / samples) : 0;
@@ -121,15 +99,7 @@ bool StreamPcm::muxConfig(kiv::base::Object* tagsObject) {
   _chunkList = stbl->ChunkList();
   _rate = static_cast<unsigned>(rate);
   _scale.Scale(rate);
-  tkhd->Flags(tags->tkhd_flags);
-  tkhd->_track_id = static_cast<unsigned>(_trackId);
-  tkhd->_volume = 256;
-  media.mdhd->_timescale = static_cast<unsigned>(rate);
-  media.hdlr->_component_type = tags->audio_handler_type;
-  media.hdlr->_component_subtype = FCC("soun");
-  media.hdlr->_component_manufacturer = tags->manufacturer;
-  media.hdlr->ComponentName(tags->audhandercomname, tags->audhandercomnamelen);
-  media.alis->Flags(1);
+  FillAudioHeaders(*tkhd, media, *tags, _trackId, static_cast<unsigned>(rate));
 
   if (aspc <= 1) return true;
   const unsigned long long chunkBytes = static_cast<unsigned long long>(aspc) * _audSampSize;

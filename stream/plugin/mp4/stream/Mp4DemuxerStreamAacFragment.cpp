@@ -16,12 +16,8 @@ bool Mp4DemuxerStreamAacFragment::demuxConfig(kiv::base::Object*) {
   if (!StreamAac::DemuxMedia(_trak, _media, _frmSampNum, _rate, _ch)) return false;
   _adtslen = 0;
   if (CreateAdts()) _adtslen = 7;
-  if (!_media->Set("adtslen", static_cast<long long>(_adtslen))) {
-    LOGE << "!_media->Set(\"adtslen\",_adtslen)";
-    return false;
-  }
-  if (!_media->Set("hasadts", _adtslen != 0)) {
-    LOGE << "!_media->Set(\"hasadts\",(bool)_adtslen)";
+  if (const char* refused = StreamAac::TellAdts(_media, _adtslen)) {
+    LOGE << refused;
     return false;
   }
   _adtslenTold = _adtslen;

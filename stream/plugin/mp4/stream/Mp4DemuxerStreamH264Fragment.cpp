@@ -19,12 +19,7 @@ bool Mp4DemuxerStreamH264Fragment::demuxConfig(kiv::base::Object*) {
     LOGI << "can not find avc1";
     return false;
   }
-  _media->Set("width", static_cast<int>(avc1->_width));
-  _media->Set("height", static_cast<int>(avc1->_height));
-  if (auto* avcc = dynamic_cast<cavcC*>(_trak->Find("avcC"))) {
-    _media->Set("profile", static_cast<unsigned>(avcc->_profile));
-    _media->Set("level", static_cast<unsigned>(avcc->_level));
-  }
+  StreamH264::PictureFromAvc1(_trak, *avc1, _media);
   setExtraData(_media);
   return true;
 }

@@ -4,6 +4,7 @@
 #include "stream/core/IMedia.h"
 #include "stream/core/Packet.h"
 #include "stream/plugin/mp4/BoxWeave.h"
+#include "stream/plugin/mp4/common/AudioEntry.h"
 #include "stream/plugin/mp4/common/BoxFMp4.h"
 #include "stream/plugin/mp4/common/IBox.h"
 #include "stream/plugin/mp4/common/StreamAac.h"
@@ -19,24 +20,9 @@ Mp4MuxerStreamAacFragment::Mp4MuxerStreamAacFragment() : IMp4MuxerStreamFragment
 bool Mp4MuxerStreamAacFragment::muxConfig(kiv::base::Object* tagsObject) {
   if (!profileOf(tagsObject)) return false;
   int rate = 0, chn = 0, width = 0, depth = 0, bitrate = 0;
-  if (!_media || !_media->Get("rate", rate)) {
-    LOGE << "!_media->Get(\"rate\", rate)";
-    return false;
-  }
-  if (!_media->Get("channel", chn)) {
-    LOGE << "!_media->Get(\"channel\", chn)";
-    return false;
-  }
-  if (!_media->Get("width", width)) {
-    LOGE << "!_media->Get(\"width\", width)";
-    return false;
-  }
-  if (!_media->Get("depth", depth)) {
-    LOGE << "!_media->Get(\"depth\", depth)";
-    return false;
-  }
-  if (!_media->Get("bitrate", bitrate)) {
-    LOGE << "!_media->Get(\"bitrate\", bitrate)";
+  const std::string missing = ReadAudioKeys(_media, rate, chn, width, depth, "bitrate", bitrate);
+  if (!missing.empty()) {
+    LOGE << missing;
     return false;
   }
   if (!_media->Get("adtslen", _adtslen)) {
@@ -52,16 +38,7 @@ bool Mp4MuxerStreamAacFragment::muxConfig(kiv::base::Object* tagsObject) {
 
   // The trak is the whole-file track's, made by one that keeps its tables in memory and groups
   // nothing; its sample tables stay empty here.
-  StreamAac builder;
-  builder._media = _media;
-  builder._trackId = _trackId;
-  builder._version1 = _version1;
-  builder._use64 = _use64;
-  builder.MuxParamSet(nullptr);
-  const bool built = builder.muxConfig(tagsObject);
-  _trak = builder._trak;
-  builder._trak = nullptr;
-  if (!built) return false;
+  if (!BorrowTrak<StreamAac>(*this, tagsObject)) return false;
   _scale.Scale(rate);
 
   framesPerSegment = static_cast<unsigned>(rate / 2048);
@@ -73,10 +50,7 @@ bool Mp4MuxerStreamAacFragment::createMoof() {
     LOGE << "!IMp4MuxerStreamFragment::createMoof()";
     return false;
   }
-  _tfhd->DefaultSampleDuration(kFrameSamples);
-  _tfhd->Flags(_tfhd->Flags() | ctfhd::kDefaultSampleDuration | ctfhd::kDefaultBaseIsMoof);
-  _trun->DataOffset(0);
-  _trun->Flags(_trun->Flags() | ctrun::kDataOffset | ctrun::kSampleSize);
+  SetEvenFragmentFlags(*_tfhd, *_trun, kFrameSamples);
   return true;
 }
 

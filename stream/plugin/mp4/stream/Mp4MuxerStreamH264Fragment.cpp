@@ -32,15 +32,8 @@ Mp4MuxerStreamH264Fragment::Mp4MuxerStreamH264Fragment() : IMp4MuxerStreamFragme
 bool Mp4MuxerStreamH264Fragment::muxConfig(kiv::base::Object* tagsObject) {
   videoTags* tags = profileOf(tagsObject);
   if (!tags) return false;
-  AvcTrakSetup setup;
-  setup.tags = tags;
-  setup.media = _media;
-  setup.version1 = _version1;
-  setup.use64 = _use64;
-  setup.trackId = _trackId;
-  setup.scale = &_scale;
   AvcTrak built;
-  const bool ok = BuildAvcTrak(setup, built);
+  const bool ok = BuildAvcTrak(AvcTrakSetupFor(*this, tags), built);
   _trak = built.trak;
   if (!ok) return false;
 

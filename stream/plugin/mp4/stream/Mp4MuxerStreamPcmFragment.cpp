@@ -5,6 +5,7 @@
 #include "stream/base/dbg/Log.h"
 #include "stream/core/IMedia.h"
 #include "stream/plugin/mp4/BoxWeave.h"
+#include "stream/plugin/mp4/common/AudioEntry.h"
 #include "stream/plugin/mp4/common/BoxFMp4.h"
 #include "stream/plugin/mp4/common/IBox.h"
 #include "stream/plugin/mp4/common/StreamPcm.h"
@@ -20,40 +21,16 @@ Mp4MuxerStreamPcmFragment::Mp4MuxerStreamPcmFragment() : IMp4MuxerStreamFragment
 bool Mp4MuxerStreamPcmFragment::muxConfig(kiv::base::Object* tagsObject) {
   if (!profileOf(tagsObject)) return false;
   int rate = 0, chn = 0, width = 0, depth = 0, samples = 0;
-  if (!_media || !_media->Get("rate", rate)) {
-    LOGE << "!_media->Get(\"rate\", rate)";
-    return false;
-  }
-  if (!_media->Get("channel", chn)) {
-    LOGE << "!_media->Get(\"channel\", chn)";
-    return false;
-  }
-  if (!_media->Get("width", width)) {
-    LOGE << "!_media->Get(\"width\", width)";
-    return false;
-  }
-  if (!_media->Get("depth", depth)) {
-    LOGE << "!_media->Get(\"depth\", depth)";
-    return false;
-  }
-  if (!_media->Get("samples", samples)) {
-    LOGE << "!_media->Get(\"samples\", samples)";
+  const std::string missing = ReadAudioKeys(_media, rate, chn, width, depth, "samples", samples);
+  if (!missing.empty()) {
+    LOGE << missing;
     return false;
   }
 
   // The trak is the whole-file track's, made by one that keeps its tables in memory and groups
   // nothing; its sample tables stay empty here. It also refuses rates, channels and widths the
   // sample entry cannot hold, and logs the sizes.
-  StreamPcm builder;
-  builder._media = _media;
-  builder._trackId = _trackId;
-  builder._version1 = _version1;
-  builder._use64 = _use64;
-  builder.MuxParamSet(nullptr);
-  const bool built = builder.muxConfig(tagsObject);
-  _trak = builder._trak;
-  builder._trak = nullptr;
-  if (!built) return false;
+  if (!BorrowTrak<StreamPcm>(*this, tagsObject)) return false;
   _rate = static_cast<unsigned>(rate);
   _samples = static_cast<unsigned>(samples);
   _scale.Scale(rate);
@@ -67,10 +44,7 @@ bool Mp4MuxerStreamPcmFragment::createMoof() {
     LOGE << "!IMp4MuxerStreamFragment::createMoof()";
     return false;
   }
-  _tfhd->DefaultSampleDuration(_samples);
-  _tfhd->Flags(_tfhd->Flags() | ctfhd::kDefaultSampleDuration | ctfhd::kDefaultBaseIsMoof);
-  _trun->DataOffset(0);
-  _trun->Flags(_trun->Flags() | ctrun::kDataOffset | ctrun::kSampleSize);
+  SetEvenFragmentFlags(*_tfhd, *_trun, _samples);
   return true;
 }
 
