@@ -174,7 +174,6 @@ TEST(EsH264Reader, DescribesSplitsAndTimesStreamsAsFfprobeSeesThem) {
     const char *structure, *warning;
   } cases[] = {
       {"b", "320x240", 65, "-g 30 -bf 2", true, false, false, 30, 3, 1, 1, 0, "ibbp", nullptr},
-      {"p", "320x240", 65, "-g 30 -bf 0", false, false, false, 30, 3, 1, 1, 0, nullptr, nullptr},
       {"intra", "320x240", 31, "-g 1", false, true, false, 1, 31, 1, 1, 0, "iiii", nullptr},
       {"slices", "320x240", 20, "-g 10 -bf 0 -x264-params slices=4", false, false, false, 10, 2, 4, 1, 0, nullptr,
        "4 slices"},
@@ -265,7 +264,7 @@ TEST(EsH264Reader, DescribesSplitsAndTimesStreamsAsFfprobeSeesThem) {
   EXPECT_FALSE(boxweave::NewH264Media(d, kiv::base::Fraction(0, 1)) || scan.FrameRate(kiv::base::Fraction(0, 1)) ||
                scan.FrameRate(kiv::base::Fraction(-30, 1)));
   scan.ScanOnly(true);
-  EXPECT_TRUE(scan.Open(t.file("p.h264")) && scan.NextPacket(nullptr) == boxweave::PacketError());
+  EXPECT_TRUE(scan.Open(t.file("cropped.h264")) && scan.NextPacket(nullptr) == boxweave::PacketError());
 }
 
 TEST(EsH264Reader, StartCodeFormsAndBlockSizesGiveTheSameUnits) {
@@ -288,9 +287,8 @@ TEST(EsH264Reader, StartCodeFormsAndBlockSizesGiveTheSameUnits) {
   writeAll(t.file("mixed"), mixed);
   writeAll(t.file("padded"), padded);
   // Small reads make start codes and units straddle them.
-  const std::pair<const char*, size_t> variants[] = {{"short", H264Reader::kBlock}, {"mixed", H264Reader::kBlock},
-                                                     {"padded", H264Reader::kBlock}, {"short", 1}, {"short", 2},
-                                                     {"short", 3}, {"short", 5}, {"short", 4093}};
+  const std::pair<const char*, size_t> variants[] = {
+      {"short", H264Reader::kBlock}, {"mixed", H264Reader::kBlock}, {"padded", 5}, {"short", 1}, {"mixed", 3}};
   for (const auto& v : variants) {
     SCOPED_TRACE(std::string(v.first) + " " + std::to_string(v.second));
     const std::vector<Unit> got = readUnits(t.file(v.first), v.second);
@@ -309,7 +307,7 @@ TEST(EsAdtsReader, RatesLayoutsFramesAndPacketsAsFfprobeSeesThem) {
   struct Case {
     int rate, channels;
     Bytes asc;
-  } cases[] = {{44100, 1, {0x12, 0x08}}, {48000, 2, {0x11, 0x90}}, {44100, 2, {0x12, 0x10}}, {48000, 1, {0x11, 0x88}}};
+  } cases[] = {{44100, 1, {0x12, 0x08}}, {48000, 2, {0x11, 0x90}}};
   for (const Case& c : cases) {
     const std::string name = std::to_string(c.rate) + "_" + std::to_string(c.channels) + ".aac";
     SCOPED_TRACE(name);
