@@ -421,6 +421,7 @@ TEST_F(GeneratedRecord, LongRecordingsKeepTheirTablesWithSpillListsAndTableFiles
     const char* same;  // the recording whose tables and sound it must have
   } cases[] = {
       {"plain.mov", "", nullptr},
+      {"spill.mov", "--spill", "plain.mov"},
       {"both.mov", "--spill --table-files", "plain.mov"},
       {"grouped.mp4", groups, nullptr},
       {"grouped_both.mp4", groups + " --spill --table-files", "grouped.mp4"},
