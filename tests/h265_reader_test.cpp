@@ -269,8 +269,14 @@ TEST(H265Reader, AccessUnitsKeysSetsAndWhatTheTrackKeepsWhateverTheBlockSize) {
                        {false, 2, 1, boxweave::kHevcSliceP}, {true, 1, 1, boxweave::kHevcSliceI},
                        {false, 2, 1, boxweave::kHevcSliceP}};
   Scratch s;
-  for (size_t startCode : {3u, 4u}) {
-    Bytes stream = Join(nals, startCode);
+  // Three-byte start codes, four-byte ones, and a mix of both with zero padding in front and between
+  // units (the start code reader is the H.264 reader's too).
+  for (size_t startCode : {3u, 4u, 0u}) {
+    Bytes stream = startCode ? Join(nals, startCode) : Bytes(5, 0);
+    for (size_t i = 0; !startCode && i < nals.size(); ++i) {
+      const Bytes one = Join({nals[i]}, 3 + i % 4);
+      stream.insert(stream.end(), one.begin(), one.end());
+    }
     stream.insert(stream.end(), 3, 0);  // trailing zeros
     const std::string path = s.Write("s.h265", stream);
     for (size_t block : {1u, 7u, 1u << 20}) {
