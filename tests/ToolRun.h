@@ -1,9 +1,12 @@
 // Runs the command-line host from the build directory and collects what it printed; asks ffprobe.
 #pragma once
 
+#include <dirent.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -49,10 +52,23 @@ inline void RemoveAtExit(const std::string& path) {
 }
 
 // A folder of this process under the temporary directory, made on first use, removed at its end.
+// Those of processes that were killed before they could remove theirs (or kept theirs) go when the
+// next one starts, unless it keeps its own.
 inline const std::string& ProcessScratch() {
   static const std::string dir = [] {
     std::string tmp = ::testing::TempDir();
     if (!tmp.empty() && tmp.back() == '/') tmp.pop_back();
+    DIR* all = std::getenv("BOXWEAVE_KEEP_SCRATCH") ? nullptr : ::opendir(tmp.c_str());
+    if (all) {
+      while (const dirent* e = ::readdir(all)) {
+        const std::string name = e->d_name;
+        if (name.rfind("boxweave_test", 0) != 0 || name.size() == 13 ||
+            name.find_first_not_of("0123456789", 13) != std::string::npos)
+          continue;
+        if (::kill(std::atoi(name.c_str() + 13), 0) != 0 && errno == ESRCH) Shell("rm -rf '" + tmp + "/" + name + "'");
+      }
+      ::closedir(all);
+    }
     const std::string d = tmp + "/boxweave_test" + std::to_string(::getpid());
     Shell("mkdir -p " + d);
     RemoveAtExit(d);
