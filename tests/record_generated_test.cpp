@@ -306,8 +306,6 @@ const Case kCases[] = {
     {"hevc_pcm16.mp4", "hevc", "raw16", false, "", nullptr},
     // Pictures of several units are warned of and still come back through play.
     {"hevcsei.mov", "hevcsei", nullptr, false, "", "1 pictures (the first is number 0) hold more than one NAL unit"},
-    {"mjpeg.mp4", "mjpeg", nullptr, false, "", nullptr},
-    {"pcm48.mov", nullptr, "wav48", false, "", nullptr},
     {"mjpeg_pcm16.mov", "mjpeg", "raw16", false, "", nullptr},
     {"h264_pcm48.mp4", "h264", "wav48", false, "", nullptr},
     {"h264_aac_text.mov", "h264", "aac48", true, "", nullptr},
