@@ -255,23 +255,6 @@ TEST(PcmReader, RawFormatIsNamedByTheUser) {
   EXPECT_EQ(PcmReader::FramesPerPacket(11025), 1024u);
 }
 
-TEST(PcmReader, WrittenHeaderReadsBack) {
-  iotest::TempDir t;
-  const std::string path = t.file("back.wav");
-  const std::string h = WaveHeader(16000, 1, 640);
-  ASSERT_EQ(h.size(), 44u);
-  writeAll(path, cat({Bytes(h.begin(), h.end()), Bytes(640, 7)}));
-  PcmReader r;
-  ASSERT_TRUE(r.Open(path, nullptr)) << r.Error();
-  EXPECT_EQ(std::make_tuple(r.Format().rate, r.Format().channels, r.Frames()), std::make_tuple(16000u, 1u, 320ull));
-  // A provisional header patched afterwards tells the real size.
-  writeAll(path, cat({str(WaveHeader(0, 0, 0)), Bytes(1280, 7)}));
-  ASSERT_EQ(PatchWaveHeader(path, 8000, 2, 1280), "");
-  PcmReader again;
-  ASSERT_TRUE(again.Open(path, nullptr)) << again.Error();
-  EXPECT_EQ(std::make_tuple(again.Format().rate, again.Frames(), again.DataSizeClamped()), std::make_tuple(8000u, 320ull, false));
-}
-
 TEST(Srt, CuesParseOrFailWithTheLine) {
   struct Case {
     const char* name;
@@ -333,6 +316,7 @@ TEST(Srt, SamplesCoverTheTimeLine) {
   }
 }
 
+// (Written back through play and read by ffmpeg, and refused at the command line: the record tests.)
 TEST(Srt, PacketsAreTextSamplesStampedAtTheirEnd) {
   iotest::TempDir t;
   const std::string path = t.file("in.srt");
@@ -353,18 +337,6 @@ TEST(Srt, PacketsAreTextSamplesStampedAtTheirEnd) {
   EXPECT_EQ(r.NextPacket(nullptr), nullptr);
   // 4 samples over 3 s: two a second are planned for.
   EXPECT_EQ(r.Rate().Num(), 2);
-  // Written back, the cues come out as they went in.
-  std::vector<SrtCue> again;
-  std::string why;
-  ASSERT_TRUE(ParseSrt(SrtOfSamples(r.Samples()), again, why)) << why;
-  EXPECT_EQ(show(again), "500-1000 'Hi'\n1000-3000 '\xC3\x9C'\n");
-
-  for (const auto& bad : {std::make_pair(Bytes{}, "empty file"), std::make_pair(str("just words\n"), "line 1: no timing line")}) {
-    writeAll(path, bad.first);
-    SrtReader b;
-    EXPECT_FALSE(b.Open(path));
-    EXPECT_NE(b.Error().find(bad.second), std::string::npos) << b.Error();
-  }
 }
 
 // Valid streams cut anywhere and random bytes: every reader ends with packets or a reason, and reads
