@@ -27,9 +27,6 @@ struct Decoded {
   std::string errors, video, audio;  // what ffmpeg said at error level less what is allowed; md5 of each
 };
 
-// Decodes every picture and every sound frame. Pictures keep their decoding count (no frame dropped
-// or repeated for timing). A B-frame track carries a fixed pattern of composition offsets, so the
-// pictures come out with repeated time stamps: the raw writer's notes about them are allowed there.
 // A fresh scratch folder for one test process, named by prefix and process id, or "" with why set
 // when ffmpeg or ffprobe is missing.
 inline std::string ScratchDir(const std::string& prefix, std::string& why) {
@@ -40,12 +37,19 @@ inline std::string ScratchDir(const std::string& prefix, std::string& why) {
   std::string tmp = ::testing::TempDir();
   if (!tmp.empty() && tmp.back() == '/') tmp.pop_back();
   const std::string dir = tmp + "/" + prefix + std::to_string(::getpid());
-  return Shell("rm -rf " + dir + " && mkdir -p " + dir) ? dir : "";
+  if (!Shell("rm -rf " + dir + " && mkdir -p " + dir)) return "";
+  boxtest::RemoveAtExit(dir);
+  return dir;
 }
 
-inline Decoded Decode(const std::string& dir, const std::string& file, bool video, bool audio, bool bframes) {
+// Decodes every picture and every sound frame. Pictures keep their decoding count (no frame dropped
+// or repeated for timing). A B-frame track carries a fixed pattern of composition offsets, so the
+// pictures come out with repeated time stamps: the raw writer's notes about them are allowed there.
+// `input` tells ffmpeg how to read the file ("-f s16le -ar 16000 -ac 1", "-ignore_editlist 1").
+inline Decoded DecodeWith(const std::string& dir, const std::string& file, bool video, bool audio, bool bframes,
+                          const std::string& input) {
   const std::string v = dir + "/decoded_v", a = dir + "/decoded_a", e = dir + "/decoded_err";
-  std::string cmd = "ffmpeg -nostdin -v error -xerror -i " + file;
+  std::string cmd = "ffmpeg -nostdin -v error -xerror " + input + " -i " + file;
   if (video) cmd += " -map 0:v -fps_mode passthrough -f rawvideo -y " + v;
   if (audio) cmd += " -map 0:a -f s16le -y " + a;
   cmd += " 2>" + e + "; echo $?" + (video ? "; md5sum <" + v : "") + (audio ? "; md5sum <" + a : "");
@@ -60,6 +64,9 @@ inline Decoded Decode(const std::string& dir, const std::string& file, bool vide
       d.errors += line + "\n";
   Shell("rm -f " + v + " " + a + " " + e);
   return d;
+}
+inline Decoded Decode(const std::string& dir, const std::string& file, bool video, bool audio, bool bframes) {
+  return DecodeWith(dir, file, video, audio, bframes, "");
 }
 
 // The md5 of each decoded frame of the file's first stream of a kind ("v" or "a"), in the order the

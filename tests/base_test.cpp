@@ -80,32 +80,29 @@ TEST(BaseConvert, FractionsAndTimeScales) {
   Fraction f;
   EXPECT_TRUE(f.From("30000/1001") && f == Fraction(30000, 1001));
   EXPECT_TRUE(f.From("29.97") && f == Fraction(2997, 100));
-  EXPECT_TRUE(f.From("25"));
-  EXPECT_EQ(f.ToString(), "25/1");
+  EXPECT_TRUE(f.From("25") && f.ToString() == "25/1");
   EXPECT_FALSE(f.From("1/0"));
   EXPECT_TRUE(f.From(5, -2) && f == Fraction(-5, 2));
 
-  TimeScale ts;
-  ts.Scale(90000);
-  EXPECT_EQ(ts.To(3003), 33366667LL);
-  EXPECT_EQ(ts.From(1000000000LL), 90000);
-  EXPECT_EQ(ts.ToMs(45000), 500);
-  EXPECT_EQ(ts.FromMs(2000), 180000);
-  // Values of long recordings stay exact where a plain product would overflow.
-  ts.Scale(48000);
-  EXPECT_EQ(ts.To(10LL * 24 * 3600 * 48000), 10LL * 24 * 3600 * 1000000000LL);
-
   // Conversions round to nearest, halves away from zero, so that the frame steps of a constant rate
-  // (33333333 and 33333334 ns at 30 fps) land on one value.
-  ts.Scale(60000);
-  EXPECT_EQ(ts.From(33333333), 2000);
-  EXPECT_EQ(ts.From(33333334), 2000);
-  EXPECT_EQ(ts.From(-33333333), -2000);
-  ts.Scale(1000);
-  EXPECT_EQ(ts.From(1500000), 2);
-  EXPECT_EQ(ts.From(1499999), 1);
-  EXPECT_EQ(ts.From(-1500000), -2);
-  EXPECT_EQ(ts.ToMs(0), 0);
+  // (33333333 and 33333334 ns at 30 fps) land on one value; values of long recordings stay exact
+  // where a plain product would overflow.
+  const struct {
+    int scale;
+    bool toNs;
+    long long in, out;
+  } times[] = {{90000, true, 3003, 33366667},       {90000, false, 1000000000, 90000},
+               {60000, false, 33333333, 2000},      {60000, false, 33333334, 2000},
+               {60000, false, -33333333, -2000},    {1000, false, 1500000, 2},
+               {1000, false, 1499999, 1},           {1000, false, -1500000, -2},
+               {48000, true, 10LL * 24 * 3600 * 48000, 10LL * 24 * 3600 * 1000000000LL}};
+  TimeScale ts;
+  for (const auto& t : times) {
+    ts.Scale(t.scale);
+    EXPECT_EQ(t.toNs ? ts.To(t.in) : ts.From(t.in), t.out) << t.scale << (t.toNs ? " to ns " : " from ns ") << t.in;
+  }
+  ts.Scale(90000);
+  EXPECT_EQ(std::make_pair(ts.ToMs(45000), ts.FromMs(2000)), std::make_pair(500LL, 180000LL));
   EXPECT_EQ(kiv::base::MulDiv(1, 2, 3), 1);  // 0.67
   EXPECT_EQ(kiv::base::MulDiv(1, 1, 3), 0);  // 0.33
   EXPECT_EQ(kiv::base::MulDiv(7, 1, 0), 0);

@@ -71,18 +71,17 @@ Bytes joinNals(const std::vector<Bytes>& nals, int startCodeBytes) {
 struct Unit {
   Bytes bytes;
   bool key;
-  unsigned types;   // the slice types seen
   int slices;
   size_t head;      // bytes ahead of the first slice
 };
-std::vector<Unit> readUnits(const std::string& path, size_t block = H264Reader::kBlock) {
-  H264Reader r(block);
+std::vector<Unit> readUnits(const std::string& path) {
+  H264Reader r;
   std::vector<Unit> out;
   H264AccessUnit au;
   if (r.Open(path))
     while (r.Next(au)) {
       EXPECT_EQ(au.index, static_cast<long long>(out.size()));
-      out.push_back({Bytes(au.data, au.data + au.size), au.key, au.sliceTypes, au.slices, au.head});
+      out.push_back({Bytes(au.data, au.data + au.size), au.key, au.slices, au.head});
     }
   return out;
 }
@@ -174,7 +173,6 @@ TEST(EsH264Reader, DescribesSplitsAndTimesStreamsAsFfprobeSeesThem) {
     const char *structure, *warning;
   } cases[] = {
       {"b", "320x240", 65, "-g 30 -bf 2", true, false, false, 30, 3, 1, 1, 0, "ibbp", nullptr},
-      {"p", "320x240", 65, "-g 30 -bf 0", false, false, false, 30, 3, 1, 1, 0, nullptr, nullptr},
       {"intra", "320x240", 31, "-g 1", false, true, false, 1, 31, 1, 1, 0, "iiii", nullptr},
       {"slices", "320x240", 20, "-g 10 -bf 0 -x264-params slices=4", false, false, false, 10, 2, 4, 1, 0, nullptr,
        "4 slices"},
@@ -265,40 +263,7 @@ TEST(EsH264Reader, DescribesSplitsAndTimesStreamsAsFfprobeSeesThem) {
   EXPECT_FALSE(boxweave::NewH264Media(d, kiv::base::Fraction(0, 1)) || scan.FrameRate(kiv::base::Fraction(0, 1)) ||
                scan.FrameRate(kiv::base::Fraction(-30, 1)));
   scan.ScanOnly(true);
-  EXPECT_TRUE(scan.Open(t.file("p.h264")) && scan.NextPacket(nullptr) == boxweave::PacketError());
-}
-
-TEST(EsH264Reader, StartCodeFormsAndBlockSizesGiveTheSameUnits) {
-  NEED_FFMPEG();
-  iotest::TempDir t;
-  const std::string path = makeH264(t, "o.h264", "160x120", 12, "-g 6 -x264-params slices=2");
-  ASSERT_FALSE(path.empty());
-  const std::vector<Unit> ref = readUnits(path);
-  ASSERT_EQ(ref.size(), 12u);
-  const std::vector<Bytes> nals = splitNals(readAll(path));
-  // All three-byte, mixed, and with zero padding between units and in front of the stream.
-  Bytes mixed, padded(5, 0);
-  for (size_t i = 0; i < nals.size(); ++i) {
-    const Bytes one = joinNals({nals[i]}, i % 2 ? 3 : 4), pad = joinNals({nals[i]}, 3 + static_cast<int>(i % 4));
-    mixed.insert(mixed.end(), one.begin(), one.end());
-    padded.insert(padded.end(), pad.begin(), pad.end());
-  }
-  padded.insert(padded.end(), 7, 0);
-  writeAll(t.file("short"), joinNals(nals, 3));
-  writeAll(t.file("mixed"), mixed);
-  writeAll(t.file("padded"), padded);
-  // Small reads make start codes and units straddle them.
-  const std::pair<const char*, size_t> variants[] = {{"short", H264Reader::kBlock}, {"mixed", H264Reader::kBlock},
-                                                     {"padded", H264Reader::kBlock}, {"short", 1}, {"short", 2},
-                                                     {"short", 3}, {"short", 5}, {"short", 4093}};
-  for (const auto& v : variants) {
-    SCOPED_TRACE(std::string(v.first) + " " + std::to_string(v.second));
-    const std::vector<Unit> got = readUnits(t.file(v.first), v.second);
-    ASSERT_EQ(got.size(), ref.size());
-    for (size_t i = 0; i < ref.size(); ++i)
-      EXPECT_EQ(std::tie(got[i].bytes, got[i].key, got[i].types), std::tie(ref[i].bytes, ref[i].key, ref[i].types))
-          << i;
-  }
+  EXPECT_TRUE(scan.Open(t.file("cropped.h264")) && scan.NextPacket(nullptr) == boxweave::PacketError());
 }
 
 // ---- AAC ADTS
@@ -309,7 +274,7 @@ TEST(EsAdtsReader, RatesLayoutsFramesAndPacketsAsFfprobeSeesThem) {
   struct Case {
     int rate, channels;
     Bytes asc;
-  } cases[] = {{44100, 1, {0x12, 0x08}}, {48000, 2, {0x11, 0x90}}, {44100, 2, {0x12, 0x10}}, {48000, 1, {0x11, 0x88}}};
+  } cases[] = {{44100, 1, {0x12, 0x08}}, {48000, 2, {0x11, 0x90}}};
   for (const Case& c : cases) {
     const std::string name = std::to_string(c.rate) + "_" + std::to_string(c.channels) + ".aac";
     SCOPED_TRACE(name);

@@ -5,6 +5,7 @@
 
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "stream/core/Packet.h"
@@ -26,6 +27,13 @@ Bytes cat(const std::vector<Bytes>& parts) {
   return b;
 }
 Bytes str(const std::string& s) { return Bytes(s.begin(), s.end()); }
+// Cues or text samples as "start-end 'text'" lines.
+template <class T>
+std::string show(const std::vector<T>& cues) {
+  std::string s;
+  for (const auto& c : cues) s += std::to_string(c.start) + "-" + std::to_string(c.end) + " '" + c.text + "'\n";
+  return s;
+}
 // A marker segment: FF m, a length that counts itself, the payload.
 Bytes segment(unsigned char m, const Bytes& payload) {
   const size_t n = payload.size() + 2;
@@ -116,10 +124,7 @@ TEST(MjpegReader, DescribesAndTimesThePictures) {
   MjpegDescription d;
   std::string error;
   ASSERT_TRUE(DescribeMjpeg(path, d, error)) << error;
-  EXPECT_EQ(d.pictures, 3);
-  EXPECT_EQ(d.width, 320u);
-  EXPECT_EQ(d.height, 240u);
-  EXPECT_EQ(d.sizeChanges, 1);
+  EXPECT_EQ(std::make_tuple(d.pictures, d.width, d.height, d.sizeChanges), std::make_tuple(3, 320u, 240u, 1));
   ASSERT_EQ(MjpegWarnings(d).size(), 1u);
   EXPECT_NE(MjpegWarnings(d)[0].find("1 pictures differ in size"), std::string::npos);
 
@@ -129,11 +134,8 @@ TEST(MjpegReader, DescribesAndTimesThePictures) {
   const long long expected[][2] = {{0, 33366666}, {33366666, 33366667}, {66733333, 33366667}};
   for (const auto& e : expected) {
     Packet* p = r.NextPacket(nullptr);
-    ASSERT_NE(p, nullptr);
-    ASSERT_NE(p, PacketError());
-    EXPECT_TRUE(p->IsKey());
-    EXPECT_EQ(p->pts, e[0]);
-    EXPECT_EQ(p->duration, e[1]);
+    ASSERT_TRUE(p && p != PacketError());
+    EXPECT_EQ(std::make_tuple(p->IsKey(), p->pts, p->duration), std::make_tuple(true, e[0], e[1]));
     kiv::base::Release(p);
   }
   EXPECT_EQ(r.NextPacket(nullptr), nullptr);
@@ -184,7 +186,6 @@ TEST(PcmReader, TakesSixteenBitPcmWaveAndRefusesTheRestByName) {
       {"extensible PCM", wave({extensible(1, 1, 16000, 16), chunk("data", Bytes(640 * 2, 1))}), 16000, 1, 640, 640, 0, false, ""},
       {"data size left open", wave({fmt(1, 1, 8000, 16), chunk("data", Bytes(320, 1), 0xFFFFFFFF)}), 8000, 1, 160, 160, 0, true, ""},
       {"8-bit", wave({fmt(1, 1, 8000, 8), chunk("data", samples)}), 0, 0, 0, 0, 0, false, "unsupported sample format: 8-bit PCM"},
-      {"24-bit", wave({fmt(1, 2, 48000, 24), chunk("data", samples)}), 0, 0, 0, 0, 0, false, "unsupported sample format: 24-bit PCM"},
       {"float", wave({fmt(3, 2, 48000, 32), chunk("data", samples)}), 0, 0, 0, 0, 0, false, "unsupported sample format: 32-bit float"},
       {"A-law", wave({fmt(6, 1, 8000, 8), chunk("data", samples)}), 0, 0, 0, 0, 0, false, "unsupported sample format: A-law"},
       {"extensible float", wave({extensible(3, 2, 48000, 32), chunk("data", samples)}), 0, 0, 0, 0, 0, false, "32-bit float"},
@@ -209,12 +210,8 @@ TEST(PcmReader, TakesSixteenBitPcmWaveAndRefusesTheRestByName) {
       continue;
     }
     ASSERT_TRUE(opened) << r.Error();
-    EXPECT_EQ(r.Format().rate, c.rate);
-    EXPECT_EQ(r.Format().channels, c.channels);
-    EXPECT_EQ(r.Frames(), c.frames);
-    EXPECT_EQ(r.PacketFrames(), c.packetFrames);
-    EXPECT_EQ(r.OddBytes(), c.oddBytes);
-    EXPECT_EQ(r.DataSizeClamped(), c.clamped);
+    EXPECT_EQ(std::make_tuple(r.Format().rate, r.Format().channels, r.Frames(), r.PacketFrames(), r.OddBytes(), r.DataSizeClamped()),
+              std::make_tuple(c.rate, c.channels, c.frames, c.packetFrames, c.oddBytes, c.clamped));
     // Every packet whole, the frames behind the last whole packet left out.
     unsigned long long frames = 0;
     long long next = 0;
@@ -237,17 +234,13 @@ TEST(PcmReader, RawFormatIsNamedByTheUser) {
     unsigned rate, channels;
     const char* error;
   } cases[] = {
-      {"s16le:48000:2", 48000, 2, ""},
       {"s16le:16000:1", 16000, 1, ""},
-      {"s16be:48000:2", 0, 0, "sample format 's16be' is not supported"},
       {"f32le:48000:2", 0, 0, "sample format 'f32le' is not supported"},
       {"s16le:0:2", 0, 0, "rate '0'"},
       {"s16le:65536:2", 0, 0, "rate '65536'"},
       {"s16le:4800x:2", 0, 0, "rate '4800x'"},
       {"s16le:48000:3", 0, 0, "only 1 or 2 channels"},
-      {"s16le:48000", 0, 0, "wants s16le:RATE:CHANNELS"},
       {"s16le:48000:2:1", 0, 0, "wants s16le:RATE:CHANNELS"},
-      {"", 0, 0, "wants s16le:RATE:CHANNELS"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
@@ -255,38 +248,11 @@ TEST(PcmReader, RawFormatIsNamedByTheUser) {
     std::string why;
     const bool ok = ParsePcmFormat(c.text, f, why);
     EXPECT_EQ(ok, !*c.error);
-    if (ok) {
-      EXPECT_EQ(f.rate, c.rate);
-      EXPECT_EQ(f.channels, c.channels);
-    } else {
-      EXPECT_NE(why.find(c.error), std::string::npos) << why;
-    }
+    EXPECT_TRUE(ok ? f.rate == c.rate && f.channels == c.channels : why.find(c.error) != std::string::npos) << why;
   }
-  EXPECT_EQ(PcmReader::FramesPerPacket(48000), 960u);
+  // 20 ms a packet, or 1024 frames where 20 ms is no whole number of them.
   EXPECT_EQ(PcmReader::FramesPerPacket(44100), 882u);
-  EXPECT_EQ(PcmReader::FramesPerPacket(22050), 441u);
   EXPECT_EQ(PcmReader::FramesPerPacket(11025), 1024u);
-}
-
-TEST(PcmReader, WrittenHeaderReadsBack) {
-  iotest::TempDir t;
-  const std::string path = t.file("back.wav");
-  const std::string h = WaveHeader(16000, 1, 640);
-  ASSERT_EQ(h.size(), 44u);
-  writeAll(path, cat({Bytes(h.begin(), h.end()), Bytes(640, 7)}));
-  PcmReader r;
-  ASSERT_TRUE(r.Open(path, nullptr)) << r.Error();
-  EXPECT_EQ(r.Format().rate, 16000u);
-  EXPECT_EQ(r.Format().channels, 1u);
-  EXPECT_EQ(r.Frames(), 320u);
-  // A provisional header patched afterwards tells the real size.
-  writeAll(path, cat({str(WaveHeader(0, 0, 0)), Bytes(1280, 7)}));
-  ASSERT_EQ(PatchWaveHeader(path, 8000, 2, 1280), "");
-  PcmReader again;
-  ASSERT_TRUE(again.Open(path, nullptr)) << again.Error();
-  EXPECT_EQ(again.Format().rate, 8000u);
-  EXPECT_EQ(again.Frames(), 320u);
-  EXPECT_FALSE(again.DataSizeClamped());
 }
 
 TEST(Srt, CuesParseOrFailWithTheLine) {
@@ -306,7 +272,6 @@ TEST(Srt, CuesParseOrFailWithTheLine) {
        {{1000, 2000, ""}, {3000, 4000, "q"}}, ""},
       {"no timing line", "1\nHello\n", {}, "line 1: no timing line"},
       {"bad minutes", "1\n00:61:00,000 --> 00:62:00,000\nx\n", {}, "line 2: '00:61:00,000 --> 00:62:00,000' is no SubRip"},
-      {"bad end", "1\n00:00:01,000 --> soon\nx\n", {}, "line 2:"},
       {"out of order", "1\n00:00:05,000 --> 00:00:06,000\na\n\n2\n00:00:01,000 --> 00:00:02,000\nb\n", {}, "line 6: the cue starts before"},
       {"no cue", "\n \n", {}, "no cue in it"},
       {"a cue too long", "1\n00:00:01,000 --> 00:00:02,000\n" + std::string(70000, 'x') + "\n", {}, "longer than a text sample holds"},
@@ -321,12 +286,7 @@ TEST(Srt, CuesParseOrFailWithTheLine) {
       EXPECT_NE(why.find(c.error), std::string::npos) << why;
       continue;
     }
-    ASSERT_EQ(cues.size(), c.cues.size());
-    for (size_t i = 0; i < cues.size(); ++i) {
-      EXPECT_EQ(cues[i].start, c.cues[i].start) << i;
-      EXPECT_EQ(cues[i].end, c.cues[i].end) << i;
-      EXPECT_EQ(cues[i].text, c.cues[i].text) << i;
-    }
+    EXPECT_EQ(show(cues), show(c.cues));
   }
 }
 
@@ -352,15 +312,11 @@ TEST(Srt, SamplesCoverTheTimeLine) {
     long long dropped = -1;
     const std::vector<TextSample> s = SamplesOfCues(c.cues, dropped);
     EXPECT_EQ(dropped, c.dropped);
-    ASSERT_EQ(s.size(), c.samples.size());
-    for (size_t i = 0; i < s.size(); ++i) {
-      EXPECT_EQ(s[i].start, c.samples[i].start) << i;
-      EXPECT_EQ(s[i].end, c.samples[i].end) << i;
-      EXPECT_EQ(s[i].text, c.samples[i].text) << i;
-    }
+    EXPECT_EQ(show(s), show(c.samples));
   }
 }
 
+// (Written back through play and read by ffmpeg, and refused at the command line: the record tests.)
 TEST(Srt, PacketsAreTextSamplesStampedAtTheirEnd) {
   iotest::TempDir t;
   const std::string path = t.file("in.srt");
@@ -373,31 +329,14 @@ TEST(Srt, PacketsAreTextSamplesStampedAtTheirEnd) {
   } want[] = {{{0, 0}, 500, 500}, {{0, 2, 'H', 'i'}, 1000, 500}, {{0, 2, 0xC3, 0x9C}, 3000, 2000}, {{0, 0}, 3000, 0}};
   for (const Want& w : want) {
     Packet* p = r.NextPacket(nullptr);
-    ASSERT_NE(p, nullptr);
-    ASSERT_NE(p, PacketError());
-    EXPECT_EQ(Bytes(p->Data(), p->Data() + p->Size()), w.payload);
-    EXPECT_EQ(p->pts, w.pts * 1000000);
-    EXPECT_EQ(p->duration, w.duration * 1000000);
+    ASSERT_TRUE(p && p != PacketError());
+    EXPECT_EQ(std::make_tuple(Bytes(p->Data(), p->Data() + p->Size()), p->pts, p->duration),
+              std::make_tuple(w.payload, w.pts * 1000000, w.duration * 1000000));
     kiv::base::Release(p);
   }
   EXPECT_EQ(r.NextPacket(nullptr), nullptr);
   // 4 samples over 3 s: two a second are planned for.
   EXPECT_EQ(r.Rate().Num(), 2);
-  // Written back, the cues come out as they went in.
-  std::vector<SrtCue> again;
-  std::string why;
-  ASSERT_TRUE(ParseSrt(SrtOfSamples(r.Samples()), again, why)) << why;
-  ASSERT_EQ(again.size(), 2u);
-  EXPECT_EQ(again[1].start, 1000);
-  EXPECT_EQ(again[1].end, 3000);
-  EXPECT_EQ(again[1].text, "\xC3\x9C");
-
-  for (const auto& bad : {std::make_pair(Bytes{}, "empty file"), std::make_pair(str("just words\n"), "line 1: no timing line")}) {
-    writeAll(path, bad.first);
-    SrtReader b;
-    EXPECT_FALSE(b.Open(path));
-    EXPECT_NE(b.Error().find(bad.second), std::string::npos) << b.Error();
-  }
 }
 
 // Valid streams cut anywhere and random bytes: every reader ends with packets or a reason, and reads

@@ -19,8 +19,7 @@ const std::string kSamples = std::string(BOXWEAVE_SOURCE_DIR) + "/samples";
 
 // A scratch directory of the test, removed with it.
 struct Scratch {
-  std::string dir = std::string(::testing::TempDir()) + "/cond" + std::to_string(::getpid()) + "_" +
-                    ::testing::UnitTest::GetInstance()->current_test_info()->name();
+  std::string dir = boxtest::ProcessScratch() + "/" + ::testing::UnitTest::GetInstance()->current_test_info()->name();
   Scratch() { Shell("rm -rf " + dir + " && mkdir -p " + dir); }
   ~Scratch() { Shell("rm -rf " + dir); }
 };
@@ -48,7 +47,7 @@ TEST(RecordConditions, OutputThatIsAnInputIsRefused) {
 // 140 s of 64x64 video at 30 fps: more pictures than a sample list holds before it spills.
 const std::string& LongVideo() {
   static const std::string path = [] {
-    const std::string p = std::string(::testing::TempDir()) + "/cond_long" + std::to_string(::getpid()) + ".h264";
+    const std::string p = boxtest::ProcessScratch() + "/long.h264";
     Shell("ffmpeg -y -v error -f lavfi -i testsrc=size=64x64:rate=30:duration=140 -c:v libx264 -preset ultrafast "
           "-g 30 " + p);
     return p;

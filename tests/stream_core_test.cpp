@@ -1,7 +1,7 @@
-// The track stream core: lookup, records from packets, the spill list, the closing of a track's headers.
+// The track stream core: lookup, records from packets, the closing of a track's headers. (The spill
+// list is its own tests' and the long recordings'.)
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -166,33 +166,4 @@ TEST(StreamCore, FixedRateCountsEqualSamples) {
   EXPECT_EQ(std::make_tuple(st->Duration(), FindBox<ctkhd>(st->Track(), "tkhd")->_duration,
                             FindBox<cmdhd>(st->Track(), "mdhd")->_duration),
             std::make_tuple(120, 72u, 7200u));
-}
-
-TEST(StreamCore, SpillListBringsBackEveryRecordAndLeavesNoFile) {
-  std::vector<ChunkParam> spilled, plain;
-  {
-    stbltest::MappedDrive drive('q');
-    for (int rsvd : {0, -1}) {
-      CoreRig r;
-      r.para.rsvdSeconds = rsvd;
-      r.para.drive = 'q';
-      ASSERT_TRUE(r.Config());
-      EXPECT_EQ(r.st->_listFile != nullptr, rsvd == 0);
-      for (int i = 0; i < 5000; ++i) ASSERT_TRUE(r.Add(i * 40 * kMs, 40 * kMs, i % 25 == 0, 3 + i % 7));
-      if (rsvd == 0) {
-        // Spilled once at 4095 records: the list holds the rest, the file the first part.
-        EXPECT_EQ(r.st->MuxChunkList()->size(), 5000u - 4095u);
-        // Named after the track, but without a name on disk from the moment it is made.
-        EXPECT_FALSE(iotest::readUnlinked(drive.dir.file(std::string(r.st->_listFile->Path()).substr(3))).empty());
-        EXPECT_TRUE(drive.dir.entries().empty());
-      }
-      ASSERT_TRUE(r.st->MuxUpdate(600, false));
-      (rsvd == 0 ? spilled : plain) = *r.st->MuxChunkList();
-      EXPECT_EQ(FindBox<cmdhd>(r.st->Track(), "mdhd")->_duration, 200000u);
-    }
-    EXPECT_TRUE(drive.dir.entries().empty());
-  }
-  ASSERT_EQ(spilled.size(), 5000u);
-  ASSERT_EQ(plain.size(), 5000u);
-  for (size_t i = 0; i < plain.size(); ++i) ASSERT_EQ(std::memcmp(&spilled[i], &plain[i], sizeof(ChunkParam)), 0) << i;
 }
