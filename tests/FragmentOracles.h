@@ -44,7 +44,7 @@ inline std::vector<std::string> FrameMd5s(const std::string& file, const char* k
 // options and the -i. Through a file: a pipe read as text stops at the first zero byte.
 inline std::string DecodeAudio(const std::string& input) {
   static int n = 0;
-  const std::string raw = ::testing::TempDir() + "/fragaudio" + std::to_string(::getpid()) + "_" + std::to_string(n++);
+  const std::string raw = boxtest::ProcessScratch() + "/fragaudio" + std::to_string(::getpid()) + "_" + std::to_string(n++);
   Shell("ffmpeg -nostdin -v error " + input + " -map 0:a:0 -f s16le -y " + raw);
   const std::string bytes = ReadWhole(raw);
   Shell("rm -f " + raw);

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <gtest/gtest.h>
+
+#include "tests/ToolRun.h"
 #include <unistd.h>
 
 #include <algorithm>
@@ -215,7 +217,7 @@ inline Bytes ReadFile(const std::string& path) {
 }
 inline bool FileExists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
 inline std::string TempPath(const std::string& name) {
-  return std::string(::testing::TempDir()) + "/" + name + "_" + std::to_string(::getpid());
+  return boxtest::ProcessScratch() + "/" + name + "_" + std::to_string(::getpid());
 }
 
 }  // namespace muxtest

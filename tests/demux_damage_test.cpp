@@ -121,7 +121,7 @@ struct Base {
 
 std::vector<Base> Bases() {
   std::vector<Base> out;
-  const std::string dir = std::string(::testing::TempDir()) + "/demux_damage_" + std::to_string(::getpid());
+  const std::string dir = boxtest::ProcessScratch() + "/demux_damage_" + std::to_string(::getpid());
   Shell("rm -rf " + dir + " && mkdir -p " + dir);
   // The bundled sample's first 60 pictures (and the sound the recorder keeps beside them), both formats.
   const std::string samples = std::string(BOXWEAVE_SOURCE_DIR) + "/samples/";

@@ -17,7 +17,7 @@ const std::string& sample() {
 }
 
 TEST(FragmentCli, OptionsAndTheirMistakes) {
-  const std::string out = ::testing::TempDir() + "/fmp4cli" + std::to_string(::getpid());
+  const std::string out = boxtest::ProcessScratch() + "/fmp4cli" + std::to_string(::getpid());
   struct Case {
     std::string args;
     int status;

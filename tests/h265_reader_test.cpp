@@ -151,7 +151,7 @@ Bytes Join(const std::vector<Bytes>& nals, size_t startCode = 4) {
 }
 
 struct Scratch {
-  std::string dir = std::string(::testing::TempDir()) + "/h265r" + std::to_string(::getpid());
+  std::string dir = boxtest::ProcessScratch() + "/h265r" + std::to_string(::getpid());
   Scratch() { Shell("rm -rf " + dir + " && mkdir -p " + dir); }
   ~Scratch() { Shell("rm -rf " + dir); }
   std::string Write(const std::string& name, const Bytes& b) const {

@@ -2,6 +2,8 @@
 // host_stream_test's), the stream-owning mix-in.
 #include <gtest/gtest.h>
 
+#include "tests/ToolRun.h"
+
 #include <unistd.h>
 
 #include <cstdio>
@@ -296,7 +298,7 @@ class FileElement : public ISource, public IIO {
 // Recording through the mix-in is the muxer's business and tested there; here the url property found on
 // the registered base and the stream's life.
 TEST(HostIIO, OpensTheStreamNamedByTheUrlProperty) {
-  const std::string path = ::testing::TempDir() + "/host_element_iio_" + std::to_string(::getpid());
+  const std::string path = boxtest::ProcessScratch() + "/host_element_iio_" + std::to_string(::getpid());
   FileElement writer("wb");
   ASSERT_TRUE(kiv::base::IAttributes::fromString(writer, ("url=" + path).c_str()));
   ASSERT_TRUE(writer.Open());

@@ -38,7 +38,7 @@ const struct {
 class Info : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    dir_ = std::string(::testing::TempDir()) + "/info" + std::to_string(::getpid());
+    dir_ = boxtest::ProcessScratch() + "/info" + std::to_string(::getpid());
     Shell("mkdir -p " + dir_);
     for (const auto& f : kFiles)
       Shell("ffmpeg -nostdin -loglevel error -y -f lavfi -i testsrc=size=96x64:rate=25 -f lavfi -i "

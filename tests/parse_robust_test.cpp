@@ -32,7 +32,7 @@ const struct {
 class ForeignFiles : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    dir_ = std::string(::testing::TempDir()) + "/foreign" + std::to_string(::getpid());
+    dir_ = boxtest::ProcessScratch() + "/foreign" + std::to_string(::getpid());
     Shell("mkdir -p " + dir_);
     for (const auto& s : kSamples) {
       const std::string cmd = "ffmpeg -nostdin -loglevel error -y -f lavfi -i testsrc=size=96x64:rate=25 -f lavfi "

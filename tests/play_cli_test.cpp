@@ -15,7 +15,7 @@ namespace {
 class PlayCli : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    dir_ = std::string(::testing::TempDir()) + "/playcli" + std::to_string(::getpid());
+    dir_ = boxtest::ProcessScratch() + "/playcli" + std::to_string(::getpid());
     const std::string samples = std::string(BOXWEAVE_SOURCE_DIR) + "/samples";
     Shell("rm -rf " + dir_ + " && mkdir -p " + dir_);
     ok_ = RunTool("record -o " + dir_ + "/both.mov --video " + samples + "/sample.h264 --audio " + samples +

@@ -115,9 +115,7 @@ class TablesOnFile : public ::testing::Test {
       why_ = "ffmpeg is not installed";
       return;
     }
-    std::string tmp = ::testing::TempDir();
-    if (!tmp.empty() && tmp.back() == '/') tmp.pop_back();
-    dir_ = tmp + "/bw_tables_on_file_" + std::to_string(::getpid());
+    dir_ = boxtest::ProcessScratch() + "/bw_tables_on_file_" + std::to_string(::getpid());
     Shell("rm -rf " + dir_ + " && mkdir -p " + dir_);
     const std::string ff = "ffmpeg -nostdin -v error -y ", d = dir_ + "/";
     const std::string pictures = ff + "-f lavfi -i testsrc2=size=96x64:rate=30 -frames:v 150 -pix_fmt yuv420p -c:v libx264 ";

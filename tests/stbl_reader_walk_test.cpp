@@ -2,6 +2,8 @@
 // must land where the walk a frame at a time lands, whatever the runs, the jumps and their order:
 // the same table parser driven twice, once with the runs hidden from the walk.
 #include <gtest/gtest.h>
+
+#include "tests/ToolRun.h"
 #include <unistd.h>
 
 #include <cstdint>
@@ -104,7 +106,7 @@ std::pair<long long, long long> SameAnswers(const std::vector<std::pair<uint32_t
   for (int i = 0; i < 300; ++i) audio.samples.push_back({8, 1024, true});
   layout.tracks = {video, audio};
   const movie::Movie m = movie::Build(layout);
-  const std::string path = ::testing::TempDir() + "/bw_walk_" + std::to_string(::getpid()) + ".mp4";
+  const std::string path = boxtest::ProcessScratch() + "/bw_walk_" + std::to_string(::getpid()) + ".mp4";
   std::ofstream(path, std::ios::binary)
       .write(reinterpret_cast<const char*>(m.bytes.data()), static_cast<std::streamsize>(m.bytes.size()));
   OnFile fast, steps;
