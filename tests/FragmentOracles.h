@@ -28,17 +28,7 @@ inline void Save(const std::string& path, const Bytes& b, size_t n = ~size_t{0})
   f.write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(std::min(n, b.size())));
 }
 
-// The md5 of each decoded frame (video "v" or audio "a"), as generated::FrameMd5s, with extra
-// demuxer options in front of the input.
-inline std::vector<std::string> FrameMd5s(const std::string& file, const char* kind, const std::string& inputOptions) {
-  std::istringstream out(Capture("ffmpeg -nostdin -v quiet " + inputOptions + " -i '" + file + "' -map 0:" + kind +
-                                 ":0 -fps_mode passthrough -f framemd5 - 2>/dev/null"));
-  std::vector<std::string> md5s;
-  for (std::string line; std::getline(out, line);)
-    if (!line.empty() && line[0] != '#') md5s.push_back(line.substr(line.rfind(',') + 1));
-  for (std::string& m : md5s) m.erase(0, m.find_first_not_of(' '));
-  return md5s;
-}
+using generated::FrameMd5s;
 
 // Every sample of the first audio stream as ffmpeg decodes it, 16-bit interleaved; `input` is the
 // options and the -i. Through a file: a pipe read as text stops at the first zero byte.

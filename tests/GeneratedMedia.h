@@ -71,8 +71,10 @@ inline Decoded Decode(const std::string& dir, const std::string& file, bool vide
 
 // The md5 of each decoded frame of the file's first stream of a kind ("v" or "a"), in the order the
 // decoder gives them, times left out: frame for frame what a player shows. Empty when ffmpeg fails.
-inline std::vector<std::string> FrameMd5s(const std::string& file, const char* kind) {
-  std::istringstream out(Capture("ffmpeg -nostdin -v error -i '" + file + "' -map 0:" + kind +
+// inputOptions go in front of the input (demuxer options).
+inline std::vector<std::string> FrameMd5s(const std::string& file, const char* kind,
+                                          const std::string& inputOptions = "") {
+  std::istringstream out(Capture("ffmpeg -nostdin -v error " + inputOptions + " -i '" + file + "' -map 0:" + kind +
                                  ":0 -fps_mode passthrough -f framemd5 - 2>/dev/null"));
   std::vector<std::string> md5s;
   for (std::string line; std::getline(out, line);)
